@@ -61,7 +61,7 @@ class String {
     size_t pos_ = 0;
   };
 
-  String() : buf_(empty()) {}
+  String() : buf_(emptyBuffer()) {}
   String(char const* s) : buf_(std::make_shared<std::string const>(s)) {}
   String(std::string s) : buf_(std::make_shared<std::string const>(std::move(s))) {}
   String(std::string_view s) : buf_(std::make_shared<std::string const>(s)) {}
@@ -80,7 +80,7 @@ class String {
   friend std::ostream& operator<<(std::ostream& os, String const& s) { return os << *s.buf_; }
 
  private:
-  static std::shared_ptr<std::string const> const& empty() {
+  static std::shared_ptr<std::string const> const& emptyBuffer() {
     static std::shared_ptr<std::string const> const e = std::make_shared<std::string const>();
     return e;
   }
