@@ -1,0 +1,130 @@
+// The statistics cell registry: one stable cell per name.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "Lomi/Exception.h"
+#include "Thrum/Thrum.h"
+
+namespace {
+
+TEST(Thrum, SameNameSameCellAndCellsNeverMove) {
+  Thrum::Writer w;
+  uint64_t* is = w.cell("hoIpFlowConfigIs");
+  uint64_t* del = w.cell("hoIpFlowConfigDel");
+  EXPECT_NE(is, del);
+  EXPECT_EQ(w.cell(std::string_view("hoIpFlowConfigIs")), is);
+  ++*is;
+  ++*is;
+  *del += 5;
+  // Enough new cells to make any growing container move its elements.
+  for (int i = 0; i < 5000; ++i) ++*w.cell(fmt::format("filler{}", i).c_str());
+  EXPECT_EQ(w.cell("hoIpFlowConfigIs"), is);
+  EXPECT_EQ(*is, 2u);
+  EXPECT_EQ(w.cellValue("hoIpFlowConfigIs"), 2u);
+  EXPECT_EQ(w.cellValue("hoIpFlowConfigDel"), 5u);
+  EXPECT_EQ(w.cellValue("filler4999"), 1u);
+  EXPECT_EQ(w.cells(), 5002u);
+}
+
+TEST(Thrum, ReadingAnAbsentNameMakesNoCell) {
+  Thrum::Writer w;
+  EXPECT_EQ(w.cellValue("never"), 0u);
+  EXPECT_FALSE(w.hasCell("never"));
+  EXPECT_EQ(w.cells(), 0u);
+  w.cellInc("sometimes");
+  w.cellInc("sometimes", 41);
+  EXPECT_TRUE(w.hasCell("sometimes"));
+  EXPECT_EQ(w.cellValue("sometimes"), 42u);
+}
+
+TEST(Thrum, RefusesNullAndEmptyNames) {
+  Thrum::Writer w;
+  try {
+    w.cell(static_cast<char const*>(nullptr));
+    FAIL() << "a null name was accepted";
+  } catch (Lomi::RuntimeException const& e) {
+    EXPECT_EQ(e.msg(), "Thrum cell name is null");
+  }
+  EXPECT_THROW(w.cell(""), Lomi::RuntimeException);
+  EXPECT_THROW(w.cellInc(""), Lomi::RuntimeException);
+  EXPECT_EQ(w.cells(), 0u);
+}
+
+TEST(Thrum, SnapshotIsSortedByName) {
+  Thrum::Writer w;
+  *w.cell("b") = 2;
+  *w.cell("a") = 1;
+  *w.cell("c") = 3;
+  auto snap = w.snapshot();
+  ASSERT_EQ(snap.size(), 3u);
+  EXPECT_EQ(snap[0], (std::pair<std::string, uint64_t>{"a", 1}));
+  EXPECT_EQ(snap[1], (std::pair<std::string, uint64_t>{"b", 2}));
+  EXPECT_EQ(snap[2], (std::pair<std::string, uint64_t>{"c", 3}));
+}
+
+TEST(Thrum, ProcessWriterIsOneRegistry) {
+  uint64_t* c = Thrum::writer().cell("thrumTestProcessCell");
+  EXPECT_EQ(&Thrum::writer(), &Thrum::writer());
+  EXPECT_EQ(Thrum::writer().cell("thrumTestProcessCell"), c);
+  uint64_t const before = Thrum::cellLoad(c);
+  ++*c;
+  EXPECT_EQ(Thrum::writer().cellValue("thrumTestProcessCell"), before + 1);
+}
+
+TEST(Thrum, ConcurrentLookupsAgreeOnEveryCell) {
+  Thrum::Writer w;
+  constexpr int kNames = 500;
+  std::vector<std::vector<uint64_t*>> seen(4, std::vector<uint64_t*>(kNames));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      // Each thread walks all names in its own order (multipliers prime to
+      // kNames make each walk a permutation).
+      static constexpr int kMultiplier[] = {1, 3, 7, 9};
+      for (int i = 0; i < kNames; ++i) {
+        int n = (i * kMultiplier[t] + t * 97) % kNames;
+        seen[t][n] = w.cell(fmt::format("concurrent{}", n));
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(w.cells(), static_cast<size_t>(kNames));
+  for (int t = 1; t < 4; ++t) EXPECT_EQ(seen[t], seen[0]) << "thread " << t;
+}
+
+// A forked child inherits the cells as they were and counts on its own copy.
+TEST(Thrum, ForkedChildCountsInItsOwnCopy) {
+  uint64_t* c = Thrum::writer().cell("thrumForkCell");
+  *c = 10;
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  pid_t const pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    ::close(fds[0]);
+    uint64_t* mine = Thrum::writer().cell("thrumForkCell");
+    *mine += 5;
+    uint64_t v = Thrum::writer().cellValue("thrumForkCell") + (mine == c ? 0 : 1000);
+    ssize_t n = ::write(fds[1], &v, sizeof v);
+    ::_exit(n == sizeof v ? 0 : 1);
+  }
+  ::close(fds[1]);
+  uint64_t childValue = 0;
+  ASSERT_EQ(::read(fds[0], &childValue, sizeof childValue), ssize_t(sizeof childValue));
+  ::close(fds[0]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(childValue, 15u) << "same address, inherited value, own increment";
+  EXPECT_EQ(*c, 10u) << "the parent's cell is untouched";
+}
+
+}  // namespace
