@@ -1,0 +1,124 @@
+// Text forms and sums of the statistics records.
+#include "Mirak/Counters.h"
+
+#include <array>
+#include <iterator>
+
+namespace Mirak {
+
+namespace {
+
+template <typename C>
+std::string countersText(C const& c) {
+  std::string out;
+  for (auto const& f : C::fields()) {
+    if (!out.empty()) out += ' ';
+    fmt::format_to(std::back_inserter(out), "{}:{}", f.name, c.*(f.member));
+  }
+  return out;
+}
+
+template <typename C>
+void countersAdd(C& into, C const& other) {
+  for (auto const& f : C::fields()) into.*(f.member) += other.*(f.member);
+}
+
+}  // namespace
+
+namespace Writer {
+
+#define MIRAK_FIELD(n) \
+  Counters::Field {    \
+#n, &Counters::n   \
+  }
+
+std::span<Counters::Field const> Counters::fields() {
+  static constexpr std::array table{
+      MIRAK_FIELD(lookups),
+      MIRAK_FIELD(inserts),
+      MIRAK_FIELD(overwrites),
+      MIRAK_FIELD(removes),
+      MIRAK_FIELD(slotsAllocated),
+      MIRAK_FIELD(slotsFreed),
+      MIRAK_FIELD(slotGrows),
+      MIRAK_FIELD(slotShrinks),
+      MIRAK_FIELD(remaps),
+      MIRAK_FIELD(slotsMoved),
+      MIRAK_FIELD(directWrites),
+      MIRAK_FIELD(directUpdates),
+      MIRAK_FIELD(directCommits),
+      MIRAK_FIELD(slowPathIterations),
+      MIRAK_FIELD(bucketGrows),
+      MIRAK_FIELD(bucketShrinks),
+      MIRAK_FIELD(lastBucketGrowTime),
+      MIRAK_FIELD(longestBucketGrowTime),
+      MIRAK_FIELD(lastBucketShrinkTime),
+      MIRAK_FIELD(longestBucketShrinkTime),
+      MIRAK_FIELD(ruskCount),
+      MIRAK_FIELD(sequencesProcessed),
+      MIRAK_FIELD(readers),
+      MIRAK_FIELD(sleepingReaders),
+      MIRAK_FIELD(slotMappedSize),
+      MIRAK_FIELD(bucketMappedSize),
+      MIRAK_FIELD(tesselMappedSize),
+  };
+  static_assert(sizeof(Counters) == table.size() * sizeof(uint64_t),
+                "every Writer::Counters field needs its entry in fields()");
+  return table;
+}
+
+#undef MIRAK_FIELD
+
+std::string Counters::toString() const {
+  return countersText(*this);
+}
+
+Counters& Counters::operator+=(Counters const& other) {
+  countersAdd(*this, other);
+  return *this;
+}
+
+}  // namespace Writer
+
+namespace Reader {
+
+#define MIRAK_FIELD(n) \
+  Counters::Field {    \
+#n, &Counters::n   \
+  }
+
+std::span<Counters::Field const> Counters::fields() {
+  static constexpr std::array table{
+      MIRAK_FIELD(lookups),
+      MIRAK_FIELD(retries),
+      MIRAK_FIELD(lookasideReads),
+      MIRAK_FIELD(nextSlowPath),
+      MIRAK_FIELD(slowPathSteps),
+      MIRAK_FIELD(resizesFollowed),
+      MIRAK_FIELD(slotResizes),
+      MIRAK_FIELD(bucketResizes),
+      MIRAK_FIELD(remaps),
+      MIRAK_FIELD(corruptionsDetected),
+      MIRAK_FIELD(walks),
+      MIRAK_FIELD(slotMappedSize),
+      MIRAK_FIELD(bucketMappedSize),
+  };
+  static_assert(sizeof(Counters) == table.size() * sizeof(uint64_t),
+                "every Reader::Counters field needs its entry in fields()");
+  return table;
+}
+
+#undef MIRAK_FIELD
+
+std::string Counters::toString() const {
+  return countersText(*this);
+}
+
+Counters& Counters::operator+=(Counters const& other) {
+  countersAdd(*this, other);
+  return *this;
+}
+
+}  // namespace Reader
+
+}  // namespace Mirak

@@ -1,0 +1,134 @@
+// Statistics of one table object: Mirak::Writer::Counters and
+// Mirak::Reader::Counters.
+//
+// Plain records of u64 counts, private to the process that keeps them and
+// returned by value. No decision of the table reads them: a counter that is
+// wrong misleads an operator, never a reader. Counters restart at zero with
+// every attach of a writer; the front object adds what it kept across back
+// ends with `operator+=`.
+//
+// Every field is a u64 and is listed in the matching `fields()` table, which
+// drives `toString()` and `operator+=`; a static_assert below ties the size of
+// each record to the length of its table, so a field added without its entry
+// fails to compile.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include <fmt/format.h>
+
+namespace Mirak {
+
+namespace Writer {
+
+struct Counters {
+  // Data operations.
+  uint64_t lookups = 0;
+  uint64_t inserts = 0;
+  uint64_t overwrites = 0;
+  uint64_t removes = 0;
+  // Slot table.
+  uint64_t slotsAllocated = 0;
+  uint64_t slotsFreed = 0;
+  uint64_t slotGrows = 0;
+  uint64_t slotShrinks = 0;
+  uint64_t remaps = 0;
+  uint64_t slotsMoved = 0;
+  // Direct mode.
+  uint64_t directWrites = 0;
+  uint64_t directUpdates = 0;
+  uint64_t directCommits = 0;
+  // Hash map: iteration steps that could not use their hint, and bucket
+  // resizes. Times are nanoseconds of wall time.
+  uint64_t slowPathIterations = 0;
+  uint64_t bucketGrows = 0;
+  uint64_t bucketShrinks = 0;
+  uint64_t lastBucketGrowTime = 0;
+  uint64_t longestBucketGrowTime = 0;
+  uint64_t lastBucketShrinkTime = 0;
+  uint64_t longestBucketShrinkTime = 0;
+  // Live values that `writerCounters()` fills in from the queue and the
+  // wake-up sockets when the record is handed out.
+  uint64_t ruskCount = 0;
+  uint64_t sequencesProcessed = 0;
+  uint64_t readers = 0;
+  uint64_t sleepingReaders = 0;
+  uint64_t slotMappedSize = 0;
+  uint64_t bucketMappedSize = 0;
+  uint64_t tesselMappedSize = 0;
+
+  struct Field {
+    char const* name;
+    uint64_t Counters::*member;
+  };
+  static std::span<Field const> fields();
+
+  // "lookups:0 inserts:0 ...", every field in declaration order.
+  std::string toString() const;
+  // Adds every field of `other`: counts accumulate. For the live values and
+  // the "last"/"longest" times the sum has no meaning; callers that merge
+  // records take those from the newest record instead.
+  Counters& operator+=(Counters const& other);
+  friend bool operator==(Counters const&, Counters const&) = default;
+};
+
+}  // namespace Writer
+
+namespace Reader {
+
+struct Counters {
+  uint64_t lookups = 0;
+  // Restarts of a chain walk, after a link or word moved under the reader.
+  uint64_t retries = 0;
+  // Passes through a slot that found LOOKASIDE set.
+  uint64_t lookasideReads = 0;
+  // `next` calls that could not use their hint.
+  uint64_t nextSlowPath = 0;
+  // Steps taken on the slow path of `next`.
+  uint64_t slowPathSteps = 0;
+  // Operations retried because the writer grew or shrank a file under them.
+  uint64_t resizesFollowed = 0;
+  uint64_t slotResizes = 0;
+  uint64_t bucketResizes = 0;
+  uint64_t remaps = 0;
+  // Damage that was still there after every resize had been followed.
+  uint64_t corruptionsDetected = 0;
+  // `first` calls: the starts of a walk.
+  uint64_t walks = 0;
+  // Refreshed by `readerCounters()` from the mappings.
+  uint64_t slotMappedSize = 0;
+  uint64_t bucketMappedSize = 0;
+
+  struct Field {
+    char const* name;
+    uint64_t Counters::*member;
+  };
+  static std::span<Field const> fields();
+
+  std::string toString() const;
+  Counters& operator+=(Counters const& other);
+  friend bool operator==(Counters const&, Counters const&) = default;
+};
+
+}  // namespace Reader
+
+}  // namespace Mirak
+
+template <>
+struct fmt::formatter<Mirak::Writer::Counters> : fmt::formatter<std::string_view> {
+  template <typename Ctx>
+  auto format(Mirak::Writer::Counters const& c, Ctx& ctx) const {
+    return fmt::format_to(ctx.out(), "{}", c.toString());
+  }
+};
+
+template <>
+struct fmt::formatter<Mirak::Reader::Counters> : fmt::formatter<std::string_view> {
+  template <typename Ctx>
+  auto format(Mirak::Reader::Counters const& c, Ctx& ctx) const {
+    return fmt::format_to(ctx.out(), "{}", c.toString());
+  }
+};

@@ -1,0 +1,263 @@
+// The policy parts of a table: hashing, key retrieval, the value wrapper,
+// value copies, the default value; and the plain records beside them
+// (descriptor, counters, iteration hint).
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "Mirak/Counters.h"
+#include "Mirak/IterHint.h"
+#include "Mirak/MapDescriptor.h"
+#include "Mirak/Operations.h"
+#include "TestPolicy.h"
+
+namespace {
+
+using namespace MirakTest;
+
+static_assert(Mirak::TablePolicy<TestOps>);
+static_assert(Mirak::TablePolicy<MinimalOps>);
+static_assert(!Mirak::TablePolicy<int>);
+static_assert(std::is_same_v<TestOps::Key, TestKey> && std::is_same_v<TestOps::Value, TestValue>);
+static_assert(sizeof(TestValue) == sizeof(TestRecord));
+static_assert(sizeof(FieldKeyValue) == sizeof(FieldKeyRecord));
+// The empty policy slots cost the policy object nothing beyond its seed.
+static_assert(sizeof(TestOps) == sizeof(uint32_t));
+
+constexpr uint32_t kSeed = 20240611;
+
+TEST(MirakHash, MemberHashTakesTheSeed) {
+  std::mt19937 rng(kSeed);
+  std::printf("seed %u\n", kSeed);
+  int seedMattered = 0;
+  for (int i = 0; i < 200; ++i) {
+    TestKey k{static_cast<uint32_t>(rng()), static_cast<uint16_t>(rng())};
+    uint32_t s = rng();
+    uint32_t h = Mirak::Hash<TestKey, false>::hash(k, s);
+    EXPECT_EQ(h, k.hash(s));
+    if (h != Mirak::Hash<TestKey, false>::hash(k, s + 1)) ++seedMattered;
+  }
+  EXPECT_EQ(seedMattered, 200);
+}
+
+TEST(MirakHash, FreeFunctionFoundByArgumentLookup) {
+  for (uint32_t seed : {0u, 1u, 0x9e3779b9u}) {
+    for (ByteKey k : {ByteKey::none, ByteKey::low, ByteKey::high}) {
+      EXPECT_EQ((Mirak::Hash<ByteKey, false>::hash(k, seed)), Zeb::hashSingleAttr(seed, k));
+    }
+  }
+  EXPECT_NE((Mirak::Hash<ByteKey, false>::hash(ByteKey::low, 1)),
+            (Mirak::Hash<ByteKey, false>::hash(ByteKey::high, 1)));
+}
+
+TEST(MirakHash, SingleAttributeKeys) {
+  EXPECT_EQ((Mirak::Hash<uint32_t, true>::hash(42u, 5)), Zeb::hashSingleAttr(5u, 42u));
+  EXPECT_EQ((Mirak::Hash<uint8_t, true>::hash(uint8_t{3}, 5)), Zeb::hashSingleAttr(5u, uint8_t{3}));
+  EXPECT_NE((Mirak::Hash<uint32_t, true>::hash(42u, 5)),
+            (Mirak::Hash<uint32_t, true>::hash(43u, 5)));
+}
+
+TEST(MirakOps, SeedTravelsWithCopies) {
+  TestOps ops(1234);
+  EXPECT_EQ(ops.hashSeed(), 1234u);
+  EXPECT_EQ(ops.keyOps.hashSeed, 1234u);
+  TestKey k{9, 3};
+  EXPECT_EQ(ops.hash(k), k.hash(1234));
+  TestOps copy = ops;
+  EXPECT_EQ(copy.hash(k), ops.hash(k));
+  copy.hashSeedIs(99);
+  EXPECT_EQ(copy.hash(k), k.hash(99));
+  EXPECT_EQ(ops.hash(k), k.hash(1234)) << "the original keeps its own seed";
+}
+
+TEST(MirakOps, KeyComesOutOfTheValueByReference) {
+  TestRecord r;
+  r.key_ = {77, 4};
+  TestValue v(r);
+  decltype(auto) key = TestOps::key(v);
+  static_assert(std::is_same_v<decltype(key), TestKey const&>);
+  EXPECT_EQ(&key, &v.key_) << "the stored key is the front of the stored value";
+  EXPECT_TRUE(TestOps::keyEqual(key, TestKey{77, 4}));
+  EXPECT_TRUE(TestOps::keyLess(TestKey{1, 9}, TestKey{2, 0}));
+  EXPECT_TRUE(TestOps::keyLess(TestKey{2, 0}, TestKey{2, 1}));
+  EXPECT_FALSE(TestOps::keyLess(TestKey{2, 1}, TestKey{2, 1}));
+}
+
+TEST(MirakValueWrapper, AddsOnlyTheKeyOperation) {
+  TestRecord r;
+  r.key_ = {5, 6};
+  r.count = 1ull << 40;
+  TestValue v = r;
+  EXPECT_EQ(v.fwkKey(), r.key());
+  EXPECT_EQ(static_cast<void const*>(&v.record()), static_cast<void const*>(&v))
+      << "the record is the front of the wrapper";
+  TestRecord back = v;
+  EXPECT_EQ(back, r);
+  EXPECT_EQ(v.record(), r);
+
+  FieldKeyValue f(FieldKeyRecord{12, 34});
+  EXPECT_EQ(f.fwkKey(), 12u);
+  static_assert(std::is_same_v<decltype(f.fwkKey()), uint32_t const&>);
+}
+
+TEST(MirakValueOps, DefaultIsOneValuePerType) {
+  TestValue const* first = &TestOps::defaultValue();
+  EXPECT_EQ(first, &Mirak::Allocator<TestValue>::type_default());
+  EXPECT_EQ(TestOps::defaultValue(), TestValue());
+  EXPECT_EQ(TestOps::defaultValue().count, 7u);
+
+  // Many threads making the first use of another type's default at once
+  // all get the one object.
+  std::vector<FieldKeyValue const*> seen(8);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < seen.size(); ++i) {
+    threads.emplace_back(
+        [&seen, i] { seen[i] = &Mirak::Allocator<FieldKeyValue>::type_default(); });
+  }
+  for (auto& t : threads) t.join();
+  for (auto* p : seen) EXPECT_EQ(p, seen[0]);
+  EXPECT_EQ(seen[0]->key, 0u);
+}
+
+TEST(MirakValueOps, MarshallCopiesBytesAndNothingElse) {
+  TestRecord r;
+  r.key_ = {0xaabbccdd, 0x1122};
+  r.count = 0x0102030405060708ull;
+  r.flags = 0xfeedface;
+  TestValue v(r);
+  alignas(8) unsigned char slot[sizeof(TestValue) + 8];
+  std::memset(slot, 0x5a, sizeof slot);
+  TestOps::ValueOps::store(slot, v);
+  EXPECT_EQ(std::memcmp(slot, &v, sizeof v), 0);
+  for (size_t i = sizeof v; i < sizeof slot; ++i) EXPECT_EQ(slot[i], 0x5a) << "byte " << i;
+  TestValue out;
+  TestOps::ValueOps::load(out, slot);
+  EXPECT_EQ(out, v);
+  EXPECT_EQ(TestOps::valueSize, sizeof(TestRecord));
+}
+
+TEST(MirakValueOps, TypeNameIsTheRecordsName) {
+  EXPECT_EQ(TestOps::valueTypeName(), "MirakTest::TestRecord");
+  EXPECT_EQ(MinimalOps::valueTypeName(), "uint32_t");
+}
+
+TEST(MirakText, FormatterThenStreamThenBytes) {
+  EXPECT_EQ(TestOps::keyText(TestKey{3, 4}), "3/4");
+  TestRecord r;
+  r.key_ = {1, 2};
+  r.count = 9;
+  EXPECT_EQ(TestOps::valueText(TestValue(r)), "TestRecord(1/2 count 9)");
+  FieldKeyRecord f{0x01020304, 0};
+  EXPECT_EQ(Mirak::toText(f), "0x0403020100000000");
+}
+
+TEST(MirakIterHint, DefaultMatchesNoSlotAndPrints) {
+  Mirak::IterHint h;
+  EXPECT_EQ(h.versionFlags & 1u, 0u) << "no occupied slot has this word";
+  EXPECT_EQ(h.slotIndex, Mirak::IterHint::kNone);
+  EXPECT_EQ(h.bucket, Mirak::IterHint::kNone);
+  EXPECT_EQ(fmt::format("{}", Mirak::IterHint{5, 6, 7}), "IterHint{ version 5, slot 6, bucket 7 }");
+}
+
+TEST(MirakMapDescriptor, DefaultsAndEveryFieldCounts) {
+  Mirak::MapDescriptor d(100);
+  EXPECT_EQ(d.size, 100u);
+  EXPECT_EQ(d.type, Mirak::MirakType::writer);
+  EXPECT_FALSE(d.local || d.fixedSize || d.shrinkSlots || d.shrinkBuckets_ || d.pruneQueue ||
+               d.synchronous || d.shadowOption || d.heap || d.trackMemory || d.cleanupOnInit ||
+               d.reattach || d.assertOnOrphanAccess || d.criticalTaskCheck || d.prevValue);
+  EXPECT_EQ(d, Mirak::MapDescriptor(100));
+  EXPECT_NE(d, Mirak::MapDescriptor(101));
+
+  std::vector<bool Mirak::MapDescriptor::*> flags = {&Mirak::MapDescriptor::local,
+                                                     &Mirak::MapDescriptor::fixedSize,
+                                                     &Mirak::MapDescriptor::shrinkSlots,
+                                                     &Mirak::MapDescriptor::shrinkBuckets_,
+                                                     &Mirak::MapDescriptor::pruneQueue,
+                                                     &Mirak::MapDescriptor::synchronous,
+                                                     &Mirak::MapDescriptor::shadowOption,
+                                                     &Mirak::MapDescriptor::heap,
+                                                     &Mirak::MapDescriptor::trackMemory,
+                                                     &Mirak::MapDescriptor::cleanupOnInit,
+                                                     &Mirak::MapDescriptor::reattach,
+                                                     &Mirak::MapDescriptor::assertOnOrphanAccess,
+                                                     &Mirak::MapDescriptor::criticalTaskCheck,
+                                                     &Mirak::MapDescriptor::prevValue};
+  std::set<std::string> texts{d.toString()};
+  for (auto flag : flags) {
+    Mirak::MapDescriptor e(100);
+    e.*flag = true;
+    EXPECT_NE(e, d);
+    EXPECT_TRUE(texts.insert(e.toString()).second) << e.toString();
+  }
+  Mirak::MapDescriptor shadow(100);
+  shadow.type = Mirak::MirakType::shadow;
+  EXPECT_NE(shadow, d);
+  EXPECT_EQ(fmt::format("{}", shadow), shadow.toString());
+  EXPECT_NE(shadow.toString().find("type:shadow"), std::string::npos);
+
+  Mem::CollectionDescriptor const& base = d;
+  EXPECT_EQ(dynamic_cast<Mirak::MapDescriptor const&>(base), d);
+}
+
+TEST(MirakMapDescriptor, TypeTexts) {
+  EXPECT_EQ(Mirak::formatMirakType(Mirak::MirakType::writer), "writer");
+  EXPECT_EQ(Mirak::formatMirakType(Mirak::MirakType::shadow), "shadow");
+  EXPECT_EQ(Mirak::formatMirakType(Mirak::MirakType::reader), "reader");
+  EXPECT_EQ(Mirak::formatMirakType(Mirak::MirakType::keyshadow), "keyshadow");
+  EXPECT_EQ(Mirak::formatMirakType(static_cast<Mirak::MirakType>(9)), "MirakType(9)");
+  EXPECT_EQ(static_cast<int>(Mirak::MirakType::reader), 2);
+  EXPECT_EQ(static_cast<int>(Mirak::MirakType::keyshadow), 3);
+}
+
+template <typename C>
+class MirakCounters : public ::testing::Test {};
+using CounterTypes = ::testing::Types<Mirak::Writer::Counters, Mirak::Reader::Counters>;
+TYPED_TEST_SUITE(MirakCounters, CounterTypes);
+
+TYPED_TEST(MirakCounters, EveryFieldPrintsAndAdds) {
+  TypeParam a, b;
+  EXPECT_EQ(a, TypeParam());
+  uint64_t n = 1;
+  for (auto const& f : TypeParam::fields()) {
+    a.*(f.member) = n;
+    b.*(f.member) = 1000 * n;
+    ++n;
+  }
+  std::string text = a.toString();
+  n = 1;
+  size_t at = 0;
+  for (auto const& f : TypeParam::fields()) {
+    std::string part = fmt::format("{}:{}", f.name, n++);
+    size_t found = text.find(part, at);
+    ASSERT_NE(found, std::string::npos) << part << " in " << text;
+    at = found + part.size();
+  }
+  EXPECT_EQ(fmt::format("{}", a), text);
+  a += b;
+  n = 1;
+  for (auto const& f : TypeParam::fields()) {
+    EXPECT_EQ(a.*(f.member), 1001 * n) << f.name;
+    ++n;
+  }
+  EXPECT_NE(a, b);
+}
+
+TEST(MirakCounters, NamedFieldsExist) {
+  Mirak::Writer::Counters w;
+  w.lookups = w.inserts = w.overwrites = w.removes = w.slotsAllocated = w.slotsFreed = 1;
+  w.slotGrows = w.slotShrinks = w.remaps = w.directWrites = w.directUpdates = w.directCommits = 1;
+  w.slowPathIterations = w.bucketGrows = w.bucketShrinks = w.lastBucketGrowTime = 1;
+  w.longestBucketGrowTime = w.lastBucketShrinkTime = w.longestBucketShrinkTime = w.slotsMoved = 1;
+  EXPECT_NE(w.toString().find("longestBucketShrinkTime:1"), std::string::npos);
+  Mirak::Reader::Counters r;
+  r.lookups = r.retries = r.lookasideReads = r.slowPathSteps = r.resizesFollowed = 1;
+  r.corruptionsDetected = r.walks = r.nextSlowPath = 1;
+  EXPECT_NE(r.toString().find("corruptionsDetected:1"), std::string::npos);
+}
+
+}  // namespace
