@@ -1,0 +1,8 @@
+// The one instance of the queue writer that the tables use, compiled once.
+#include "Tessel/TesselWriter.h"
+
+namespace Tessel {
+
+template class TesselWriter<BasicSlot, Mirak::TesselPos>;
+
+}  // namespace Tessel

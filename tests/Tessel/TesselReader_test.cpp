@@ -1,0 +1,336 @@
+// The reader's walk over the queue: its rules in one process, step by step,
+// and against a writer running at full speed in another process (and in
+// another thread, for ThreadSanitizer).
+#include "Tessel/TesselReaderView.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Tessel/TesselWriter.h"
+#include "TesselTestUtil.h"
+
+namespace {
+
+using TesselTest::TempDir;
+using Writer = Tessel::TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>;
+using Tessel::TesselNotification;
+
+constexpr uint32_t kKestor = 0x00020009;
+
+std::vector<TesselNotification> drain(Tessel::TesselReaderView& r) {
+  std::vector<TesselNotification> out;
+  TesselNotification n;
+  while (r.next(n)) {
+    out.push_back(n);
+    r.consumed();
+  }
+  return out;
+}
+
+class TesselReaderSteps : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(w.attach(kKestor, 20), Tessel::attachNew);
+    std::string error;
+    ASSERT_TRUE(r.attach(kKestor, error)) << error;
+  }
+  TempDir dir;
+  Writer w{dir.path(), TesselTest::handler()};
+  Tessel::TesselReaderView r{dir.path(), TesselTest::handler()};
+};
+
+TEST_F(TesselReaderSteps, YieldsLiveEntriesInOrderAndSkipsTombstones) {
+  w.notify(1);
+  w.notify(2);
+  w.notify(1);  // retires seq 1
+  w.notify(3);
+  w.tombstone(3);
+  auto const got = drain(r);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[0], (TesselNotification{2, 2}));
+  EXPECT_EQ(got[1], (TesselNotification{3, 1}));
+  EXPECT_EQ(r.lastConsumed(), 3u);
+  w.notify(5);
+  auto const more = drain(r);
+  ASSERT_EQ(more.size(), 1u);
+  EXPECT_EQ(more[0], (TesselNotification{5, 5}));
+}
+
+TEST_F(TesselReaderSteps, FollowsCompactionsAndLosesNothing) {
+  // The reader takes in a little, then the writer laps it several times.
+  for (uint32_t i = 0; i < 10; i++) w.notify(i);
+  TesselNotification n;
+  ASSERT_TRUE(r.next(n));
+  r.consumed();
+  for (uint32_t i = 0; i < 500; i++) w.notify(i % 7);
+  ASSERT_GE(w.compactions(), 2u);
+  auto const got = drain(r);
+  EXPECT_GT(r.refinds(), 0u);
+  // Exactly the live entries above what was consumed: slots 0..6 at their
+  // last sequences, then 7, 8, 9 from the first round (still live).
+  std::vector<TesselNotification> expected;
+  for (uint32_t pos = 0; pos < w.entryCount(); pos++) {
+    auto const e = w.entry(pos);
+    if (!e.isTombstone() && e.sequence > 1) expected.push_back(e);
+  }
+  EXPECT_EQ(got, expected);
+  EXPECT_EQ(got.size(), 10u);
+}
+
+TEST_F(TesselReaderSteps, ValidateNotifAndRejection) {
+  w.notify(4);
+  w.notify(5);
+  TesselNotification n;
+  ASSERT_TRUE(r.next(n));
+  EXPECT_EQ(n.slot, 4u);
+  EXPECT_TRUE(r.validateNotif());
+  // A move retires slot 4's entry while the reader stands on it.
+  w.notify(6);
+  w.tombstone(4);
+  EXPECT_FALSE(r.validateNotif());
+  r.rejected();  // generation unchanged: step on
+  ASSERT_TRUE(r.next(n));
+  EXPECT_EQ(n, (TesselNotification{2, 5}));
+  r.consumed();
+  ASSERT_TRUE(r.next(n));
+  EXPECT_EQ(n, (TesselNotification{3, 6}));
+  // A compaction while the reader stands on a live entry: the entry no
+  // longer counts here, and after the rejection it is met again.
+  for (uint32_t i = 0; i < 100; i++) w.notify(10 + i % 5);
+  EXPECT_FALSE(r.validateNotif());
+  r.rejected();
+  ASSERT_TRUE(r.next(n));
+  EXPECT_EQ(n, (TesselNotification{3, 6}));
+}
+
+TEST_F(TesselReaderSteps, SeekStartsAfterASequence) {
+  for (uint32_t i = 0; i < 6; i++) w.notify(i);
+  r.seek(4);
+  auto const got = drain(r);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(got[0].sequence, 5u);
+}
+
+TEST_F(TesselReaderSteps, ReformatIsNoticed) {
+  w.notify(1);
+  drain(r);
+  Writer other(dir.path(), TesselTest::handler());
+  ASSERT_EQ(other.attach(kKestor + 0x10000, 20), Tessel::attachReformatted);
+  other.notify(2);
+  TesselNotification n;
+  EXPECT_FALSE(r.next(n));
+  EXPECT_TRUE(r.reformatted());
+}
+
+TEST(TesselReaderAttach, RefusesWrongKestorAndMissingFiles) {
+  TempDir dir;
+  Tessel::TesselReaderView r(dir.path(), TesselTest::handler());
+  std::string error;
+  EXPECT_FALSE(r.attach(kKestor, error));
+  EXPECT_NE(error.find(dir.file("tessel")), std::string::npos) << error;
+  Writer w(dir.path(), TesselTest::handler());
+  w.attach(kKestor, 4);
+  EXPECT_FALSE(r.attach(kKestor + 1, error));
+  EXPECT_EQ(error, "tessel " + dir.path() + ": kestor:0x20009 expected:0x2000a");
+  EXPECT_FALSE(r.attached());
+}
+
+TEST(TesselReaderAttach, CorruptCountIsReportedNotFollowed) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  w.attach(kKestor, 4);
+  w.notify(1);
+  Tessel::TesselReaderView r(dir.path(), TesselTest::handler());
+  std::string error;
+  ASSERT_TRUE(r.attach(kKestor, error)) << error;
+  TesselTest::writeAt<uint32_t>(dir.file("tessel.0"), 8, 1u << 30);
+  TesselNotification n;
+  EXPECT_THROW(r.next(n), Lomi::CorruptionDetectedException);
+}
+
+// ---------------------------------------------------------------------------
+// A writer at full speed and a concurrent reader.
+//
+// Self-checking entries: the writer notifies, for sequence s, the slot
+// slotFor(s), so the reader can tell a garbage entry from a real one.
+
+constexpr uint32_t kSlots = 2048;
+constexpr uint32_t kNotifications = 3'000'000;
+
+uint32_t slotFor(uint64_t seq) {
+  TesselTest::SplitMix m{seq * 0x2545f4914f6cdd1dull};
+  uint64_t const z = m();
+  // Three quarters go to 32 hot slots: many tombstones, frequent compactions.
+  return (z & 3) != 0 ? static_cast<uint32_t>((z >> 8) % 32)
+                      : static_cast<uint32_t>((z >> 8) % kSlots);
+}
+
+struct ReaderReport {
+  uint64_t acted = 0;
+  uint64_t garbage = 0;    // slot does not match its sequence
+  uint64_t backwards = 0;  // a sequence not above the last consumed
+  uint64_t refinds = 0;
+  uint64_t exceptions = 0;
+  uint64_t lastSeen[kSlots] = {};
+};
+
+// Attaches, calls `attached()`, then drains until `writerDone()` has been
+// seen true and the queue is then empty.
+template <typename AttachedFn, typename DoneFn>
+void runReader(std::string const& dir, ReaderReport& rep, AttachedFn attached, DoneFn writerDone) {
+  Tessel::TesselReaderView r(dir, TesselTest::handler());
+  std::string error;
+  bool const ok = r.attach(kKestor, error);
+  attached();
+  if (!ok) {
+    rep.exceptions++;
+    return;
+  }
+  bool done = false;
+  for (;;) {
+    try {
+      TesselNotification n;
+      while (r.next(n)) {
+        if (n.sequence <= r.lastConsumed()) rep.backwards++;
+        if (n.slot >= kSlots || n.slot != slotFor(n.sequence)) {
+          rep.garbage++;
+        } else {
+          rep.lastSeen[n.slot] = n.sequence;
+        }
+        rep.acted++;
+        r.consumed();
+      }
+    } catch (Lomi::Exception const&) {
+      rep.exceptions++;
+      return;
+    }
+    if (done) break;
+    done = writerDone();
+  }
+  rep.refinds = r.refinds();
+}
+
+void runWriter(Writer& w) {
+  for (uint32_t i = 0; i < kNotifications; i++) w.notify(slotFor(w.sequence() + 1));
+}
+
+void expectNothingLost(Writer const& w, ReaderReport const& rep) {
+  std::printf("acted:%llu refinds:%llu compactions:%llu\n",
+              static_cast<unsigned long long>(rep.acted),
+              static_cast<unsigned long long>(rep.refinds),
+              static_cast<unsigned long long>(w.compactions()));
+  EXPECT_EQ(rep.exceptions, 0u);
+  EXPECT_EQ(rep.garbage, 0u);
+  EXPECT_EQ(rep.backwards, 0u);
+  EXPECT_GT(w.compactions(), 100u);
+  EXPECT_GT(rep.refinds, 0u) << "the reader was never lapped: the race did not happen";
+  uint64_t mismatches = 0;
+  for (uint32_t s = 0; s < kSlots; s++) {
+    Mirak::TesselPos const pos = w.tesselSlots(s);
+    uint64_t const final = pos == Mirak::noTesselPos ? 0 : w.entry(pos).sequence;
+    if (rep.lastSeen[s] != final) {
+      if (mismatches++ < 5)
+        ADD_FAILURE() << "slot " << s << " reader saw " << rep.lastSeen[s] << ", writer's last is "
+                      << final;
+    }
+  }
+  EXPECT_EQ(mismatches, 0u);
+}
+
+bool readFully(int fd, void* buf, size_t size, int timeoutMs) {
+  auto* p = static_cast<char*>(buf);
+  while (size > 0) {
+    pollfd pfd{fd, POLLIN, 0};
+    if (::poll(&pfd, 1, timeoutMs) <= 0) return false;
+    ssize_t n = ::read(fd, p, size);
+    if (n <= 0) return false;
+    p += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+TEST(TesselConcurrent, ReaderProcessNeverLosesAChangeNorActsOnGarbage) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, kSlots), Tessel::attachNew);
+  int toChild[2];
+  int toParent[2];
+  ASSERT_EQ(::pipe(toChild), 0);
+  ASSERT_EQ(::pipe(toParent), 0);
+  pid_t const pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    ::close(toChild[1]);
+    ::close(toParent[0]);
+    auto* rep = new ReaderReport;
+    runReader(
+        dir.path(), *rep,
+        [&] {
+          char ready = 'r';
+          if (::write(toParent[1], &ready, 1) != 1) ::_exit(2);
+        },
+        [&] {
+          pollfd pfd{toChild[0], POLLIN, 0};
+          return ::poll(&pfd, 1, 0) == 1;
+        });
+    auto const* p = reinterpret_cast<char const*>(rep);
+    size_t left = sizeof *rep;
+    while (left > 0) {
+      ssize_t n = ::write(toParent[1], p, left);
+      if (n <= 0) ::_exit(3);
+      p += n;
+      left -= static_cast<size_t>(n);
+    }
+    ::_exit(0);
+  }
+  ::close(toChild[0]);
+  ::close(toParent[1]);
+  char ready = 0;
+  ASSERT_TRUE(readFully(toParent[0], &ready, 1, 30000));
+  runWriter(w);
+  char done = 'd';
+  ASSERT_EQ(::write(toChild[1], &done, 1), 1);
+  auto rep = std::make_unique<ReaderReport>();
+  bool const got = readFully(toParent[0], rep.get(), sizeof *rep, 60000);
+  if (!got) ::kill(pid, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ::close(toChild[1]);
+  ::close(toParent[0]);
+  ASSERT_TRUE(got) << "the reader did not report within the deadline";
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  expectNothingLost(w, *rep);
+}
+
+// The same protocol with the reader in a thread of this process (its own
+// read-only mappings), so that ThreadSanitizer sees both sides.
+TEST(TesselConcurrent, ReaderThreadNeverLosesAChangeNorActsOnGarbage) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, kSlots), Tessel::attachNew);
+  std::atomic<bool> started{false};
+  std::atomic<bool> writerDone{false};
+  auto rep = std::make_unique<ReaderReport>();
+  std::thread reader([&] {
+    runReader(
+        dir.path(), *rep, [&] { started.store(true, std::memory_order_release); },
+        [&] { return writerDone.load(std::memory_order_acquire); });
+  });
+  while (!started.load(std::memory_order_acquire)) std::this_thread::yield();
+  runWriter(w);
+  writerDone.store(true, std::memory_order_release);
+  reader.join();
+  expectNothingLost(w, *rep);
+}
+
+}  // namespace

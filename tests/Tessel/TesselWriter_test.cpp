@@ -1,0 +1,515 @@
+// The queue writer: file layout, the invariants under random operations
+// against a model, compaction, corrals, restart and validation.
+#include "Tessel/TesselWriter.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Tessel/DummyTesselWriter.h"
+#include "TesselTestUtil.h"
+
+namespace {
+
+using Tessel::TesselWriter;
+using TesselTest::readAt;
+using TesselTest::TempDir;
+using TesselTest::writeAt;
+using Writer = TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>;
+
+constexpr uint32_t kKestor = 0x00010007;
+
+std::string table0(TempDir const& d) {
+  return d.file("tessel.0");
+}
+std::string header(TempDir const& d) {
+  return d.file("tessel");
+}
+
+// ---------------------------------------------------------------------------
+// Layout: the bytes readers and the validator locate by offset.
+
+TEST(TesselLayout, BytesOnDiskAreWhereReadersLookForThem) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 100), Tessel::attachNew);
+  w.notify(5);
+  w.notify(7);
+  w.notify(5);
+
+  EXPECT_EQ(std::string(readAt<std::array<char, 8>>(header(dir), 0).data(), 7), "TESSELQ");
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 8), Tessel::kFormatVersion);
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 12), kKestor);
+  EXPECT_EQ(readAt<uint64_t>(header(dir), 16), 3u);  // last sequence
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 40), w.generation());
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 44), 0u);           // current table
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 64), 100u);         // mostSlots
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 128 + 4 * 5), 2u);  // back reference of slot 5
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 128 + 4 * 7), 1u);
+  EXPECT_EQ(readAt<uint32_t>(header(dir), 128 + 4 * 6), 0xffffffffu);
+
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 0), w.generation());    // stamp
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 4), 100u);              // capacity
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 8), 3u);                // count
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 12 + 0), 1u);           // entry 0: relative sequence
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 12 + 4), 0xffffffffu);  // retired by the third notify
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 20 + 0), 2u);
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 20 + 4), 7u);
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 28 + 0), 3u);
+  EXPECT_EQ(readAt<uint32_t>(table0(dir), 28 + 4), 5u);
+}
+
+// ---------------------------------------------------------------------------
+// Model-based: random notify / tombstone / shrink brackets / growth of
+// mostSlots against a map of each slot's live sequence.
+
+struct ModelParam {
+  bool local;
+  uint32_t mostSlots;
+  uint64_t seed;
+};
+
+std::ostream& operator<<(std::ostream& os, ModelParam const& p) {
+  return os << (p.local ? "local" : "file") << " mostSlots:" << p.mostSlots << " seed:" << p.seed;
+}
+
+class TesselModel : public ::testing::TestWithParam<ModelParam> {
+ protected:
+  // Checks every invariant of the writer against the model; returns the
+  // number of live entries.
+  void checkInvariants(Writer const& w, std::map<uint32_t, uint64_t> const& live,
+                       uint64_t modelSequence, std::string const& where) {
+    ASSERT_EQ(w.sequence(), modelSequence) << where;
+    uint64_t previous = 0;
+    size_t liveEntries = 0;
+    for (uint32_t pos = 0; pos < w.entryCount(); pos++) {
+      Tessel::TesselNotification const e = w.entry(pos);
+      ASSERT_GT(e.sequence, previous) << where << " pos:" << pos << " not sorted";
+      previous = e.sequence;
+      if (e.isTombstone()) continue;
+      liveEntries++;
+      auto it = live.find(e.slot);
+      ASSERT_TRUE(it != live.end())
+          << where << " live entry for slot " << e.slot << " the model has retired";
+      ASSERT_EQ(it->second, e.sequence) << where << " slot " << e.slot << " has a stale live entry";
+      ASSERT_EQ(w.tesselSlots(e.slot), pos) << where << " back reference of slot " << e.slot;
+    }
+    ASSERT_EQ(liveEntries, live.size()) << where << " at most one live entry per slot";
+    ASSERT_LE(liveEntries, w.mostSlots()) << where;
+    for (uint32_t s = 0; s < w.mostSlots(); s++) {
+      if (live.count(s) == 0) {
+        ASSERT_EQ(w.tesselSlots(s), Mirak::noTesselPos) << where;
+      }
+    }
+  }
+};
+
+TEST_P(TesselModel, RandomOperationsKeepEveryInvariant) {
+  ModelParam const p = GetParam();
+  std::printf("seed %llu\n", static_cast<unsigned long long>(p.seed));
+  TempDir dir;
+  Writer w(p.local ? std::string() : dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, p.mostSlots), Tessel::attachNew);
+  TesselTest::SplitMix rng{p.seed};
+
+  std::map<uint32_t, uint64_t> live;  // slot -> sequence of its live entry
+  uint64_t seq = 0;
+  bool shrinking = false;
+  uint64_t corralStart = 0;
+  uint64_t corrals = 0;
+  uint32_t most = p.mostSlots;
+  std::string error;
+
+  for (int step = 0; step < 6000; step++) {
+    std::string const where = "step " + std::to_string(step);
+    uint32_t const r = rng.below(100);
+    // A few hot slots, so that many entries turn into tombstones.
+    uint32_t const slot = rng.below(4) == 0 ? rng.below(most) : rng.below(std::min(most, 8u));
+    if (r < 75) {
+      w.notify(slot);
+      live[slot] = ++seq;
+    } else if (r < 90) {
+      w.tombstone(slot);
+      live.erase(slot);
+    } else if (r < 96) {
+      if (!shrinking) {
+        w.markShrinkStart();
+        corralStart = seq + 1;
+        shrinking = true;
+        EXPECT_EQ(w.shrinkMarker(), corralStart);
+      } else {
+        w.markShrinkEnd();
+        shrinking = false;
+        EXPECT_EQ(w.shrinkMarker(), 0u);
+        // The live entries issued inside the corral come again, in order.
+        std::vector<std::pair<uint64_t, uint32_t>> inside;
+        for (auto const& [s, q] : live) {
+          if (q >= corralStart) inside.emplace_back(q, s);
+        }
+        std::sort(inside.begin(), inside.end());
+        uint64_t const last = seq;
+        for (auto const& [q, s] : inside) live[s] = ++seq;
+        if (last >= corralStart) {
+          corrals++;
+          EXPECT_EQ(w.corralStart(), corralStart);
+          EXPECT_EQ(w.corralEnd(), last);
+          for (uint32_t pos = 0; pos < w.entryCount(); pos++) {
+            auto const e = w.entry(pos);
+            if (e.sequence >= corralStart && e.sequence <= last) {
+              EXPECT_TRUE(e.isTombstone()) << where << " corral entry pos " << pos << " still live";
+            }
+          }
+        } else {
+          EXPECT_EQ(w.corralStart(), 0u) << "an empty corral is no corral";
+        }
+      }
+    } else if (r < 97 && most < 4 * p.mostSlots) {
+      most += 1 + rng.below(16);
+      w.mostSlotsIs(most);
+      ASSERT_EQ(w.mostSlots(), most);
+    } else {
+      // An idle step: only the checks below.
+    }
+    ASSERT_NO_FATAL_FAILURE(checkInvariants(w, live, seq, where));
+    bool const valid = w.validate(kKestor, most, error);
+    bool const openCorralHasCurrent =
+        shrinking && std::any_of(live.begin(), live.end(),
+                                 [&](auto const& kv) { return kv.second >= corralStart; });
+    if (openCorralHasCurrent) {
+      // A writer that died here left an open corral with current entries.
+      EXPECT_FALSE(valid) << where;
+      EXPECT_NE(error.find("inside the corral"), std::string::npos) << error;
+    } else {
+      EXPECT_TRUE(valid) << where << ": " << error;
+    }
+  }
+  EXPECT_GT(w.compactions(), 0u) << "the compaction path was never taken";
+  EXPECT_GT(corrals, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Configurations, TesselModel,
+                         ::testing::Values(ModelParam{true, 8, 1}, ModelParam{false, 8, 2},
+                                           ModelParam{true, 40, 3}, ModelParam{false, 100, 4},
+                                           ModelParam{false, 200, 5}));
+
+// ---------------------------------------------------------------------------
+// Compaction specifics.
+
+TEST(TesselCompaction, DoublesOnlyWhenMoreThanHalfAreLiveAndFlipsTables) {
+  Writer w({}, TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 200), Tessel::attachNew);
+  uint32_t const capacity = w.entryCapacity();
+  ASSERT_EQ(capacity, 200u);
+  // 10 live slots, filled to the brim by rewrites: few live at compaction.
+  for (uint32_t i = 0; i < capacity; i++) w.notify(i % 10);
+  EXPECT_EQ(w.compactions(), 0u);
+  uint32_t const generation = w.generation();
+  w.notify(3);
+  EXPECT_EQ(w.compactions(), 1u);
+  EXPECT_EQ(w.currentTable(), 1u);
+  EXPECT_EQ(w.generation(), generation + 1);
+  EXPECT_EQ(w.entryCapacity(), capacity) << "10 of 200 live: no growth";
+  EXPECT_EQ(w.entryCount(), 11u);
+
+  // Now 150 distinct slots live: more than half of 200.
+  for (uint32_t i = 0; w.compactions() == 1; i++) w.notify(i % 150);
+  EXPECT_EQ(w.currentTable(), 0u);
+  EXPECT_EQ(w.entryCapacity(), 2 * capacity);
+  std::string error;
+  EXPECT_TRUE(w.validate(kKestor, 200, error)) << error;
+}
+
+TEST(TesselCompaction, OldEntriesAreReissuedWhenSequencesOutgrowThirtyTwoBits) {
+  TempDir dir;
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    ASSERT_EQ(w.attach(kKestor, 16), Tessel::attachNew);
+    w.notify(1);
+    w.notify(2);
+  }
+  // A queue that has run a long time: move the last sequence far ahead.
+  uint64_t const far = 0xffffffffull - 5;
+  writeAt<uint64_t>(header(dir), 16, far);
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 16), Tessel::attachKept);
+  ASSERT_EQ(w.sequence(), far);
+  for (int i = 0; i < 10; i++) w.notify(3);  // crosses 2^32 relative to base 0
+  EXPECT_GE(w.compactions(), 1u);
+  EXPECT_GT(w.baseSequence(), 0u);
+  std::string error;
+  ASSERT_TRUE(w.validate(kKestor, 16, error)) << error;
+  // Slots 1 and 2 were issued at 1 and 2: still live, now after the newer ones.
+  auto const e1 = w.entry(w.tesselSlots(1));
+  auto const e2 = w.entry(w.tesselSlots(2));
+  auto const e3 = w.entry(w.tesselSlots(3));
+  EXPECT_GT(e1.sequence, far);
+  EXPECT_EQ(e2.sequence, e1.sequence + 1) << "re-issued in their old order";
+  EXPECT_EQ(e1.slot, 1u);
+  EXPECT_EQ(e3.sequence, w.sequence());
+}
+
+// ---------------------------------------------------------------------------
+// Bad input.
+
+TEST(TesselWriterInput, NotifyBeyondMostSlotsIsRefusedUntilTheReferencesGrow) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  w.attach(kKestor, 10);
+  try {
+    w.notify(10);
+    FAIL() << "no exception";
+  } catch (Lomi::RuntimeException const& e) {
+    EXPECT_EQ(e.msg(), "tessel " + dir.path() + ": notify of slot:10 beyond mostSlots:10");
+  }
+  EXPECT_EQ(w.sequence(), 0u) << "a refused notify changes nothing";
+  w.mostSlotsIs(5000);  // grows the header file past its first page
+  EXPECT_EQ(w.tesselSlots(4999), Mirak::noTesselPos);
+  w.notify(4999);
+  EXPECT_EQ(w.tesselSlots(4999), 0u);
+  w.mostSlotsIs(20);  // a high-water mark: no shrink
+  EXPECT_EQ(w.mostSlots(), 5000u);
+  std::string error;
+  EXPECT_TRUE(w.validate(kKestor, 5000, error)) << error;
+}
+
+TEST(TesselWriterInput, UnattachedWriterNamesItselfInValidation) {
+  Writer w({}, TesselTest::handler());
+  std::string error;
+  EXPECT_FALSE(w.validate(kKestor, 1, error));
+  EXPECT_EQ(error, "local tessel is not attached");
+}
+
+// ---------------------------------------------------------------------------
+// Restart.
+
+TEST(TesselRestart, SameKestorKeepsTheQueueAnotherReformats) {
+  TempDir dir;
+  uint32_t generation = 0;
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    ASSERT_EQ(w.attach(kKestor, 50), Tessel::attachNew);
+    for (uint32_t i = 0; i < 100; i++) w.notify(i % 20);  // one compaction
+    ASSERT_EQ(w.compactions(), 1u);
+    w.tombstone(4);
+    generation = w.generation();
+  }
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    ASSERT_EQ(w.attach(kKestor, 80), Tessel::attachKept);
+    EXPECT_EQ(w.sequence(), 100u);
+    EXPECT_EQ(w.currentTable(), 1u);
+    EXPECT_EQ(w.generation(), generation);
+    EXPECT_EQ(w.mostSlots(), 80u) << "back references grow to the table's mostSlots";
+    EXPECT_EQ(w.tesselSlots(4), Mirak::noTesselPos);
+    EXPECT_EQ(w.entry(w.tesselSlots(9)).sequence, 90u);
+    w.notify(9);
+    EXPECT_EQ(w.sequence(), 101u);
+  }
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    ASSERT_EQ(w.attach(kKestor + 0x10000, 80), Tessel::attachReformatted);
+    EXPECT_EQ(w.sequence(), 0u);
+    EXPECT_EQ(w.entryCount(), 0u);
+    EXPECT_EQ(w.tesselSlots(9), Mirak::noTesselPos);
+    EXPECT_GT(w.generation(), generation) << "readers of the old queue see the generation move";
+    std::string error;
+    EXPECT_TRUE(w.validate(kKestor + 0x10000, 80, error)) << error;
+  }
+}
+
+TEST(TesselRestart, LocalQueueIsAlwaysNew) {
+  Writer w({}, TesselTest::handler());
+  EXPECT_EQ(w.attach(kKestor, 10), Tessel::attachNew);
+  w.notify(1);
+  EXPECT_EQ(w.attach(kKestor, 10), Tessel::attachNew);
+  EXPECT_EQ(w.sequence(), 0u);
+}
+
+// Damage that must not be adopted: the attach formats and says so.
+struct DamageCase {
+  char const* name;
+  char const* file;
+  uint64_t offset;
+  uint32_t value;
+};
+
+class TesselDamagedRestart : public ::testing::TestWithParam<DamageCase> {};
+
+TEST_P(TesselDamagedRestart, IsReformatted) {
+  TempDir dir;
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    w.attach(kKestor, 20);
+    for (uint32_t i = 0; i < 10; i++) w.notify(i);
+  }
+  writeAt<uint32_t>(dir.file(GetParam().file), GetParam().offset, GetParam().value);
+  Writer w(dir.path(), TesselTest::handler());
+  EXPECT_EQ(w.attach(kKestor, 20), Tessel::attachReformatted) << GetParam().name;
+  EXPECT_EQ(w.entryCount(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, TesselDamagedRestart,
+                         ::testing::Values(DamageCase{"magic", "tessel", 0, 0x21212121},
+                                           DamageCase{"version", "tessel", 8, 9},
+                                           DamageCase{"current table", "tessel", 44, 2},
+                                           DamageCase{"stamp (died inside a compaction)",
+                                                      "tessel.0", 0, 12345},
+                                           DamageCase{"count beyond capacity", "tessel.0", 8, 1000},
+                                           DamageCase{"back reference", "tessel", 128 + 4 * 3, 7}),
+                         [](auto const& info) {
+                           std::string n = info.param.name;
+                           std::replace_if(
+                               n.begin(), n.end(), [](char c) { return !std::isalnum(c); }, '_');
+                           return n;
+                         });
+
+TEST(TesselRestart, MissingTableFileIsReformatted) {
+  TempDir dir;
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    w.attach(kKestor, 20);
+    w.notify(1);
+  }
+  std::filesystem::remove(dir.file("tessel.1"));
+  Writer w(dir.path(), TesselTest::handler());
+  EXPECT_EQ(w.attach(kKestor, 20), Tessel::attachReformatted);
+  EXPECT_TRUE(std::filesystem::exists(dir.file("tessel.1")));
+}
+
+// ---------------------------------------------------------------------------
+// Validation messages: damage made while the writer is attached, through a
+// second way to the bytes.
+
+class TesselValidate : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(w.attach(kKestor, 10), Tessel::attachNew);
+    w.notify(3);  // pos 0, seq 1
+    w.notify(4);  // pos 1, seq 2
+    w.notify(5);  // pos 2, seq 3
+    ASSERT_TRUE(w.validate(kKestor, 10, error)) << error;
+  }
+  std::string expectInvalid() {
+    EXPECT_FALSE(w.validate(kKestor, 10, error));
+    return error;
+  }
+  TempDir dir;
+  Writer w{dir.path(), TesselTest::handler()};
+  std::string error;
+  std::string prefix = "tessel " + dir.path();
+};
+
+TEST_F(TesselValidate, DamagedHeader) {
+  writeAt<uint32_t>(header(dir), 8, 7);
+  EXPECT_EQ(expectInvalid(), prefix + " format version:7 expected:1");
+  writeAt<uint32_t>(header(dir), 8, Tessel::kFormatVersion);
+  writeAt<uint32_t>(header(dir), 44, 5);
+  EXPECT_EQ(expectInvalid(), prefix + " bad current table index:5");
+  writeAt<uint32_t>(header(dir), 44, 0);
+  writeAt<uint32_t>(header(dir), 40, w.generation() + 1);
+  EXPECT_EQ(expectInvalid(),
+            prefix + " table 0 generation:" + std::to_string(w.generation() - 1) +
+                " differs from header generation:" + std::to_string(w.generation()));
+}
+
+TEST_F(TesselValidate, WrongKestorAndShortBackReferences) {
+  EXPECT_FALSE(w.validate(kKestor + 1, 10, error));
+  EXPECT_EQ(error, prefix + " kestor:0x10007 expected:0x10008");
+  EXPECT_FALSE(w.validate(kKestor, 11, error));
+  EXPECT_EQ(error, prefix + " mostSlots:10 below the table's 11");
+}
+
+TEST_F(TesselValidate, TwoLiveEntriesForOneSlot) {
+  writeAt<uint32_t>(table0(dir), 12 + 8 * 1 + 4, 3);  // pos 1 now names slot 3 as well
+  EXPECT_EQ(expectInvalid(),
+            prefix + " slot:3 has a second live entry at pos:1 seq:2; its back reference is pos:0");
+}
+
+TEST_F(TesselValidate, BackReferenceToAnotherSlotsEntry) {
+  writeAt<uint32_t>(header(dir), 128 + 4 * 7, 2);  // slot 7 claims slot 5's entry
+  EXPECT_EQ(expectInvalid(), prefix + " slot:7 back reference:2 names slot:5");
+  writeAt<uint32_t>(header(dir), 128 + 4 * 7, 9);
+  EXPECT_EQ(expectInvalid(), prefix + " slot:7 back reference:9 beyond count:3");
+}
+
+TEST_F(TesselValidate, UnsortedSequencesAndFutureSequences) {
+  writeAt<uint32_t>(table0(dir), 12 + 8 * 2, 1);
+  EXPECT_EQ(expectInvalid(), prefix + " pos:2 seq:1 not after the previous seq:2");
+  writeAt<uint32_t>(table0(dir), 12 + 8 * 2, 9);
+  EXPECT_EQ(expectInvalid(), prefix + " pos:2 seq:9 beyond the last sequence issued:3");
+}
+
+TEST_F(TesselValidate, OpenCorralWithCurrentEntriesFailsClosedOnePasses) {
+  w.markShrinkStart();
+  w.notify(6);  // seq 4, a move's new place
+  w.tombstone(3);
+  w.notify(3);  // seq 5, the old place emptied
+  EXPECT_EQ(expectInvalid(), prefix + " pos:3 seq:4 slot:6 is current inside the corral [4, 0]");
+  w.markShrinkEnd();
+  EXPECT_TRUE(w.validate(kKestor, 10, error)) << error;
+  EXPECT_EQ(w.corralStart(), 4u);
+  EXPECT_EQ(w.corralEnd(), 5u);
+  EXPECT_EQ(w.entry(w.tesselSlots(6)).sequence, 6u) << "re-issued after the corral, in order";
+  EXPECT_EQ(w.entry(w.tesselSlots(3)).sequence, 7u);
+  // The next shrink may start: the marker is clear.
+  EXPECT_EQ(w.shrinkMarker(), 0u);
+}
+
+TEST_F(TesselValidate, FileChecks) {
+  EXPECT_TRUE(w.validateFile());
+  writeAt<uint32_t>(table0(dir), 8, 100000);  // count beyond capacity and file
+  try {
+    w.validateFile();
+    FAIL() << "no exception";
+  } catch (Lomi::CorruptionDetectedException const& e) {
+    EXPECT_NE(e.msg().find(table0(dir) + " of 4096 bytes is no table"), std::string::npos)
+        << e.msg();
+  }
+  std::filesystem::remove(dir.file("tessel"));
+  EXPECT_THROW(w.validateFile(), Lomi::CorruptionDetectedException);
+}
+
+// ---------------------------------------------------------------------------
+// Files: cleanup and the dummy.
+
+TEST(TesselFiles, CleanupRemovesTheFiles) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  w.attach(kKestor, 10);
+  EXPECT_EQ(dir.fileCount(), 3u);
+  w.cleanup();
+  EXPECT_EQ(dir.fileCount(), 0u);
+  EXPECT_FALSE(w.attached());
+  w.cleanup();  // nothing left: harmless
+}
+
+TEST(TesselFiles, DummyWriterCreatesNoFilesAndRecordsNothing) {
+  TempDir dir;
+  Tessel::DummyTesselWriter d(dir.path(), TesselTest::handler());
+  static_assert(!Tessel::DummyTesselWriter::hasQueue && Writer::hasQueue);
+  EXPECT_EQ(d.attach(kKestor, 10), 0);
+  d.notify(1);
+  d.tombstone(1);
+  d.markShrinkStart();
+  EXPECT_EQ(d.shrinkMarker(), 0u);
+  d.markShrinkEnd();
+  d.mostSlotsIs(100);
+  std::string error;
+  EXPECT_TRUE(d.validate(kKestor, 10, error));
+  EXPECT_TRUE(d.validateFile());
+  EXPECT_EQ(d.entryCount(), 0u);
+  EXPECT_EQ(d.sequence(), 0u);
+  EXPECT_EQ(d.tesselSlots(1), Mirak::noTesselPos);
+  EXPECT_THROW(d.entry(0), Lomi::CorruptionDetectedException);
+  d.onDetach();
+  d.cleanup();
+  EXPECT_EQ(dir.fileCount(), 0u);
+}
+
+}  // namespace
