@@ -1,0 +1,600 @@
+// Mirak::MirakWriter: the one writer of a table.
+//
+// It owns the slot file (SlotWriterTable), the index (WriterHashMap with its
+// bucket file) and the change queue writer, and performs the data operations
+// `write`, `remove`, `lookup` and the direct mode in store orders on which
+// lock-free readers rest.
+//
+// Safety (one writer thread; readers in other processes map read-only):
+//  1. An entry becomes visible to readers at the store of its predecessor's
+//     link, and not before; everything in its slot is complete by then.
+//  2. A slot's value changes only between two stores of its `versionFlags`:
+//     either while LOOKASIDE is up (the whole new value is in the header's
+//     lookaside slot first, so a reader always has one complete value to copy)
+//     or while the slot is unreachable.
+//  3. A removed slot keeps its rhash, value and `next` until it goes on the
+//     free list; a reader inside it sees OCCUPIED fall or the word move, and
+//     restarts.
+//  4. Every publishing store (links, versionFlags, numSlots, numBuckets) is a
+//     release store of the whole word or pair; no locked instruction, no
+//     fence instruction on x86.
+//  5. The queue hears of a change only after it is complete in the files.
+//  6. Bit 0 of runtimeFlags is up while the table may be inconsistent; an
+//     exception that escapes leaves it up, and the next validation fails.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Lomi/Util.h"
+#include "Mem/Atomics.h"
+#include "Mem/RootPath.h"
+#include "Mem/VersionAnchor.h"
+#include "Mirak/Counters.h"
+#include "Mirak/MapDescriptor.h"
+#include "Mirak/MirakInterface.h"
+#include "Mirak/Operations.h"
+#include "Mirak/SlotTable.h"
+#include "Mirak/SlotWriter.h"
+#include "MirakCore/WriterHashMap.h"
+#include "Parcel/KestorId.h"
+
+namespace Mirak {
+
+template <TablePolicy OpsT>
+class MirakWriter : public MirakInterface<OpsT> {
+ public:
+  using Ops = OpsT;
+  using Key = typename Ops::Key;
+  using Value = typename Ops::Value;
+  using TesselWriter = typename Ops::TesselWriter;
+  using Slots = SlotWriterTable<Value>;
+  using SlotT = typename Slots::SlotT;
+  using Map = MirakCore::WriterHashMap<Ops>;
+  using Link = SlotLink;
+  using QuiesceHandler = std::function<void(bool)>;
+  static constexpr uint32_t kNoSlot = SlotTable::kNoSlot;
+
+  // No file work here; that is left to initialize/attach.
+  MirakWriter(Lomi::Platform::DebugHandler& handler, char const* name, MapDescriptor const& desc,
+              Ops const& ops, QuiesceHandler quiesceHandler = {});
+  ~MirakWriter() override;
+
+  // --- lifecycle ---------------------------------------------------------
+  bool initialize(std::string const& event) override;
+  // Attaches the table's files under `kestor`: slots, then buckets, then the
+  // queue. True exactly when all were new or all were kept: the files of one
+  // table are only trusted together.
+  bool attach(Parcel::KestorId kestor);
+  void detach(bool force) override;
+  void cleanup() override;
+
+  // --- data operations ---------------------------------------------------
+  Value const* write(Value const& value, bool overwrite) override;
+  bool remove(Key const& key, Value& removed) override;
+  Value const* lookup(Key const& key, bool& found, void* destination) const override;
+  bool first(Value& value, IterHint& hint) const override;
+  bool next(Key const& key, Value& value, IterHint& hint) const override;
+  Value* directWrite(Value const& value) override;
+  Value* directUpdate(Key const& key) override;
+  void directCommit() override;
+
+  bool validateVersionAnchor() const override;
+  void validateVersionAnchorHookIs(VersionAnchorHook hook) override { hook_ = hook; }
+  Mem::CacheVersionAnchor getCacheVersionAnchor() const override {
+    auto const& a = slots_.versionAnchor();
+    return Mem::CacheVersionAnchor{a.word, a.offset};
+  }
+  void scratchpadIs(uint64_t value) override {
+    Mem::storeRelease(slots_.header()->scratchpad, value);
+  }
+  uint64_t scratchpad() const override { return slots_.header()->scratchpad; }
+  void criticalTaskCheckIs(bool check) override { criticalTaskCheck_ = check; }
+  bool criticalTaskCheck() const override { return criticalTaskCheck_; }
+
+  // --- accessors ---------------------------------------------------------
+  uint32_t members() const override { return slots_.header() ? slots_.header()->occupiedSlots : 0; }
+  uint32_t buckets() const override { return map_.numBuckets(); }
+  uint32_t minSize() const override { return slots_.minSlots(); }
+  uint32_t maxSize() const override { return slots_.maxSlots(); }
+  uint32_t capacity() const override { return slots_.capacity(); }
+  MirakType type() const override { return MirakType::writer; }
+  Sequence sequence() const override { return tessel_.sequence(); }
+  Mem::NaoRootPath rootPath() const override { return rootPath_; }
+  std::string mirakName() const override { return rootPath_.dirName(); }
+  Mem::MountStatus mountStatus() const override;
+  Parcel::KestorId kestorId() const override { return kestorId_; }
+  Writer::Counters writerCounters() const override;
+
+  // The pieces, for the validator, tests and tools.
+  Slots& slotTable() { return slots_; }
+  Slots const& slotTable() const { return slots_; }
+  Map& hashMap() { return map_; }
+  Map const& hashMap() const { return map_; }
+  TesselWriter& tesselWriter() { return tessel_; }
+  TesselWriter const& tesselWriter() const { return tessel_; }
+  Ops const& ops() const { return ops_; }
+  bool inDirectMode() const { return directSlot_ != kNoSlot || directNew_; }
+
+ protected:
+  Lomi::Platform::DebugHandler& handler_;
+
+ private:
+  static std::string slotFilePath(Mem::NaoRootPath const& root) {
+    return root.isLocal() ? std::string() : root.filePath("slots");
+  }
+  static typename Slots::Config slotConfig(MapDescriptor const& desc) {
+    typename Slots::Config c;
+    c.maxSlots = desc.size;
+    c.fixedSize = desc.fixedSize;
+    c.shrinkSlots = desc.shrinkSlots;
+    c.constFlags = TesselWriter::kFeedsQueue ? SlotTable::kConstFlagQueue : 0;
+    c.valueTypeName = std::string(Ops::ValueOps::typeName());
+    return c;
+  }
+  [[noreturn]] void assertUnbalanced(char const* what, Value const& value);
+  [[noreturn]] void assertUnbalancedKey(Key const& key);
+  // Allocates a free slot for an insert (steps 1-4 of the insert): grows the
+  // slot file if need be and rebuilds the link pointers if the mapping moved.
+  uint32_t allocSlot(uint32_t hash, Link*& prev, Link*& curr);
+  // The overwrite of an occupied slot through the lookaside slot.
+  void overwrite(SlotT& s, Value const& value);
+  void doMaybeShrinkSlots(uint32_t threshold);
+
+  Ops ops_;
+  bool localMem_;
+  Mem::NaoRootPath rootPath_;
+  Parcel::KestorId kestorId_;
+  uint32_t directSlot_ = kNoSlot;
+  Link* directPrevLink_ = nullptr;
+  bool directNew_ = false;
+  Writer::Counters counters_;
+  QuiesceHandler quiesceHandler_;
+  bool criticalTaskCheck_;
+  bool shrinkBuckets_;
+  Slots slots_;
+  Map map_;
+  TesselWriter tessel_;
+  bool owner_ = false;
+  std::string typeName_;
+  VersionAnchorHook hook_ = nullptr;
+};
+
+// ---------------------------------------------------------------------------
+
+template <TablePolicy OpsT>
+MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const* name,
+                               MapDescriptor const& desc, Ops const& ops,
+                               QuiesceHandler quiesceHandler)
+    : handler_(handler),
+      ops_(ops),
+      localMem_(desc.local),
+      rootPath_(handler, name, desc.local),
+      quiesceHandler_(std::move(quiesceHandler)),
+      criticalTaskCheck_(desc.criticalTaskCheck),
+      shrinkBuckets_(desc.shrinkBuckets_),
+      slots_(handler, rootPath_.str(), slotFilePath(rootPath_), slotConfig(desc),
+             ops_.keyOps.hashSeed, counters_),
+      map_(handler, rootPath_.isLocal() ? std::string() : rootPath_.path(), ops_, slots_, counters_,
+           criticalTaskCheck_),
+      tessel_(handler, rootPath_.isLocal() ? std::string() : rootPath_.path()),
+      typeName_(Ops::ValueOps::typeName()) {}
+
+template <TablePolicy OpsT>
+MirakWriter<OpsT>::~MirakWriter() {
+  detach(false);
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::initialize(std::string const& event) {
+  FMTRACE(handler_, 5, "MirakWriter", "{} event:{}", rootPath_, event);
+  if (this->initialized()) return true;
+  if (localMem_) {
+    kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 0);
+  } else {
+    rootPath_.createDirectories();
+    if (kestorId_.isZero()) kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 1);
+  }
+  if (!attach(kestorId_)) {
+    // The files did not agree (a mix of new, kept and re-formatted): none of
+    // them is trusted. A new generation formats all of them.
+    kestorId_ = kestorId_.reformatted();
+    attach(kestorId_);
+  }
+  this->initializedIs(true);
+  return true;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
+  counters_ = Writer::Counters();
+  int const a = slots_.attach(kestor);
+  int const b = map_.bucketWriter().attach(kestor.value());
+  map_.thresholdsIs();
+  int c = 0;
+  if constexpr (TesselWriter::kFeedsQueue) {
+    c = tessel_.attach(kestor, slots_.header()->mostSlots);
+  }
+  int const all = a | b | c;
+  return all == Slots::kNewFile || all == Slots::kExistingFile;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::detach(bool) {
+  FMTRACE(handler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+          rootPath_);
+  if (directNew_) {
+    Lomi::fmassert(handler_, "MirakWriter", __func__,
+                   "unbalanced directSlot:{} containing value:{} - Make sure the DirectIs/Commit "
+                   "are properly paired!",
+                   directSlot_, Ops::valueText(slots_.slots()[directSlot_].value));
+  }
+  tessel_.onDetach();
+  owner_ = false;
+  slots_.detach();
+  map_.bucketWriter().detach();
+  this->initializedIs(false);
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::cleanup() {
+  FMTRACE(handler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+          rootPath_);
+  if (localMem_) return;
+  FMTRACE(handler_, 1, "MirakWriter", "removing Mirak files in {}", rootPath_);
+  tessel_.cleanup();
+  map_.bucketWriter().cleanup();
+  FMTRACE(handler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
+  if (!slots_.wrapper().unlink()) {
+    throw Lomi::InvalidInitializeException("cannot remove {}: {}", rootPath_,
+                                           slots_.wrapper().lastError());
+  }
+  owner_ = false;
+}
+
+template <TablePolicy OpsT>
+Mem::MountStatus MirakWriter<OpsT>::mountStatus() const {
+  Mem::MountStatus status = this->initialized() ? Mem::MountStatus(1) : Mem::MountStatus(0);
+  FMTRACE(handler_, 5, "MirakWriter", "{} mountStatus:{}", rootPath_, int(status));
+  return status;
+}
+
+template <TablePolicy OpsT>
+Writer::Counters MirakWriter<OpsT>::writerCounters() const {
+  Writer::Counters c = counters_;
+  c.slotMappedSize = slots_.wrapper().fileSize();
+  c.bucketMappedSize = map_.bucketWriter().wrapper().fileSize();
+  c.sequencesProcessed = tessel_.sequence();
+  return c;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::assertUnbalanced(char const* what, Value const& value) {
+  SlotT const& s = slots_.slots()[directSlot_ == kNoSlot ? 0 : directSlot_];
+  slots_.versionAnchor().set(s.versionFlags, &s.versionFlags, slots_.base());
+  Lomi::fmassert(handler_, "MirakWriter", what,
+                 "unbalanced directSlot:{} containing value:{} when {} value:{} - Make sure the "
+                 "DirectIs/Commit are properly paired!",
+                 directSlot_, Ops::valueText(s.value), what, Ops::valueText(value));
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::assertUnbalancedKey(Key const& key) {
+  SlotT const& s = slots_.slots()[directSlot_ == kNoSlot ? 0 : directSlot_];
+  Lomi::fmassert(handler_, "MirakWriter", "remove",
+                 "unbalanced directSlot:{} containing value:{} when removing key:{} - Make sure "
+                 "the DirectIs/Commit are properly paired!",
+                 directSlot_, Ops::valueText(s.value), Ops::keyText(key));
+}
+
+template <TablePolicy OpsT>
+uint32_t MirakWriter<OpsT>::allocSlot(uint32_t hash, Link*& prev, Link*& curr) {
+  SlotTable::Header* h = slots_.header();
+  // 1: a grow may move the mapping. Links inside the slot file become offsets
+  // and are rebuilt afterwards; bucket links do not move.
+  if (h->freeSlots == kNoSlot) {
+    char* const oldBase = slots_.base();
+    uint64_t const used = slots_.usedBytes();
+    auto toOffset = [&](Link* l) -> int64_t {
+      char* p = reinterpret_cast<char*>(l);
+      return (p >= oldBase + Slots::Geometry::headerSize && p < oldBase + used) ? p - oldBase : -1;
+    };
+    int64_t const prevOffset = toOffset(prev);
+    int64_t const currOffset = toOffset(curr);
+    if (!slots_.grow()) slots_.alloc();
+    h = slots_.header();
+    // 4
+    if (slots_.base() != oldBase) {
+      if (prevOffset >= 0) prev = reinterpret_cast<Link*>(slots_.base() + prevOffset);
+      if (currOffset >= 0) curr = reinterpret_cast<Link*>(slots_.base() + currOffset);
+    }
+  }
+  uint32_t const index = h->freeSlots;
+  SlotT& s = slots_.slots()[index];
+  // 2
+  Mem::storeRelease(s.rhash, Lomi::Util::reverse(hash));
+  // 3: take the slot off the free list.
+  Mem::storeRelease(h->freeSlots, s.link.next);
+  Mem::storeRelease(h->occupiedSlots, h->occupiedSlots + 1);
+  counters_.slotsAllocated++;
+  return index;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::overwrite(SlotT& s, Value const& value) {
+  SlotTable::SlotHead* const look = slots_.header()->lookaside();
+  // 1: the whole new value goes to the lookaside slot first.
+  Mem::storeRelease(look->rhash, s.rhash);
+  std::memcpy(reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), &value, sizeof(Value));
+  // 2: LOOKASIDE rises; readers take the value from the header from here on.
+  Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+  // 3: the slot may be torn while LOOKASIDE is up.
+  std::memcpy(&s.value, &value, sizeof(Value));
+  // 4: LOOKASIDE falls; the word has moved by 4.
+  Mem::storeRelease(s.versionFlags, (s.versionFlags + 2) | SlotTable::OCCUPIED);
+}
+
+template <TablePolicy OpsT>
+auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value const* {
+  Key const key = Ops::key(value);
+  uint32_t const hash = ops_.hash(key);
+  uint32_t const bucket = map_.bucketOf(hash);
+  if (inDirectMode()) assertUnbalanced("writing", value);
+  typename Slots::CriticalSectionAnchor anchor(&slots_);
+  Link* prev;
+  Link* curr;
+  if (map_.find(key, bucket, &prev, &curr, hash)) {
+    uint32_t const index = prev->next;
+    SlotT& s = *Map::slotOf(curr);
+    FMTRACE(handler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}",
+            Ops::keyText(key), bucket, index, s.link.next);
+    if (!overwriteIt) return &s.value;
+    overwrite(s, value);
+    counters_.overwrites++;
+    // 5
+    tessel_.notify(index);
+    return &s.value;
+  }
+  // Insert. 1-4: a free slot, rhash, off the free list.
+  uint32_t const index = allocSlot(hash, prev, curr);
+  SlotT& s = slots_.slots()[index];
+  // 5: the new entry points into the chain; nobody points at it yet.
+  Mem::storeRelease(s.link, Link{s.link.version + Link::kVersionStep, prev->next});
+  // 6: defensive: a free slot is never OCCUPIED.
+  if (s.versionFlags & SlotTable::OCCUPIED) {
+    SlotTable::SlotHead* const look = slots_.header()->lookaside();
+    Mem::storeRelease(look->rhash, s.rhash);
+    std::memcpy(reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), &value, sizeof(Value));
+  }
+  // 7: the value, inside the seqlock of its word.
+  Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+  std::memcpy(&s.value, &value, sizeof(Value));
+  Mem::storeRelease(s.versionFlags, (s.versionFlags + 2) | SlotTable::OCCUPIED);
+  // 8: publish the entry.
+  Mem::storeRelease(*prev, Link{prev->version + Link::kVersionStep, index});
+  FMTRACE(handler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Ops::keyText(key),
+          bucket, index, s.link.next);
+  counters_.inserts++;
+  // 9: buckets grow after the entry is visible.
+  if (members() > map_.growThreshold()) map_.growBuckets();
+  // 10: the queue hears of it last.
+  tessel_.notify(index);
+  return &slots_.slots()[index].value;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::remove(Key const& key, Value& removed) {
+  // 1
+  uint32_t const hash = ops_.hash(key);
+  uint32_t const bucket = map_.bucketOf(hash);
+  if (inDirectMode()) assertUnbalancedKey(key);
+  // 2: a miss never touches runtimeFlags.
+  Link* prev;
+  Link* curr;
+  if (!map_.find(key, bucket, &prev, &curr, hash)) {
+    FMTRACE(handler_, 9, "MirakWriter", "{} bucket:{} not found", Ops::keyText(key), bucket);
+    return false;
+  }
+  // 3
+  typename Slots::CriticalSectionAnchor anchor(&slots_);
+  uint32_t const index = prev->next;
+  SlotT& s = *Map::slotOf(curr);
+  // 4
+  removed = s.value;
+  // 5: unlink. A reader inside the slot still follows its old next.
+  Mem::storeRelease(*prev, Link{prev->version + Link::kVersionStep, s.link.next});
+  // 6
+  uint32_t const threshold = slots_.dealloc(index);
+  counters_.removes++;
+  // 7
+  tessel_.notify(index);
+  // 8
+  FMTRACE(handler_, 9, "MirakWriter", "{} bucket:{} slot:{}", Ops::keyText(key), bucket, index);
+  // 9: slots shrink before buckets.
+  doMaybeShrinkSlots(threshold);
+  // 10
+  if (shrinkBuckets_ && members() < map_.shrinkThreshold()) map_.shrinkBuckets();
+  // 11
+  return true;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::doMaybeShrinkSlots(uint32_t) {
+  // Slot compaction moves entries to the lower part of the file and releases
+  // the rest; it is not part of this build yet, so a table keeps its capacity.
+}
+
+template <TablePolicy OpsT>
+auto MirakWriter<OpsT>::lookup(Key const& key, bool& found, void* destination) const
+    -> Value const* {
+  auto& counters = const_cast<Writer::Counters&>(counters_);
+  counters.lookups++;
+  found = false;
+  uint32_t const hash = ops_.hash(key);
+  uint32_t const bucket = map_.bucketOf(hash);
+  Link* prev;
+  Link* curr;
+  if (map_.find(key, bucket, &prev, &curr, hash)) {
+    SlotT const& s = *Map::slotOf(curr);
+    auto& anchor = const_cast<Slots&>(slots_).versionAnchor();
+    anchor.set(s.versionFlags, &s.versionFlags, slots_.base());
+    found = true;
+    return &s.value;
+  }
+  FMTRACE(handler_, 8, "MirakWriter", "{} not found bucket:{}", Ops::keyText(key), bucket);
+  const_cast<Slots&>(slots_).versionAnchor().reset();
+  Value const& def = Ops::ValueOps::defaultValue();
+  if (destination) std::memcpy(destination, &def, sizeof(Value));
+  return &def;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::first(Value& value, IterHint& hint) const {
+  return map_.first(0, value, hint);
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::next(Key const& key, Value& value, IterHint& hint) const {
+  return map_.next(key, value, hint);
+}
+
+template <TablePolicy OpsT>
+auto MirakWriter<OpsT>::directWrite(Value const& value) -> Value* {
+  // 1
+  Key const key = Ops::key(value);
+  uint32_t const hash = ops_.hash(key);
+  uint32_t const bucket = map_.bucketOf(hash);
+  if (inDirectMode()) assertUnbalanced("writing", value);
+  // 2: the critical section stays open until directCommit.
+  slots_.enterCriticalSection();
+  // 3
+  Link* curr;
+  bool const existing = map_.find(key, bucket, &directPrevLink_, &curr, hash);
+  uint32_t index;
+  if (existing) {
+    index = directPrevLink_->next;
+  } else {
+    // 4
+    index = allocSlot(hash, directPrevLink_, curr);
+  }
+  // 5
+  counters_.directWrites++;
+  // 6: an occupied slot is built in the lookaside slot; a new one in place.
+  SlotT& s = slots_.slots()[index];
+  Value* destination = (s.versionFlags & SlotTable::OCCUPIED)
+                           ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
+                                                      sizeof(SlotTable::SlotHead))
+                           : &s.value;
+  std::memcpy(static_cast<void*>(destination), &value, sizeof(Value));
+  FMTRACE(handler_, 9, "MirakWriter", "{}{} bucket:{} slot:{} next:{}",
+          existing ? " existing " : " new ", Ops::keyText(key), bucket, index, s.link.next);
+  // 7
+  directSlot_ = index;
+  directNew_ = !existing;
+  return destination;
+}
+
+template <TablePolicy OpsT>
+auto MirakWriter<OpsT>::directUpdate(Key const& key) -> Value* {
+  // 1
+  if (inDirectMode()) {
+    SlotT const& s = slots_.slots()[directSlot_ == kNoSlot ? 0 : directSlot_];
+    Lomi::fmassert(handler_, "MirakWriter", "directUpdate",
+                   "unbalanced directSlot:{} containing value:{} when modifying key:{} - Make "
+                   "sure the DirectIs/Commit are properly paired!",
+                   directSlot_, Ops::valueText(s.value), Ops::keyText(key));
+  }
+  // 2
+  slots_.enterCriticalSection();
+  uint32_t const hash = ops_.hash(key);
+  uint32_t const bucket = map_.bucketOf(hash);
+  Link* curr;
+  bool found;
+  try {
+    found = map_.find(key, bucket, &directPrevLink_, &curr, hash);
+  } catch (...) {
+    throw;  // the critical bit stays up: the chain is damaged
+  }
+  // 3
+  if (!found) {
+    slots_.leaveCriticalSection();
+    return nullptr;
+  }
+  // 4
+  counters_.directUpdates++;
+  uint32_t const index = directPrevLink_->next;
+  directSlot_ = index;
+  directNew_ = false;
+  SlotT& s = slots_.slots()[index];
+  Value* destination = (s.versionFlags & SlotTable::OCCUPIED)
+                           ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
+                                                      sizeof(SlotTable::SlotHead))
+                           : &s.value;
+  // 5: the mode stays open without the marker.
+  slots_.leaveCriticalSection();
+  return destination;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::directCommit() {
+  // 1
+  FMTRACE(handler_, 9, "MirakWriter", "slot: {}", directSlot_);
+  FMASSERT(directSlot_ != kNoSlot, handler_, "MirakWriter",
+           "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
+  uint32_t const index = directSlot_;
+  SlotT& s = slots_.slots()[index];
+  // 2: a new entry points into the chain; nobody points at it yet.
+  if (directNew_) {
+    Mem::storeRelease(s.link, Link{s.link.version + Link::kVersionStep, directPrevLink_->next});
+  }
+  // 3
+  counters_.directCommits++;
+  // 4
+  if (s.versionFlags & SlotTable::OCCUPIED) {
+    SlotTable::SlotHead* const look = slots_.header()->lookaside();
+    Mem::storeRelease(look->rhash, s.rhash);
+    Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+    std::memcpy(&s.value, reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), sizeof(Value));
+    Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+  } else {
+    Mem::storeRelease(s.versionFlags, (s.versionFlags + 4) | SlotTable::OCCUPIED);
+  }
+  // 5
+  directSlot_ = kNoSlot;
+  // 6: publish a new entry.
+  if (directNew_) {
+    Mem::storeRelease(*directPrevLink_, Link{directPrevLink_->version + Link::kVersionStep, index});
+    directNew_ = false;
+  }
+  // 7
+  if (members() > map_.growThreshold()) map_.growBuckets();
+  // 8
+  tessel_.notify(index);
+  // 9: after directUpdate the bit is clear already.
+  slots_.leaveCriticalSection();
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::validateVersionAnchor() const {
+  Mem::VersionAnchor const a = slots_.versionAnchor();
+  if (hook_) hook_(a);
+  FMASSERT(!a.neverSet(), handler_, "MirakWriter",
+           "should not be called on a default-constructed VersionAnchor");
+  if (!a.isGone()) {
+    uint32_t const now = Mem::loadAcquire(
+        *reinterpret_cast<uint32_t const*>(static_cast<char const*>(a.base) + a.offset));
+    if (now == a.word) return true;
+  }
+  throw Mem::VersionMismatchException();
+}
+
+}  // namespace Mirak

@@ -1,0 +1,430 @@
+// Mirak::SlotWriterTable: the writer's side of the slot file.
+//
+// It formats or adopts the file, hands out and takes back slots through the
+// free list, grows the file, and marks critical sections. It knows nothing of
+// keys or buckets: the hash map and the write path stand on it.
+//
+// Safety (one writer thread; any number of reader processes mapping read-only):
+//  1. New slots are formatted completely before the capacity that covers them
+//     is published (grow steps 5-8), and the free list is joined last (step 9):
+//     a reader that learns the new capacity finds formatted slots.
+//  2. Every link store is one 8-byte release store that adds 4 to the link's
+//     version; the `numSlots` pair is one 8-byte release store that adds 1.
+//  3. Bit 0 of `runtimeFlags` is set while the table may be inconsistent. It is
+//     no lock; it survives the writer's death, and the next writer's
+//     validation fails on it. An exception leaving a critical section leaves it
+//     set on purpose: the table may be half-changed.
+//  4. The file is never copied: it grows by remap, and every pointer into it
+//     is stale after `resize`.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Lomi/Util.h"
+#include "Mem/Atomics.h"
+#include "Mem/ParcelWrapper.h"
+#include "Mem/VersionAnchor.h"
+#include "Mirak/Counters.h"
+#include "Mirak/SlotTable.h"
+#include "Mirak/TableFullException.h"
+#include "Parcel/KestorId.h"
+
+namespace Mirak {
+
+// Fixed facts of a table whose values are `Value`.
+template <typename Value>
+struct SlotGeometry {
+  using SlotT = SlotTable::Slot<Value>;
+  static constexpr uint32_t valueSize = sizeof(Value);
+  static constexpr uint32_t slotSize = SlotTable::slotSizeFor(valueSize);
+  static constexpr uint32_t headerSize = SlotTable::headerSizeFor(valueSize);
+  static_assert(sizeof(SlotT) == slotSize, "a slot is 16 bytes and the value, rounded up to 8");
+  static_assert(offsetof(SlotT, value) == 16);
+  static_assert(alignof(Value) <= 8, "values must fit the 8-byte slot alignment");
+};
+
+template <typename Value>
+class SlotWriterTable {
+ public:
+  using Geometry = SlotGeometry<Value>;
+  using SlotT = typename Geometry::SlotT;
+  static constexpr uint32_t kNoSlot = SlotTable::kNoSlot;
+
+  // Attach results.
+  static constexpr int kNewFile = 1;
+  static constexpr int kExistingFile = 2;
+  static constexpr int kReformatted = 4;
+
+  struct Slots {
+    SlotT* base = nullptr;
+    uint32_t maxIndex = 0;  // capacity - 1; 0 for an empty table
+
+    SlotT& operator[](uint32_t index) const {
+      if (index > maxIndex) {
+        throw Lomi::CorruptionDetectedException("out-of-range index: {} max:{}", index, maxIndex);
+      }
+      return base[index];
+    }
+  };
+
+  // Settings the table is built from (they come from the map descriptor).
+  struct Config {
+    uint32_t maxSlots = 0;
+    bool fixedSize = false;
+    bool shrinkSlots = false;
+    uint16_t constFlags = 0;
+    std::string valueTypeName;
+  };
+
+  // `filePath` empty: the table lives in private memory. `name` stands for the
+  // table in messages. `hashSeed` is the policy's seed, set at attach.
+  SlotWriterTable(Lomi::Platform::DebugHandler& handler, std::string name, std::string filePath,
+                  Config config, uint32_t& hashSeed, Writer::Counters& counters)
+      : handler_(handler),
+        name_(std::move(name)),
+        wrapper_(std::move(filePath)),
+        config_(std::move(config)),
+        hashSeed_(hashSeed),
+        counters_(counters) {
+    minSlots_ = config_.fixedSize ? config_.maxSlots : computeMinSlots();
+  }
+  SlotWriterTable(SlotWriterTable const&) = delete;
+  SlotWriterTable& operator=(SlotWriterTable const&) = delete;
+  virtual ~SlotWriterTable() = default;
+
+  // Formats or adopts the file; see the header comment of attach() in the .cpp
+  // notes below. Returns kNewFile, kExistingFile or kReformatted.
+  int attach(Parcel::KestorId kestor);
+  virtual void detach();
+
+  virtual uint32_t capacity() const { return capacity_; }
+  uint32_t minSlots() const { return minSlots_; }
+  uint32_t maxSlots() const { return config_.maxSlots; }
+  bool fixedSize() const { return config_.fixedSize; }
+
+  // Called with an empty free list. False only for a fixed-size table.
+  bool grow();
+  // The capacity after a grow from `c`: double below maxSlots (capped there,
+  // computed in single precision); at or beyond maxSlots, creep on by a tenth,
+  // rounded up. The overshoot past maxSlots is the rule, not an error.
+  static uint32_t nextCapacity(uint32_t c, uint32_t maxSlots) {
+    uint32_t n;
+    if (c < maxSlots) {
+      n = static_cast<uint32_t>(static_cast<float>(c) * 2.0f);
+      if (n > maxSlots) n = maxSlots;
+    } else {
+      float const crept = static_cast<float>(c) * 1.1f;
+      n = static_cast<uint32_t>(crept);
+      if (static_cast<float>(n) < crept) n++;
+    }
+    return n > c ? n : c + 1;
+  }
+  // Remaps the file for `newNumSlots` slots. Updates neither capacity nor slots.
+  void resize(uint32_t newNumSlots);
+  // Puts `index` on the free list. Returns the shrink threshold if a shrink is
+  // due, else 0.
+  uint32_t dealloc(uint32_t index);
+  // The failure exit of allocation on a full fixed-size table.
+  [[noreturn]] void alloc();
+  // Recomputes shrinkThreshold_ from the capacity and settings.
+  uint32_t shrinkThreshold();
+  uint32_t currentShrinkThreshold() const { return shrinkThreshold_; }
+
+  void enterCriticalSection();
+  void leaveCriticalSection() {
+    Mem::storeRelease(header_->runtimeFlags,
+                      uint16_t(header_->runtimeFlags & ~SlotTable::kRuntimeFlagCritical));
+  }
+  bool inCriticalSection() const {
+    return header_ && (header_->runtimeFlags & SlotTable::kRuntimeFlagCritical);
+  }
+
+  // Clears the critical bit at the end of an operation, unless an exception is
+  // leaving it: a half-done change must fail the next validation.
+  class CriticalSectionAnchor {
+   public:
+    explicit CriticalSectionAnchor(SlotWriterTable* table) : table_(table) {
+      table_->enterCriticalSection();
+    }
+    ~CriticalSectionAnchor() {
+      if (std::uncaught_exceptions() == 0) table_->leaveCriticalSection();
+    }
+    CriticalSectionAnchor(CriticalSectionAnchor const&) = delete;
+    CriticalSectionAnchor& operator=(CriticalSectionAnchor const&) = delete;
+
+   private:
+    SlotWriterTable* table_;
+  };
+
+  // Threads slots [start, end) on the free list, lowest index first.
+  // Precondition: the free list is empty. The caller sets freeSlots.
+  void addFreeSlots(uint32_t start, uint32_t end);
+
+  SlotTable::Header* header() const { return header_; }
+  Slots const& slots() const { return slots_; }
+  char* base() const { return static_cast<char*>(wrapper_.base()); }
+  // Bytes of the mapping that hold the header and the current capacity.
+  uint64_t usedBytes() const { return uint64_t(Geometry::headerSize) + uint64_t(capacity_) * Geometry::slotSize; }
+  Mem::ParcelWrapper& wrapper() { return wrapper_; }
+  Mem::ParcelWrapper const& wrapper() const { return wrapper_; }
+  Mem::VersionAnchor& versionAnchor() { return anchor_; }
+  Mem::VersionAnchor const& versionAnchor() const { return anchor_; }
+  std::string const& name() const { return name_; }
+  Lomi::Platform::DebugHandler& handler() const { return handler_; }
+
+  // Points the table's cached pointers at the current mapping and capacity.
+  void refresh();
+
+  static Value const& defaultValue() {
+    static Value const v{};
+    return v;
+  }
+
+ private:
+  uint32_t computeMinSlots() const;
+  void formatSlot(SlotT& s) {
+    s.link = SlotLink{0, kNoSlot};
+    s.versionFlags = 0;
+    s.rhash = 0;
+    s.value = defaultValue();
+  }
+
+  Lomi::Platform::DebugHandler& handler_;
+  std::string name_;
+  Mem::ParcelWrapper wrapper_;
+  SlotTable::Header* header_ = nullptr;
+  Mem::VersionAnchor anchor_;
+  uint32_t capacity_ = 0;
+  Config config_;
+  uint32_t& hashSeed_;
+  uint32_t minSlots_ = 1;
+  Slots slots_;
+  Writer::Counters& counters_;
+  uint32_t shrinkThreshold_ = 0;
+};
+
+// ---------------------------------------------------------------------------
+
+template <typename Value>
+uint32_t SlotWriterTable<Value>::computeMinSlots() const {
+  // The largest power of two of slots that fit beside the header in one page.
+  uint64_t const page = Lomi::Util::pageSize();
+  if (page <= Geometry::headerSize) return 1;
+  uint64_t const room = page - Geometry::headerSize;
+  if (room < Geometry::slotSize) return 1;
+  return uint32_t(1) << (std::bit_width(room / Geometry::slotSize) - 1);
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::refresh() {
+  header_ = static_cast<SlotTable::Header*>(wrapper_.base());
+  capacity_ = header_ ? header_->numSlots.value : 0;
+  slots_.base = header_ ? reinterpret_cast<SlotT*>(base() + Geometry::headerSize) : nullptr;
+  slots_.maxIndex = capacity_ ? capacity_ - 1 : 0;
+  shrinkThreshold();
+}
+
+template <typename Value>
+int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
+  detach();
+  uint64_t const existing = wrapper_.memSize();
+  uint64_t const size = Lomi::Util::fileSizeHelper(minSlots_, Geometry::slotSize, Geometry::headerSize);
+  if (!wrapper_.attach(size, Mem::ParcelWrapper::Mode::ReadWrite)) {
+    throw Lomi::InvalidInitializeException("cannot attach to shmem {} size:{}: {}",
+                                           wrapper_.getFilename(), size, wrapper_.lastError());
+  }
+  header_ = static_cast<SlotTable::Header*>(wrapper_.base());
+  auto wrongFixedCapacity = [&] {
+    if (config_.fixedSize && (existing == 0 || header_->numSlots.value != minSlots_)) {
+      FMTRACE(handler_, 1, "SlotWriterTable",
+              "wanted capacity:{} for fixed-size table, but existing file has capacity:{}",
+              minSlots_, existing == 0 ? 0u : header_->numSlots.value);
+      return true;
+    }
+    return false;
+  };
+  bool reformat = true;
+  if (existing != 0 && header_->kestor == kestor.value()) {
+    std::string error;
+    bool valid = header_->validate(handler_, existing, kestor, error, Geometry::slotSize);
+    bool const wrongCapacity = wrongFixedCapacity();
+    if (valid && !wrongCapacity) reformat = false;
+  } else {
+    wrongFixedCapacity();
+  }
+  if (!reformat) {
+    hashSeed_ = header_->hashSeed;
+    uint64_t const storedSize = Lomi::Util::fileSizeHelper(header_->numSlots.value, Geometry::slotSize,
+                                                           Geometry::headerSize);
+    if (!wrapper_.resize(storedSize)) {
+      throw Lomi::MemoryResourceException("failed to resize {} to size {} : {}",
+                                          wrapper_.getFilename(), storedSize, wrapper_.lastError());
+    }
+    refresh();
+    FMTRACE(handler_, 2, "SlotWriterTable", "to existing {}", name_);
+    FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
+    return kExistingFile;
+  }
+  if (existing != 0) {
+    // Re-format: take the file as it stands, then bring it to the size for
+    // minSlots (the tail is released, the file is not shortened).
+    uint64_t const fileLength = wrapper_.memSize();
+    if (!wrapper_.resize(fileLength) || !wrapper_.resize(size)) {
+      throw Lomi::MemoryResourceException("failed to resize {} to size {} : {}",
+                                          wrapper_.getFilename(), size, wrapper_.lastError());
+    }
+  }
+  uint32_t const seed = static_cast<uint32_t>(std::rand());
+  hashSeed_ = seed;
+  SlotTable::Header::format(wrapper_.base(), handler_, minSlots_, config_.maxSlots, config_.constFlags,
+                            kestor, config_.valueTypeName, Geometry::valueSize, seed,
+                            &defaultValue());
+  refresh();
+  addFreeSlots(0, minSlots_);
+  Mem::storeRelease(header_->freeSlots, 0u);
+  int result;
+  if (existing != 0) {
+    FMTRACE(handler_, 1, "SlotWriterTable", "re-formatted {}", name_);
+    result = kReformatted;
+  } else {
+    if (!wrapper_.local()) FMTRACE(handler_, 2, "SlotWriterTable", "to new file {}", name_);
+    result = kNewFile;
+  }
+  FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
+  return result;
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::detach() {
+  capacity_ = 0;
+  slots_ = Slots{};
+  wrapper_.detach();
+  header_ = nullptr;
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::addFreeSlots(uint32_t start, uint32_t end) {
+  FMASSERT(start < end, handler_, "SlotWriterTable", "bad index range, start: {} end: {}", start, end);
+  FMASSERT(header_->freeSlots == kNoSlot, handler_, "SlotWriterTable", "free-list is not empty");
+  uint32_t next = kNoSlot;
+  for (uint32_t i = end; i-- > start;) {
+    SlotT& s = slots_[i];
+    Mem::storeRelease(s.link, SlotLink{s.link.version + SlotLink::kVersionStep, next});
+    next = i;
+  }
+}
+
+template <typename Value>
+bool SlotWriterTable<Value>::grow() {
+  // 1: the free list is empty, so every slot must be in use.
+  if (header_->occupiedSlots != header_->numSlots.value) {
+    throw Lomi::CorruptionDetectedException(
+        "the slot table is full but numSlots: {} and occupiedSlots: {} are not equal",
+        header_->numSlots.value, header_->occupiedSlots);
+  }
+  // 2
+  if (config_.fixedSize) return false;
+  // 3
+  uint32_t const c = capacity_;
+  uint32_t const n = nextCapacity(c, config_.maxSlots);
+  // 4
+  resize(n);
+  // 5: format the new slots before anyone can learn of them.
+  auto* newBase = reinterpret_cast<SlotT*>(base() + Geometry::headerSize);
+  for (uint32_t i = c; i < n; i++) formatSlot(newBase[i]);
+  header_ = static_cast<SlotTable::Header*>(wrapper_.base());
+  // 6
+  slots_.base = newBase;
+  slots_.maxIndex = n - 1;
+  addFreeSlots(c, n);
+  // 7
+  if (header_->mostSlots < n) Mem::storeRelease(header_->mostSlots, n);
+  // 8: publish the capacity. Readers learn of the new size here.
+  Mem::storeRelease(header_->numSlots,
+                    Mem::VersionedRef<unsigned int>{header_->numSlots.version + 1, n});
+  // 9: join the free list last.
+  Mem::storeRelease(header_->freeSlots, c);
+  // 10
+  FMTRACE(handler_, 2, "SlotWriterTable", "{} from {} slots to {}", name_, c, n);
+  refresh();
+  counters_.slotGrows++;
+  return true;
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::resize(uint32_t newNumSlots) {
+  FMTRACE(handler_, 5, "SlotWriterTable", "{} from {} to {} slots", name_, capacity_, newNumSlots);
+  if (newNumSlots > config_.maxSlots) {
+    FMTRACE(handler_, 5, "SlotWriterTable", "overflowing by {} slots", newNumSlots - config_.maxSlots);
+  }
+  uint64_t const size = Lomi::Util::fileSizeHelper(newNumSlots, Geometry::slotSize, Geometry::headerSize);
+  void* const oldBase = wrapper_.base();
+  void* const newBase = wrapper_.resize(size);
+  if (!newBase) {
+    throw Lomi::MemoryResourceException(
+        "failed to resize {} from {} to {} slots, needed {} bytes. Reason: {}",
+        wrapper_.getFilename(), capacity_, newNumSlots, size, wrapper_.lastError());
+  }
+  if (newBase != oldBase) {
+    FMTRACE(handler_, 5, "SlotWriterTable", "remap base address changed from {} to {}", oldBase,
+            newBase);
+    counters_.remaps++;
+  }
+  FMTRACE(handler_, 5, "SlotWriterTable", "to {} successfully", newNumSlots);
+}
+
+template <typename Value>
+uint32_t SlotWriterTable<Value>::dealloc(uint32_t index) {
+  SlotT& s = slots_[index];
+  // 1
+  uint32_t const oldHead = header_->freeSlots;
+  // 2: the value is no longer live; a reader inside it restarts.
+  Mem::storeRelease(s.versionFlags, s.versionFlags & ~SlotTable::OCCUPIED);
+  // 3
+  Mem::storeRelease(header_->freeSlots, index);
+  // 4
+  Mem::storeRelease(s.link, SlotLink{s.link.version + SlotLink::kVersionStep, oldHead});
+  // 5
+  Mem::storeRelease(header_->occupiedSlots, header_->occupiedSlots - 1);
+  counters_.slotsFreed++;
+  // 6
+  return header_->occupiedSlots < shrinkThreshold_ / 2 ? shrinkThreshold_ : 0;
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::alloc() {
+  // A refused insert changed nothing: the critical bit is cleared before the
+  // throw, unlike any other exception of a critical section.
+  leaveCriticalSection();
+  throw TableFullException("Mirak table full (occupancy:{} tableSize:{}) {}", header_->occupiedSlots,
+                           config_.maxSlots, name_);
+}
+
+template <typename Value>
+uint32_t SlotWriterTable<Value>::shrinkThreshold() {
+  if (config_.shrinkSlots && !config_.fixedSize && capacity_ > minSlots_) {
+    shrinkThreshold_ = capacity_ <= 1 ? 1 : uint32_t(1) << (std::bit_width(capacity_ - 1) - 1);
+  } else {
+    shrinkThreshold_ = 0;
+  }
+  FMTRACE(handler_, 5, "SlotWriterTable", "shrinkThreshold_:{}", shrinkThreshold_);
+  return shrinkThreshold_;
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::enterCriticalSection() {
+  FMASSERT(!(header_->runtimeFlags & SlotTable::kRuntimeFlagCritical), handler_, "SlotWriterTable",
+           "Mirak reentrancy detected: {}", name_);
+  Mem::storeRelease(header_->runtimeFlags,
+                    uint16_t(header_->runtimeFlags | SlotTable::kRuntimeFlagCritical));
+}
+
+}  // namespace Mirak

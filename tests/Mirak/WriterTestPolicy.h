@@ -1,0 +1,44 @@
+// A table policy for the writer tests: the test record of TestPolicy.h with
+// a queue writer that records what the table tells it, so the tests can check
+// the queue rules (one live entry per notified slot) without files.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Lomi/Trace.h"
+#include "Mirak/TestPolicy.h"
+#include "Parcel/KestorId.h"
+
+namespace MirakTest {
+
+struct RecordingQueueWriter {
+  static constexpr bool kFeedsQueue = true;
+
+  RecordingQueueWriter(Lomi::Platform::DebugHandler&, std::string const&) {}
+  int attach(Parcel::KestorId, uint32_t) { return 1; }
+  void notify(uint32_t slot) {
+    ++sequence_;
+    lastSequence[slot] = sequence_;
+    notified.push_back(slot);
+  }
+  void tombstone(uint32_t slot) { lastSequence.erase(slot); }
+  uint64_t sequence() const { return sequence_; }
+  void onDetach() {}
+  void cleanup() {}
+
+  uint64_t sequence_ = 0;
+  std::map<uint32_t, uint64_t> lastSequence;  // the one live entry of each slot
+  std::vector<uint32_t> notified;
+};
+
+using WriterOps = Mirak::Ops<
+    TestKey, TestValue,
+    Mirak::KeyOps<TestKey, TestValue, Mirak::KeyRetrieval<TestKey, TestValue, &TestValue::fwkKey>,
+                  Mirak::Hash<TestKey, false>>,
+    Mirak::ValueOps<TestKey, TestValue, Mirak::Marshall<TestValue>, Mirak::Allocator<TestValue>>,
+    Mirak::SlotAllocator<TestKey, TestValue>, RecordingQueueWriter, Mirak::NullPrevValueAnchor>;
+
+}  // namespace MirakTest
