@@ -55,8 +55,9 @@
 //   step 3  stamp, capacity, entries, back references, count, base
 //   step 4  currentTable = other            (release)
 //
-// The other table gets twice the capacity if more than half of the entries
-// are live, so after a compaction at least half of the table is free and the
+// The other table gets twice the capacity if more than half of it would be
+// live (counting the entries the caller is about to append), so after a
+// compaction at least half of the table is free and the
 // copying costs at most two entry copies per notify, amortised.
 //
 // Worked example, capacity 4, slots A and B, base 0:
