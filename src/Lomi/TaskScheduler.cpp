@@ -98,10 +98,8 @@ void TaskSchedulerRoot::runCriticalPriorityTasks() {
   runningHere.push_back(this);
   impl_->runs.fetch_add(1, std::memory_order_relaxed);
   for (auto const& e : batch) {
-    // The flag is cleared under the mutex by a deletion that may have run
-    // on another thread; relaxed is enough for "not again after it returned"
-    // on this thread, and a deletion racing from another thread may see the
-    // task run once more, as with any concurrent unregistration.
+    // Same-thread unregistration is seen here for sure; one racing from
+    // another thread may miss this run, as any concurrent unregistration may.
     if (!e->live.load(std::memory_order_relaxed)) continue;
     try {
       e->task();

@@ -27,13 +27,9 @@
 #pragma once
 
 #include <atomic>
-#include <compare>
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <typeinfo>
-#include <utility>
 
 #include "Zeb/AllocTracking.h"
 
