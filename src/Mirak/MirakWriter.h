@@ -137,7 +137,7 @@ class MirakWriter : public MirakInterface<OpsT> {
     c.maxSlots = desc.size;
     c.fixedSize = desc.fixedSize;
     c.shrinkSlots = desc.shrinkSlots;
-    c.constFlags = TesselWriter::kFeedsQueue ? SlotTable::kConstFlagQueue : 0;
+    c.constFlags = TesselWriter::hasQueue ? SlotTable::kConstFlagQueue : 0;
     c.valueTypeName = std::string(Ops::ValueOps::typeName());
     return c;
   }
@@ -186,7 +186,7 @@ MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const
              ops_.keyOps.hashSeed, counters_),
       map_(handler, rootPath_.isLocal() ? std::string() : rootPath_.path(), ops_, slots_, counters_,
            criticalTaskCheck_),
-      tessel_(handler, rootPath_.isLocal() ? std::string() : rootPath_.path()),
+      tessel_(rootPath_.isLocal() ? std::string() : rootPath_.path(), handler),
       typeName_(Ops::ValueOps::typeName()) {}
 
 template <TablePolicy OpsT>
@@ -220,10 +220,9 @@ bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
   int const a = slots_.attach(kestor);
   int const b = map_.bucketWriter().attach(kestor.value());
   map_.thresholdsIs();
-  int c = 0;
-  if constexpr (TesselWriter::kFeedsQueue) {
-    c = tessel_.attach(kestor, slots_.header()->mostSlots);
-  }
+  // A table without a queue has no third file: the dummy answers 0, which
+  // leaves the OR of the results alone.
+  int const c = tessel_.attach(kestor.value(), slots_.header()->mostSlots);
   int const all = a | b | c;
   return all == Slots::kNewFile || all == Slots::kExistingFile;
 }
@@ -312,6 +311,8 @@ uint32_t MirakWriter<OpsT>::allocSlot(uint32_t hash, Link*& prev, Link*& curr) {
     int64_t const currOffset = toOffset(curr);
     if (!slots_.grow()) slots_.alloc();
     h = slots_.header();
+    // The queue keeps one back reference per slot the table ever had.
+    tessel_.mostSlotsIs(h->mostSlots);
     // 4
     if (slots_.base() != oldBase) {
       if (prevOffset >= 0) prev = reinterpret_cast<Link*>(slots_.base() + prevOffset);

@@ -15,10 +15,11 @@
 namespace MirakTest {
 
 struct RecordingQueueWriter {
-  static constexpr bool kFeedsQueue = true;
+  static constexpr bool hasQueue = true;
 
-  RecordingQueueWriter(Lomi::Platform::DebugHandler&, std::string const&) {}
-  int attach(Parcel::KestorId, uint32_t) { return 1; }
+  RecordingQueueWriter(std::string const&, Lomi::Platform::DebugHandler&) {}
+  int attach(uint32_t, uint32_t) { return 1; }
+  void mostSlotsIs(uint32_t) {}
   void notify(uint32_t slot) {
     ++sequence_;
     lastSequence[slot] = sequence_;
