@@ -82,11 +82,11 @@
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/Operations.h"
 #include "Parcel/KestorId.h"
+#include "Tessel/Sequence.h"
 
 namespace Mirak {
 
-// Running number of queue notifications (Rusk::Sequence).
-using Sequence = uint64_t;
+using Sequence = Rusk::Sequence;
 
 using VersionAnchorHook = void (*)(Mem::VersionAnchor const&);
 

@@ -157,6 +157,9 @@ TYPED_TEST(FlowTableTest, PolicyMatchesTheTableFormat) {
   other.hashSeedIs(0x5eee);
   EXPECT_NE(other.hash(key), this->ops.hash(key)) << "the seed takes part in the hash";
   EXPECT_FALSE(O::keyEqual(key, typename O::Key()));
+  // Messages show keys and values in their text forms.
+  EXPECT_EQ(O::keyText(key), fmt::format("{}", key));
+  EXPECT_EQ(O::valueText(value), fmt::format("{}", value.record()));
 }
 
 TYPED_TEST(FlowTableTest, DummyIsAnEmptyReadOnlyReader) {
