@@ -78,7 +78,8 @@ class BucketWriter {
   // Maps the file and returns attachNew (1) if there was none (or the table is
   // local) and it was formatted, attachExisting (2) if its identification
   // matches `kestor` and it validates (it is kept as found), attachReformatted
-  // (4) if it was there but had to be formatted again.
+  // (4) if it was there but had to be formatted again. A `kestor` of 0 adopts
+  // a sound file of any generation.
   int attach(uint32_t kestor) {
     detach();
     if (wrapper_.local()) {
