@@ -146,6 +146,7 @@ class TesselWriter {
   // memory. Nothing is mapped until attach. `handler` must outlive this.
   TesselWriter(std::string dir, Lomi::Platform::DebugHandler& handler)
       : dir_(std::move(dir)),
+        name_(dir_.empty() ? "local tessel" : "tessel " + dir_),
         handler_(handler),
         header_(headerFilePath(dir_)),
         tables_{Mem::ParcelWrapper(tableFilePath(dir_, 0)),
@@ -239,7 +240,9 @@ class TesselWriter {
   uint64_t secondaryMappedSize() const { return tables_[current_ ^ 1u].fileSize(); }
   std::string const& dir() const { return dir_; }
   // "tessel <dir>" or "local tessel", for messages.
-  std::string name() const { return dir_.empty() ? "local tessel" : "tessel " + dir_; }
+  // Built once: compaction names the queue in its size checks, and the
+  // steady-state path must not allocate.
+  std::string const& name() const { return name_; }
   std::string headersToString() const;
 
  private:
@@ -255,6 +258,7 @@ class TesselWriter {
   uint32_t firstAtOrAfter(Rusk::Sequence seq) const;
 
   std::string dir_;
+  std::string name_;
   Lomi::Platform::DebugHandler& handler_;
   Mem::ParcelWrapper header_;
   Mem::ParcelWrapper tables_[2];
