@@ -1,0 +1,138 @@
+// Rusk::WriterRuskSm and connectProbe: names, listening, accepting, and a
+// listener in another process that dies.
+#include "Rusk/WriterRuskSm.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Lomi/Trace.h"
+#include "Parcel/ProcessTestUtil.h"
+
+namespace {
+
+using ParcelTest::Child;
+using ParcelTest::Pipe;
+using Rusk::TunnetName;
+using Rusk::WriterRuskSm;
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("test.WriterRuskSm");
+}
+
+// A client connection to an abstract name, kept open; -1 on failure.
+int connectTo(std::string const& printable) {
+  sockaddr_un addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, printable.data(), printable.size());
+  addr.sun_path[0] = '\0';
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + printable.size());
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+TEST(WriterRuskSm, TableIdsCountUpAndNamesCarryPidAndId) {
+  WriterRuskSm a(handler());
+  WriterRuskSm b(handler());
+  EXPECT_EQ(b.tableId(), a.tableId() + 1);
+  EXPECT_EQ(a.socketName(), fmt::format("@flowtables-{}-{}", ::getpid(), a.tableId()));
+  std::optional<TunnetName> n = TunnetName::TunnetNameIs(b.socketName());
+  ASSERT_TRUE(n.has_value());
+  EXPECT_EQ(n->pid, ::getpid());
+  EXPECT_EQ(n->tableId, b.tableId());
+  EXPECT_EQ(n->str(), b.socketName());
+  EXPECT_FALSE(a.listening());
+  EXPECT_EQ(a.fd(), -1);
+}
+
+class TunnetNameParse : public ::testing::TestWithParam<char const*> {};
+
+TEST_P(TunnetNameParse, RejectsWhatIsNotAWakeUpSocketName) {
+  EXPECT_FALSE(TunnetName::TunnetNameIs(GetParam()).has_value()) << GetParam();
+}
+
+INSTANTIATE_TEST_SUITE_P(Malformed, TunnetNameParse,
+                         ::testing::Values("", "@flowtables-", "@flowtables-12", "@flowtables-12-",
+                                           "@flowtables--3", "@flowtables-0-3", "@flowtables-x-3",
+                                           "@flowtables-12-3x", "flowtables-12-3",
+                                           "@flowtables-12-99999999999", "@other-12-3"));
+
+TEST(WriterRuskSm, ProbeFollowsTheListener) {
+  WriterRuskSm w(handler());
+  EXPECT_FALSE(Rusk::connectProbe(w.socketName()));
+  w.doEnableListen();
+  EXPECT_TRUE(w.listening());
+  int fd = w.fd();
+  w.doEnableListen();
+  EXPECT_EQ(w.fd(), fd) << "a second doEnableListen opened another socket";
+  EXPECT_TRUE(Rusk::connectProbe(w.socketName()));
+  w.close();
+  EXPECT_FALSE(w.listening());
+  EXPECT_FALSE(Rusk::connectProbe(w.socketName()));
+  // The name is free again: listening anew works.
+  w.doEnableListen();
+  EXPECT_TRUE(Rusk::connectProbe(w.socketName()));
+}
+
+TEST(WriterRuskSm, ProbeOfNoSuchSocketIsFalse) {
+  EXPECT_FALSE(Rusk::connectProbe(""));
+  EXPECT_FALSE(Rusk::connectProbe("@flowtables-1-4000000000"));
+  EXPECT_FALSE(Rusk::connectProbe("/nonexistent/dir/socket"));
+  EXPECT_FALSE(Rusk::connectProbe("@" + std::string(200, 'x')));
+}
+
+TEST(WriterRuskSm, AcceptKeepsLiveConnectionsAndDropsGoneOnes) {
+  WriterRuskSm w(handler());
+  EXPECT_EQ(w.acceptPending(), 0u) << "accept before listening";
+  w.doEnableListen();
+  ASSERT_TRUE(Rusk::connectProbe(w.socketName()));
+  int c1 = connectTo(w.socketName());
+  int c2 = connectTo(w.socketName());
+  ASSERT_GE(c1, 0);
+  ASSERT_GE(c2, 0);
+  EXPECT_EQ(w.acceptPending(), 3u);
+  EXPECT_EQ(w.connections().size(), 2u) << "the probe's closed connection was kept";
+  ::close(c1);
+  EXPECT_EQ(w.acceptPending(), 0u);
+  EXPECT_EQ(w.connections().size(), 1u);
+  w.close();
+  EXPECT_TRUE(w.connections().empty());
+  // The writer closed its end: the client sees end of file.
+  char b;
+  EXPECT_EQ(::read(c2, &b, 1), 0);
+  ::close(c2);
+}
+
+// A listener in another process accepts while it lives; after SIGKILL its
+// abstract name is gone.
+TEST(WriterRuskSm, ListenerDiesWithItsProcess) {
+  Pipe name;
+  Child listener([&] {
+    name.closeRead();
+    WriterRuskSm w(handler());
+    w.doEnableListen();
+    name.send(w.socketName());
+    ::pause();
+    return 0;
+  });
+  name.closeWrite();
+  std::optional<std::string> socket = name.receive();
+  ASSERT_TRUE(socket.has_value());
+  EXPECT_EQ(TunnetName::TunnetNameIs(*socket)->pid, listener.pid());
+  EXPECT_TRUE(Rusk::connectProbe(*socket));
+  ASSERT_TRUE(listener.killAndReap());
+  EXPECT_FALSE(Rusk::connectProbe(*socket));
+}
+
+}  // namespace
