@@ -1,0 +1,396 @@
+// MirakCore::ReaderHashMap<Reader>: the lock-free read side of a table's
+// index (the split-ordered list of WriterHashMap.h, walked without a lock
+// while the one writer changes it).
+//
+// A reader process walks the bucket and slot files, takes no lock, stores
+// nothing into either file, and never returns a torn value, a key that is not
+// in the table, or a false report of absence. What proves each step:
+//
+//  1. A value is copied under its slot's `versionFlags` (SlotReaderTable::
+//     getValue): key and value are taken whole or not at all.
+//  2. The link that led to a slot (a bucket head or the previous slot's link)
+//     is loaded as one 8-byte pair before the slot is read and its version is
+//     compared after: an unchanged version proves that the slot was still in
+//     this chain when it was read. Removal, re-use and a cut of the chain all
+//     store into that link (version + 4), so the walk restarts from the
+//     bucket head and counts a retry. Each restart needs a fresh store by the
+//     writer into exactly the link being followed.
+//  3. A slot reached over an unchanged link is OCCUPIED, and its key belongs
+//     to the bucket under the private bucket count n, or n/2 or 2n (a walk
+//     may overlap a halving or doubling). Anything else is an exception.
+//  4. `slotCount` (bounded by the capacity) and `bucketCount` (bounded by the
+//     bucket count) turn any loop that a racing change may form into an
+//     exception.
+//  5. Absence is reported only after `checkResize`: a walk that ended on a
+//     bucket count the header has left behind throws instead, and the reader
+//     object (MirakReader) remaps and runs the operation again. Every
+//     exception here is Lomi::CorruptionDetectedException, and it is the
+//     normal way a resize shows up; only MirakReader decides whether it is
+//     damage.
+//
+// Loads: links and the header's pairs are 8-byte acquire loads, `versionFlags`
+// acquire loads; their program order is part of the protocol.
+//
+// `Reader` supplies: `Ops`, `slotTable()` (a Mirak::SlotReaderTable<Ops>&),
+// `ops()`, `counters()` (a Mirak::Reader::Counters&) and `valueBuffer()`.
+// One thread per object: the internal value buffer and the version anchor
+// belong to the reader object.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Lomi/Util.h"
+#include "Mem/Atomics.h"
+#include "Mirak/Counters.h"
+#include "Mirak/IterHint.h"
+#include "Mirak/SlotLink.h"
+#include "Mirak/SlotReader.h"
+#include "Mirak/SlotTable.h"
+#include "MirakCore/BitReverse.h"
+#include "MirakCore/BucketReader.h"
+
+namespace MirakCore {
+
+template <typename Reader>
+class ReaderHashMap {
+ public:
+  using Ops = typename Reader::Ops;
+  using Key = typename Ops::Key;
+  using Value = typename Ops::Value;
+  using Link = Mirak::SlotLink;
+  using Buckets = BucketReader<Link>;
+
+  // `directory` is the table's root directory; nothing is mapped here.
+  ReaderHashMap(Lomi::Platform::DebugHandler& handler, std::string const& directory, Reader* reader)
+      : handler_(handler), buckets_(handler, directory), reader_(reader) {}
+  ReaderHashMap(ReaderHashMap const&) = delete;
+  ReaderHashMap& operator=(ReaderHashMap const&) = delete;
+
+  // Sets `found` and returns the value's address: `buffer` if given, else the
+  // reader's value buffer, or the default value when absent.
+  Value const* lookup(Key const& key, bool& found, void* buffer) const;
+  // The first entry at or after `bucket` in walk order.
+  bool first(uint32_t bucket, Value& value, Mirak::IterHint& hint) const;
+  // The entry after `key` (the key of the entry last returned, with its hint).
+  bool next(Key const& key, Value& value, Mirak::IterHint& hint) const;
+  // Throws unless `next` may follow `bucket` in the walk under the private
+  // count n, n/2 or 2n.
+  void verifyNextBucket(uint32_t bucket, uint32_t next) const;
+
+  Buckets& bucketReader() { return buckets_; }
+  Buckets const& bucketReader() const { return buckets_; }
+  uint32_t numBuckets() const { return buckets_.numBuckets(); }
+
+ private:
+  enum class KeyCheck { lookup, first, next };
+  // Safety rule 3; throws with the message of the walk that asks.
+  void keyCheck(Key const& key, uint32_t bucket, KeyCheck which) const;
+  bool nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const;
+  Mirak::SlotReaderTable<Ops>& slots() const { return reader_->slotTable(); }
+  Mirak::Reader::Counters& counters() const { return reader_->counters(); }
+  uint32_t hashOf(Key const& key) const { return reader_->ops().hash(key); }
+  static std::string keyHex(Key const& key) { return Lomi::Util::dumpHex(&key, sizeof(Key)); }
+  static bool occupied(uint32_t word) { return (word & Mirak::SlotTable::OCCUPIED) != 0; }
+
+  Lomi::Platform::DebugHandler& handler_;
+  Buckets buckets_;
+  Reader* reader_;
+};
+
+// ---------------------------------------------------------------------------
+
+template <typename Reader>
+void ReaderHashMap<Reader>::keyCheck(Key const& key, uint32_t bucket, KeyCheck which) const {
+  uint64_t const n = buckets_.numBuckets();
+  uint32_t const h = hashOf(key);
+  if (h % n == bucket) return;
+  // With n = 1 the test above always passed, so n / 2 is never 0 here.
+  if (h % (n / 2) == bucket || h % (2 * n) == bucket) return;
+  switch (which) {
+    case KeyCheck::lookup:
+      throw Lomi::CorruptionDetectedException("corrupt key detected. key:{} bucketIndex:{}",
+                                              keyHex(key), bucket);
+    case KeyCheck::first:
+      throw Lomi::CorruptionDetectedException("corrupt key detected, key:{} bucket:{}", keyHex(key),
+                                              bucket);
+    case KeyCheck::next:
+      break;
+  }
+  throw Lomi::CorruptionDetectedException("corrupt key detected. key:{} bucketIndex {}",
+                                          keyHex(key), bucket);
+}
+
+template <typename Reader>
+void ReaderHashMap<Reader>::verifyNextBucket(uint32_t bucket, uint32_t next) const {
+  uint64_t const n = buckets_.numBuckets();
+  uint32_t const bits = buckets_.bits();
+  if (n != 0) {
+    if (next == bitReversePermute(bucket, bits) % n) return;
+    if (n >= 2 && next == bitReversePermute(bucket, bits - 1) % (n / 2)) return;
+    if (next == bitReversePermute(bucket, bits + 1) % (2 * n)) return;
+  }
+  throw Lomi::CorruptionDetectedException("has bucket: {} with next bucket: {} and numBuckets: {}",
+                                          bucket, next, n);
+}
+
+template <typename Reader>
+auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) const
+    -> Value const* {
+  found = false;
+  Value const& absent = Ops::defaultValue();
+  uint32_t const n = buckets_.numBuckets();
+  if (n == 0) {
+    FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
+    return &absent;
+  }
+  Value& out = buffer ? *static_cast<Value*>(buffer) : reader_->valueBuffer();
+  auto& table = slots();
+  // Computed once: a restart after a resize keeps the old bucket, and the
+  // end of the walk (checkResize) or the reader object's check sends the
+  // lookup round again with a new one.
+  uint32_t const hash = hashOf(key);
+  uint32_t const bucket = hash & (n - 1);
+  uint32_t const target = Lomi::Util::reverse(hash);
+  for (;;) {
+    // 1: the link that leads to the next slot, as one pair.
+    Link const* prevLink = &buckets_[bucket];
+    Link link = Mem::loadAcquire(*prevLink);
+    uint32_t const capacity = table.capacity();
+    uint32_t slotCount = 0;
+    bool restart = false;
+    auto linkMoved = [&](uint32_t version) {
+      if (Mem::loadAcquire(*prevLink).version == version) return false;
+      counters().retries++;
+      restart = true;
+      return true;
+    };
+    uint32_t prevVersion = link.version;
+    uint32_t curr = link.next;
+    bool passed = false;
+    Key slotKey{};
+    while (!Link::isEndOfChain(curr)) {
+      if (++slotCount > capacity) {
+        throw Lomi::CorruptionDetectedException(
+            "hash chain cycle detected, slotCount:{} capacity:{}", slotCount, capacity);
+      }
+      // 2: the slot, under its sequence word.
+      auto const read = table.getValue(curr, out);
+      slotKey = Ops::key(out);
+      // 3: still reached over the same link?
+      if (linkMoved(prevVersion)) break;
+      // 4
+      if (!occupied(read.word)) {
+        throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}", curr,
+                                                keyHex(slotKey));
+      }
+      // 5
+      if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
+        if (linkMoved(prevVersion)) break;
+        passed = true;
+        break;
+      }
+      if (read.rhash == target && !Ops::keyLess(slotKey, key)) {
+        if (linkMoved(prevVersion)) break;
+        found = true;
+        return &out;
+      }
+      // 6: this slot's link, as one pair.
+      Link const* const nextLink = &table.slots()[curr].link;
+      Link const step = Mem::loadAcquire(*nextLink);
+      // 7
+      if (linkMoved(prevVersion)) break;
+      // 8
+      keyCheck(slotKey, bucket, KeyCheck::lookup);
+      // 9
+      prevLink = nextLink;
+      prevVersion = step.version;
+      curr = step.next;
+    }
+    if (restart) continue;
+    if (passed) {
+      keyCheck(slotKey, bucket, KeyCheck::lookup);
+    } else if (curr != Link::kEndOfTable) {
+      (void)buckets_[Link::indexOf(curr)];
+    }
+    // Absence is never reported on a bucket count the header has left.
+    buckets_.checkResize();
+    return &absent;
+  }
+}
+
+template <typename Reader>
+bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint& hint) const {
+  uint32_t const n = buckets_.numBuckets();
+  if (n == 0) {
+    FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
+    return false;
+  }
+  auto& table = slots();
+  uint32_t bucketCount = 0;
+  for (;;) {
+    Link link = Mem::loadAcquire(buckets_[bucket]);
+    while (Link::isEndOfChain(link.next)) {
+      if (link.next == Link::kEndOfTable) {
+        verifyNextBucket(bucket, 0);
+        FMTRACE(handler_, 8, "ReaderHashMap", "none found!");
+        return false;
+      }
+      if (++bucketCount >= n) {
+        throw Lomi::CorruptionDetectedException(
+            "has bucket cycle detected, bucketCount: {} numBuckets: {}", bucketCount, n);
+      }
+      uint32_t const nextBucket = Link::indexOf(link.next);
+      verifyNextBucket(bucket, nextBucket);
+      bucket = nextBucket;
+      link = Mem::loadAcquire(buckets_[bucket]);
+    }
+    uint32_t const curr = link.next;
+    auto const read = table.getValue(curr, value);
+    if (Mem::loadAcquire(buckets_[bucket]).version != link.version) {
+      counters().retries++;
+      continue;
+    }
+    Key const slotKey = Ops::key(value);
+    if (!occupied(read.word)) {
+      throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}", curr,
+                                              keyHex(slotKey));
+    }
+    keyCheck(slotKey, bucket, KeyCheck::first);
+    hint = Mirak::IterHint{read.word, curr, bucket};
+    FMTRACE(handler_, 9, "ReaderHashMap", "{} found at bucket {}, saving {}", Ops::keyText(slotKey),
+            bucket, hint);
+    return true;
+  }
+}
+
+template <typename Reader>
+bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint& hint) const {
+  uint32_t const n = buckets_.numBuckets();
+  if (n == 0) {
+    FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
+    return false;
+  }
+  // The caller may pass the key of `value` itself, which the walk overwrites.
+  Key const key = keyIn;
+  auto& table = slots();
+  if (hint.slotIndex < table.capacity() && hint.bucket < n) {
+    Mirak::SlotTable::Slot<Value> const& from = table.slots()[hint.slotIndex];
+    // 1, 2: the hint's slot still holds the entry the caller saw.
+    Link const link = Mem::loadAcquire(from.link);
+    if (Mem::loadAcquire(from.versionFlags) == hint.versionFlags) {
+      // 3
+      if (Link::isEndOfChain(link.next)) {
+        if (link.next == Link::kEndOfTable) {
+          verifyNextBucket(hint.bucket, 0);
+          FMTRACE(handler_, 9, "ReaderHashMap", "{} failed", Ops::keyText(key));
+          return false;
+        }
+        uint32_t const nextBucket = Link::indexOf(link.next);
+        verifyNextBucket(hint.bucket, nextBucket);
+        FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {} using {}", Ops::keyText(key),
+                nextBucket, hint);
+        return first(nextBucket, value, hint);
+      }
+      // 4
+      auto const read = table.getValue(link.next, value);
+      // 5: the successor was read while the hint's slot still led to it.
+      if (Mem::loadAcquire(table.slots()[hint.slotIndex].link).version == link.version) {
+        Key const slotKey = Ops::key(value);
+        // 6
+        if (!occupied(read.word)) {
+          throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}",
+                                                  link.next, keyHex(slotKey));
+        }
+        // 7
+        keyCheck(slotKey, hint.bucket, KeyCheck::next);
+        // 8
+        Mirak::IterHint const old = hint;
+        hint.versionFlags = read.word;
+        hint.slotIndex = link.next;
+        FMTRACE(handler_, 9, "ReaderHashMap", "{} success {} using {}, saving new slot hint {}",
+                Ops::keyText(key), Ops::keyText(slotKey), old, hint);
+        return true;
+      }
+    }
+  }
+  return nextSlow(key, value, hint);
+}
+
+template <typename Reader>
+bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const {
+  // 1
+  counters().nextSlowPath++;
+  uint32_t const n = buckets_.numBuckets();
+  uint32_t const hash = hashOf(key);
+  uint32_t const bucket = hash & (n - 1);
+  uint32_t const target = Lomi::Util::reverse(hash);
+  auto& table = slots();
+  for (;;) {
+    // 2: the walk of lookup, from the bucket's head.
+    Link const* prevLink = &buckets_[bucket];
+    Link link = Mem::loadAcquire(*prevLink);
+    uint32_t prevVersion = link.version;
+    uint32_t curr = link.next;
+    uint32_t const capacity = table.capacity();
+    uint32_t slotCount = 0;
+    bool restart = false;
+    auto linkMoved = [&](uint32_t version) {
+      if (Mem::loadAcquire(*prevLink).version == version) return false;
+      counters().retries++;
+      restart = true;
+      return true;
+    };
+    while (!Link::isEndOfChain(curr)) {
+      if (++slotCount > capacity) {
+        throw Lomi::CorruptionDetectedException(
+            "hash chain cycle detected, slotCount:{} capacity:{}", slotCount, capacity);
+      }
+      counters().slowPathSteps++;
+      auto const read = table.getValue(curr, value);
+      Key const slotKey = Ops::key(value);
+      if (linkMoved(prevVersion)) break;
+      // 3
+      if (!occupied(read.word)) {
+        throw Lomi::CorruptionDetectedException(
+            "slow-path slot:{} not marked as occupied key:{} slotCount:{}", curr, keyHex(slotKey),
+            slotCount);
+      }
+      // 4: the first entry after `key` in table order; `key` itself, and
+      // anything before it, is passed over, so a removed `key` loses nothing.
+      if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
+        if (read.rhash == target && linkMoved(prevVersion)) break;
+        // 5
+        keyCheck(slotKey, bucket, KeyCheck::next);
+        hint = Mirak::IterHint{read.word, curr, bucket};
+        FMTRACE(handler_, 9, "ReaderHashMap", "{} success {}, saving {}", Ops::keyText(key),
+                Ops::keyText(slotKey), hint);
+        return true;
+      }
+      Link const* const nextLink = &table.slots()[curr].link;
+      Link const step = Mem::loadAcquire(*nextLink);
+      if (linkMoved(prevVersion)) break;
+      keyCheck(slotKey, bucket, KeyCheck::next);
+      prevLink = nextLink;
+      prevVersion = step.version;
+      curr = step.next;
+    }
+    if (restart) continue;
+    // 6
+    if (curr == Link::kEndOfTable) {
+      verifyNextBucket(bucket, 0);
+      FMTRACE(handler_, 9, "ReaderHashMap", "{} failed", Ops::keyText(key));
+      return false;
+    }
+    uint32_t const nextBucket = Link::indexOf(curr);
+    verifyNextBucket(bucket, nextBucket);
+    FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {}", Ops::keyText(key), nextBucket);
+    return first(nextBucket, value, hint);
+  }
+}
+
+}  // namespace MirakCore

@@ -1,0 +1,415 @@
+// The reader of the seven flow tables on real files: what it reads agrees
+// with the writer's model, walks are ordered and complete, resizes are
+// followed, damage that no resize explains reaches the caller, attach follows
+// the kestor file, version anchors see every change of a slot, and the
+// mapping is read-only.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <random>
+#include <set>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/ReaderTestUtil.h"
+#include "Lomi/Util.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/Util.h"
+
+namespace FlowTrackingTest {
+namespace {
+
+constexpr char kTable[] = "flowtracking/test/reader";
+
+// The walk order of a key: (rhash, key), what next() must step through.
+template <typename Ops, typename Key>
+std::pair<uint32_t, Key> orderOf(Ops const& ops, Key const& k) {
+  return {Lomi::Util::reverse(ops.hash(k)), k};
+}
+
+template <typename Record>
+class ReaderTableTest : public ::testing::Test {};
+TYPED_TEST_SUITE(ReaderTableTest, AllRecords);
+
+// A random workload on the writer, then every key read through a reader in
+// another object with its own mappings: found rows equal the model's, absent
+// keys give the default in the buffer, and a walk returns exactly the model's
+// keys, each once, in strictly increasing (rhash, key) order.
+TYPED_TEST(ReaderTableTest, AgreesWithTheWritersModel) {
+  using Record = TypeParam;
+  using Value = TableValue<Record>;
+  using Key = typename Record::Key;
+  MirakTest::TempRoot root;
+  uint32_t const seed = 20240611;
+  SCOPED_TRACE(::testing::Message() << "seed " << seed);
+  std::mt19937 rng(seed);
+  uint32_t const keys = std::min<uint32_t>(keySpace<Record>(), 1500);
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(4096, true));
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  EXPECT_EQ(reader->capacity(), 0u) << "slots are mapped on the first read";
+  EXPECT_EQ(reader->kestorId(), writer->kestorId());
+
+  std::map<Key, Value> model;
+  for (int op = 0; op < 6000; op++) {
+    uint32_t const i = rng() % keys;
+    Value const v = row<Record>(i, rng());
+    if (rng() % 4 == 0) {
+      Value removed;
+      writer->remove(v.fwkKey(), removed);
+      model.erase(v.fwkKey());
+    } else {
+      writer->write(v, true);
+      model[v.fwkKey()] = v;
+    }
+  }
+  for (uint32_t i = 0; i < keys; i++) {
+    Value const probe = row<Record>(i);
+    Value buffer = row<Record>(i, 77);
+    bool found = true;
+    Value const* p = reader->lookup(probe.fwkKey(), found, &buffer);
+    auto it = model.find(probe.fwkKey());
+    if (it == model.end()) {
+      ASSERT_FALSE(found) << "key " << i;
+      EXPECT_EQ(p, &OpsOf<Record>::type::defaultValue());
+      EXPECT_TRUE(buffer == Value()) << "the default value goes to the buffer";
+    } else {
+      ASSERT_TRUE(found) << "key " << i;
+      EXPECT_EQ(p, &buffer);
+      EXPECT_TRUE(buffer == it->second) << "key " << i;
+    }
+  }
+  EXPECT_GT(reader->capacity(), 0u);
+  EXPECT_EQ(reader->members(), model.size());
+  EXPECT_EQ(reader->buckets(), writer->buckets());
+
+  std::set<Key> seen;
+  Value v;
+  Mirak::IterHint hint;
+  auto const& ops = reader->ops();
+  bool havePrev = false;
+  std::pair<uint32_t, Key> prev{};
+  for (bool ok = reader->first(v, hint); ok; ok = reader->next(v.fwkKey(), v, hint)) {
+    auto const order = orderOf(ops, v.fwkKey());
+    if (havePrev) {
+      ASSERT_TRUE(prev < order) << "walk order must strictly increase";
+    }
+    prev = order;
+    havePrev = true;
+    auto it = model.find(v.fwkKey());
+    ASSERT_NE(it, model.end());
+    EXPECT_TRUE(v == it->second);
+    EXPECT_TRUE(seen.insert(v.fwkKey()).second);
+  }
+  EXPECT_EQ(seen.size(), model.size());
+  EXPECT_EQ(reader->readerCounters().lookups, keys);
+}
+
+// ---------------------------------------------------------------------------
+// One table type is enough for what follows.
+
+using Record = HoIpFlowConfig;
+using Value = TableValue<Record>;
+using Writer = WriterOf<Record>;
+using Reader = ReaderOf<Record>;
+
+Value rowOf(uint32_t i, uint32_t v = 0) {
+  return row<Record>(i, v);
+}
+
+TEST(ReaderTest, EmptyTableAndDetachedReaderAnswerAbsence) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  Value v = rowOf(5);
+  Mirak::IterHint hint;
+  EXPECT_FALSE(reader->first(v, hint));
+  EXPECT_TRUE(v == Value()) << "first on an empty table leaves the default value";
+  bool found = true;
+  EXPECT_EQ(reader->lookup(rowOf(1).fwkKey(), found, nullptr),
+            &Mirak::Allocator<Value>::type_default());
+  EXPECT_FALSE(found);
+
+  writer->write(rowOf(1), true);
+  reader->detach(false);
+  reader->detach(false);  // a second detach is harmless
+  EXPECT_FALSE(reader->initialized());
+  EXPECT_EQ(reader->mountStatus(), Mem::mountStatusNotMounted);
+  EXPECT_FALSE(reader->lookup(rowOf(1).fwkKey(), found, nullptr) == nullptr);
+  EXPECT_FALSE(found) << "a detached reader answers absence";
+  EXPECT_FALSE(reader->first(v, hint));
+  EXPECT_EQ(reader->capacity(), 0u);
+}
+
+TEST(ReaderTest, RefusesWrites) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  Value removed;
+  try {
+    reader->write(rowOf(1), true);
+    FAIL() << "a reader must refuse a write";
+  } catch (Lomi::NoPermissionException const& e) {
+    EXPECT_EQ(e.msg(), "write to read-only Mirak table");
+  }
+  try {
+    reader->remove(rowOf(1).fwkKey(), removed);
+    FAIL() << "a reader must refuse a remove";
+  } catch (Lomi::NoPermissionException const& e) {
+    EXPECT_EQ(e.msg(), "remove to read-only Mirak table");
+  }
+  EXPECT_EQ(reader->type(), Mirak::MirakType::reader);
+  EXPECT_EQ(reader->mountStatus(), Mem::mountStatusMounted);
+}
+
+// The writer grows slots and buckets between two reads: the reader follows
+// both, and a walk resumed with a hint from before the resize loses nothing.
+TEST(ReaderTest, FollowsGrowthBetweenReads) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100000));
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  for (uint32_t i = 0; i < 10; i++) writer->write(rowOf(i), true);
+  Value v;
+  Mirak::IterHint hint;
+  ASSERT_TRUE(reader->first(v, hint));
+  std::set<uint32_t> seen;
+  auto idOf = [](Value const& x) { return x.createTime() - 0.25; };
+  seen.insert(static_cast<uint32_t>(idOf(v)));
+  uint32_t const capacityBefore = reader->capacity();
+  uint32_t const bucketsBefore = reader->buckets();
+  for (uint32_t i = 10; i < 5000; i++) writer->write(rowOf(i), true);
+  ASSERT_GT(writer->capacity(), capacityBefore);
+  ASSERT_GT(writer->buckets(), bucketsBefore);
+  Mirak::Reader::Counters const before = reader->readerCounters();
+  while (reader->next(v.fwkKey(), v, hint)) seen.insert(static_cast<uint32_t>(idOf(v)));
+  Mirak::Reader::Counters const after = reader->readerCounters();
+  for (uint32_t i = 0; i < 10; i++)
+    EXPECT_TRUE(seen.count(i)) << "an entry present throughout was lost: " << i;
+  EXPECT_EQ(reader->capacity(), writer->capacity());
+  EXPECT_EQ(reader->buckets(), writer->buckets());
+  EXPECT_GT(after.slotResizes, before.slotResizes);
+  EXPECT_GT(after.bucketResizes, before.bucketResizes);
+  EXPECT_GT(after.resizesFollowed, before.resizesFollowed);
+  EXPECT_GT(after.nextSlowPath, before.nextSlowPath) << "a retried next resumes from its key";
+  for (uint32_t i = 0; i < 5000; i += 97) {
+    bool found = false;
+    reader->lookup(rowOf(i).fwkKey(), found, nullptr);
+    EXPECT_TRUE(found) << i;
+  }
+}
+
+// Damage to a chain that no resize explains is the table's: the exception
+// reaches the caller, counted once.
+TEST(ReaderTest, DamageWithoutAResizeReachesTheCaller) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
+  for (uint32_t i = 0; i < 20; i++) writer->write(rowOf(i), true);
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  bool found = false;
+  reader->lookup(rowOf(3).fwkKey(), found, nullptr);
+  ASSERT_TRUE(found);
+  uint32_t const offset = reader->getCacheVersionAnchor().offset;
+  // Clear OCCUPIED of key 3's slot through the writer's mapping, leaving the
+  // slot linked: a chain that leads to a free slot.
+  auto* word = reinterpret_cast<uint32_t*>(writer->slotTable().base() + offset);
+  *word &= ~Mirak::SlotTable::OCCUPIED;
+  try {
+    reader->lookup(rowOf(3).fwkKey(), found, nullptr);
+    FAIL() << "a linked slot that is not occupied must be reported";
+  } catch (Lomi::CorruptionDetectedException const& e) {
+    EXPECT_NE(e.msg().find("not marked as occupied key:"), std::string::npos) << e.msg();
+  }
+  EXPECT_EQ(reader->readerCounters().corruptionsDetected, 1u);
+}
+
+// ---------------------------------------------------------------------------
+// Attach.
+
+TEST(ReaderTest, InitializeNeedsTheFilesAndTheKestorFile) {
+  MirakTest::TempRoot root;
+  auto early = makeReader<Record>(kTable);
+  EXPECT_FALSE(early->initialize("no files"));
+  EXPECT_FALSE(early->initialized());
+
+  Writer writer(readerTestHandler(), kTable, sharedDescriptor(100), Writer::Ops(0));
+  writer.initialize("test");
+  EXPECT_FALSE(early->initialize("no kestor file yet"));
+  EXPECT_EQ(early->capacity(), 0u);
+
+  Parcel::KestorFile(readerTestHandler(), writer.rootPath(), false).write(writer.kestorId());
+  EXPECT_TRUE(early->initialize("kestor written"));
+  EXPECT_TRUE(early->initialize("again")) << "initialize of an attached reader is a no-op";
+  EXPECT_EQ(early->kestorId(), writer.kestorId());
+}
+
+// A writer in another process re-formats the table (another pid: another
+// kestor id). A reader that attaches between the re-format and the new
+// kestor file fails that attempt cleanly and leaves the marker; once the
+// kestor file is written, the next attempt succeeds and reads the new table.
+TEST(ReaderTest, AttachDuringAReformatFailsThenSucceeds) {
+  MirakTest::TempRoot root;
+  auto first = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  for (uint32_t i = 0; i < 10; i++) first->write(rowOf(i), true);
+  Parcel::KestorId const oldId = first->kestorId();
+  first.reset();
+
+  RecordPipe toParent, toChild;
+  pid_t child = forkChild([&]() -> int {
+    Writer w(readerTestHandler(), kTable, sharedDescriptor(100), Writer::Ops(0));
+    w.initialize("re-format");
+    w.write(rowOf(1000), true);
+    uint32_t step = 1;
+    toParent.send(step);
+    if (!toChild.receive(step)) return 2;
+    Parcel::KestorFile(readerTestHandler(), w.rootPath(), false).write(w.kestorId());
+    toParent.send(step);
+    if (!toChild.receive(step)) return 3;
+    return 0;
+  });
+  ASSERT_GT(child, 0);
+  uint32_t step = 0;
+  ASSERT_TRUE(toParent.receive(step));
+  std::string const marker = root.path() + "/" + kTable + "/" + Mirak::Util::CORRUPTION_FILENAME;
+  std::filesystem::remove(marker);
+
+  auto reader = makeReader<Record>(kTable);
+  EXPECT_FALSE(reader->initialize("during re-format"));
+  EXPECT_FALSE(reader->initialized());
+  EXPECT_TRUE(reader->kestorId().isZero());
+  EXPECT_TRUE(std::filesystem::exists(marker))
+      << "a header that fails validation leaves the marker";
+
+  toChild.send(step);
+  ASSERT_TRUE(toParent.receive(step));
+  EXPECT_TRUE(reader->initialize("after the new kestor file"));
+  EXPECT_NE(reader->kestorId(), oldId);
+  EXPECT_EQ(reader->kestorId().low(), static_cast<uint16_t>(child));
+  bool found = true;
+  reader->lookup(rowOf(3).fwkKey(), found, nullptr);
+  EXPECT_FALSE(found) << "rows of the old generation are gone";
+  reader->lookup(rowOf(1000).fwkKey(), found, nullptr);
+  EXPECT_TRUE(found);
+  toChild.send(step);
+  EXPECT_TRUE(exitedWith(reap(child), 0));
+}
+
+// The writer removes the table's files; the sentry then detaches the reader.
+// The detached reader answers absence, and a new reader cannot attach.
+TEST(ReaderTest, ReaderOfARemovedTableAnswersAbsence) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  writer->write(rowOf(1), true);
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  bool found = false;
+  reader->lookup(rowOf(1).fwkKey(), found, nullptr);
+  ASSERT_TRUE(found);
+  writer->cleanup();
+  writer.reset();
+  reader->detach(false);
+  Value buffer = rowOf(9);
+  reader->lookup(rowOf(1).fwkKey(), found, &buffer);
+  EXPECT_FALSE(found);
+  EXPECT_TRUE(buffer == Value());
+  Value v;
+  Mirak::IterHint hint;
+  EXPECT_FALSE(reader->first(v, hint));
+  auto late = makeReader<Record>(kTable);
+  EXPECT_FALSE(late->initialize("after cleanup"));
+}
+
+// ---------------------------------------------------------------------------
+// Version anchors.
+
+TEST(ReaderTest, VersionAnchorSeesOverwriteRemovalAndReuse) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  for (uint32_t i = 0; i < 8; i++) writer->write(rowOf(i), true);
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  bool found = false;
+  auto lookup = [&](uint32_t i) {
+    reader->lookup(rowOf(i).fwkKey(), found, nullptr);
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(reader->validateVersionAnchor());
+  };
+
+  lookup(2);
+  writer->write(rowOf(3, 1), true);
+  EXPECT_TRUE(reader->validateVersionAnchor()) << "another slot's change is not ours";
+  writer->write(rowOf(2, 1), true);
+  EXPECT_THROW(reader->validateVersionAnchor(), Mem::VersionMismatchException) << "overwrite";
+
+  lookup(2);
+  Value removed;
+  ASSERT_TRUE(writer->remove(rowOf(2).fwkKey(), removed));
+  EXPECT_THROW(reader->validateVersionAnchor(), Mem::VersionMismatchException) << "removal";
+
+  lookup(4);
+  Mem::CacheVersionAnchor const cached = reader->getCacheVersionAnchor();
+  ASSERT_TRUE(writer->remove(rowOf(4).fwkKey(), removed));
+  writer->write(rowOf(4000), true);  // takes the freed slot: the head of the free list
+  bool const reused = (writer->lookup(rowOf(4000).fwkKey(), found, nullptr), found) &&
+                      writer->getCacheVersionAnchor().offset == cached.offset;
+  ASSERT_TRUE(reused) << "the test needs the slot to be re-used";
+  EXPECT_THROW(reader->validateVersionAnchor(), Mem::VersionMismatchException) << "re-use";
+  reader->lookup(rowOf(4000).fwkKey(), found, nullptr);
+  EXPECT_EQ(reader->getCacheVersionAnchor().offset, cached.offset);
+  EXPECT_NE(reader->getCacheVersionAnchor().word, cached.word);
+}
+
+TEST(ReaderDeathTest, VersionAnchorAfterAFailedLookupAsserts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  writer->write(rowOf(1), true);
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  bool found = true;
+  reader->lookup(rowOf(2).fwkKey(), found, nullptr);
+  ASSERT_FALSE(found);
+  EXPECT_DEATH(reader->validateVersionAnchor(),
+               "should not be called on a default-constructed VersionAnchor");
+}
+
+// ---------------------------------------------------------------------------
+// Read-only mappings.
+
+TEST(ReaderTest, AStoreThroughTheMappingFaults) {
+  MirakTest::TempRoot root;
+  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
+  writer->write(rowOf(1), true);
+  for (int file = 0; file < 2; file++) {
+    pid_t child = forkChild([&]() -> int {
+      auto reader = makeReader<Record>(kTable);
+      if (!reader->initialize("test")) return 2;
+      bool found = false;
+      reader->lookup(rowOf(1).fwkKey(), found, nullptr);
+      if (!found) return 3;
+      void const* target =
+          file == 0 ? static_cast<void const*>(reader->slotTable().header())
+                    : static_cast<void const*>(reader->hashMap().bucketReader().header());
+      // The store a buggy reader might do: it must fault, not land.
+      *const_cast<volatile char*>(static_cast<char const volatile*>(target)) = 'X';
+      return 0;
+    });
+    ASSERT_GT(child, 0);
+    int const status = reap(child);
+    EXPECT_TRUE(status >= 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV)
+        << (file == 0 ? "slots" : "buckets") << " status " << status;
+  }
+  bool found = false;
+  writer->lookup(rowOf(1).fwkKey(), found, nullptr);
+  EXPECT_TRUE(found) << "the table is intact";
+}
+
+}  // namespace
+}  // namespace FlowTrackingTest
