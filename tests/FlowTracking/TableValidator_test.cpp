@@ -1,0 +1,396 @@
+// The table validator on the seven flow tables, with their real change
+// queues: sound tables pass after a random workload and after a restart that
+// adopts the files; crash damage fails every table with its own message; and
+// each rule that ties the queue to the slots is broken in the queue's files,
+// one word at a time, and reported with its own message.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "FlowTracking/TableRows.h"
+#include "FlowTracking/TableWriters.h"
+#include "Lomi/Exception.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/Validator.h"
+#include "Tessel/TesselFormat.h"
+
+namespace FlowTrackingTest {
+namespace {
+
+constexpr uint32_t kNone = 0xffffffffu;
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("TableValidatorTest");
+}
+
+template <typename Ops>
+std::unique_ptr<Mirak::MirakWriter<Ops>> makeWriter(uint32_t size, char const* name) {
+  Mirak::MapDescriptor d(size);
+  auto w = std::make_unique<Mirak::MirakWriter<Ops>>(handler(), name, d, Ops(0));
+  w->initialize("test");
+  return w;
+}
+
+template <typename Writer>
+std::string validateError(Writer& w) {
+  std::string error;
+  bool const ok = w.validate(w.kestorId(), error, false);
+  EXPECT_EQ(ok, error.empty()) << error;
+  return ok ? std::string("passed") : error;
+}
+
+// A validator run step by step, made known to the hash map while it lives.
+template <typename Writer>
+struct Steps {
+  using Audit = Mirak::Validator<typename Writer::Ops, Writer>;
+  explicit Steps(Writer& w) : writer(w), audit(handler(), w) {
+    writer.hashMap().validatorIs(&audit);
+    audit.fitTesselMarks();
+  }
+  ~Steps() { writer.hashMap().validatorIs(nullptr); }
+  Writer& writer;
+  Audit audit;
+};
+
+std::string thrown(std::function<void()> const& f) {
+  try {
+    f();
+  } catch (Lomi::CorruptionDetectedException const& e) {
+    return e.msg();
+  }
+  return "nothing thrown";
+}
+
+void pwriteWord(std::string const& path, off_t offset, uint64_t value, size_t width) {
+  int fd = ::open(path.c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0) << path;
+  ASSERT_EQ(::pwrite(fd, &value, width, offset), static_cast<ssize_t>(width)) << path;
+  ::close(fd);
+}
+
+// ---------------------------------------------------------------------------
+// All seven tables.
+
+template <typename Record>
+class TableValidatorTest : public ::testing::Test {
+ protected:
+  using Ops = typename OpsOf<Record>::type;
+  using Writer = Mirak::MirakWriter<Ops>;
+  using Value = typename Ops::Value;
+  static constexpr bool kQueue = Ops::TesselWriter::hasQueue;
+
+  // Random writes, overwrites and removes over a key space that makes the
+  // slot file grow past its first size.
+  void workload(Writer& w, uint32_t seed) {
+    std::mt19937 rng(seed);
+    uint32_t const space = std::min<uint32_t>(keySpace<Record>(), 600);
+    for (int op = 0; op < 3000; op++) {
+      uint32_t const i = rng() % space;
+      if (rng() % 4 == 0) {
+        Value removed;
+        w.remove(row<Record>(i).key(), removed);
+      } else {
+        w.write(row<Record>(i, op), true);
+      }
+    }
+  }
+
+  MirakTest::TempRoot root_;
+};
+
+TYPED_TEST_SUITE(TableValidatorTest, AllRecords);
+
+TYPED_TEST(TableValidatorTest, SoundAfterAWorkloadWithEverySlotAndQueuePositionAccountedFor) {
+  uint32_t const seed = 31337;
+  SCOPED_TRACE(::testing::Message() << "seed " << seed);
+  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
+  this->workload(*w, seed);
+  ASSERT_GT(w->members(), 0u);
+  EXPECT_EQ(validateError(*w), "passed");
+
+  Steps<typename TestFixture::Writer> steps(*w);
+  ASSERT_TRUE(steps.audit.doValidate(w->kestorId())) << steps.audit.error();
+  EXPECT_EQ(steps.audit.occupiedCount(), w->members());
+  EXPECT_EQ(steps.audit.occupiedCount() + steps.audit.freeCount(), w->capacity());
+  // Every write notifies its slot: each occupied slot claims one position.
+  EXPECT_EQ(steps.audit.tesselCount(), TestFixture::kQueue ? w->members() : 0u);
+}
+
+TYPED_TEST(TableValidatorTest, AdoptedFilesValidateAfterARestart) {
+  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
+  this->workload(*w, 5);
+  uint32_t const members = w->members();
+  Parcel::KestorId const kestor = w->kestorId();
+  w.reset();
+  w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
+  ASSERT_EQ(w->kestorId(), kestor);
+  ASSERT_EQ(w->members(), members) << "the files were adopted";
+  EXPECT_EQ(validateError(*w), "passed");
+}
+
+TYPED_TEST(TableValidatorTest, CrashInsideACriticalSection) {
+  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
+  this->workload(*w, 6);
+  pwriteWord(w->rootPath().filePath("slots"), offsetof(Mirak::SlotTable::Header, runtimeFlags), 1,
+             2);
+  EXPECT_EQ(validateError(*w), "bad critical section runtimeFlags:1");
+}
+
+TYPED_TEST(TableValidatorTest, CrashInsideAnOverwriteLeavesLookaside) {
+  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
+  this->workload(*w, 7);
+  typename TestFixture::Value v;
+  Mirak::IterHint hint{};
+  ASSERT_TRUE(w->first(v, hint));
+  auto& s = w->slotTable().slots()[hint.slotIndex];
+  uint32_t const word = s.versionFlags + Mirak::SlotTable::LOOKASIDE;
+  s.versionFlags = word;
+  EXPECT_EQ(validateError(*w), fmt::format("stuck LOOKASIDE bit: {:#x}", word));
+}
+
+TYPED_TEST(TableValidatorTest, FreeListCycle) {
+  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
+  this->workload(*w, 8);
+  uint32_t const head = w->slotTable().header()->freeSlots;
+  ASSERT_NE(head, kNone);
+  auto& first = w->slotTable().slots()[head];
+  first.link.next = head;
+  EXPECT_EQ(validateError(*w), fmt::format("duplicate freeSlot detected: {}", head));
+}
+
+// ---------------------------------------------------------------------------
+// The queue rules, on HoIpFlowConfig.
+
+class QueueValidatorTest : public ::testing::Test {
+ protected:
+  using Writer = FlowTracking::HoIpFlowConfigWriter;
+  using Value = Writer::Value;
+
+  void SetUp() override {
+    w_ = makeWriter<FlowTracking::HoIpFlowConfigOps>(1000, "flowtracking/queue");
+    for (uint32_t i = 0; i < 100; i++) w_->write(row<HoIpFlowConfig>(i, 1), true);
+    for (uint32_t i = 0; i < 10; i++) w_->write(row<HoIpFlowConfig>(i, 2), true);
+    for (uint32_t i = 90; i < 100; i++) {
+      Value removed;
+      ASSERT_TRUE(w_->remove(row<HoIpFlowConfig>(i).key(), removed));
+    }
+    ASSERT_EQ(validateError(*w_), "passed");
+    auto const& q = w_->tesselWriter();
+    for (uint32_t pos = 0; pos < q.entryCount(); pos++) {
+      auto const n = q.entry(pos);
+      if (n.isTombstone()) {
+        tombstones_.push_back(pos);
+      } else if (w_->slotTable().slots()[n.slot].versionFlags & Mirak::SlotTable::OCCUPIED) {
+        occupied_.push_back(n.slot);
+      } else {
+        freed_.push_back(n.slot);
+      }
+    }
+    ASSERT_FALSE(tombstones_.empty());
+    ASSERT_GE(occupied_.size(), 2u);
+    ASSERT_FALSE(freed_.empty());
+  }
+
+  Writer::TesselWriter const& queue() const { return w_->tesselWriter(); }
+  uint32_t posOf(uint32_t slot) const { return queue().tesselSlots(slot); }
+  uint64_t seqAt(uint32_t pos) const { return queue().entry(pos).sequence; }
+  // The slot field of entry `pos` of the current notification table.
+  void entrySlotIs(uint32_t pos, uint32_t slot) {
+    pwriteWord(Tessel::tableFilePath(queue().dir(), queue().currentTable()),
+               sizeof(Tessel::TesselTableHeader) + 8 * pos + 4, slot, 4);
+  }
+  // The back reference of `slot` in the queue's header file.
+  void backReferenceIs(uint32_t slot, uint32_t pos) {
+    pwriteWord(Tessel::headerFilePath(queue().dir()), sizeof(Tessel::TesselHeader) + 4 * slot, pos,
+               4);
+  }
+  void corralIs(uint64_t start, uint64_t end) {
+    std::string const path = Tessel::headerFilePath(queue().dir());
+    pwriteWord(path, offsetof(Tessel::TesselHeader, corralStart), start, 8);
+    pwriteWord(path, offsetof(Tessel::TesselHeader, corralEnd), end, 8);
+  }
+
+  MirakTest::TempRoot root_;
+  std::unique_ptr<Writer> w_;
+  std::vector<uint32_t> tombstones_;  // positions
+  std::vector<uint32_t> occupied_;    // slots with their live entry, in queue order
+  std::vector<uint32_t> freed_;       // removed slots with their removal's entry
+};
+
+TEST_F(QueueValidatorTest, TwoLiveEntriesForAnOccupiedSlot) {
+  uint32_t const slot = occupied_.back();
+  uint32_t const stale = tombstones_.front();
+  entrySlotIs(stale, slot);
+  // The queue's own check sees it first.
+  EXPECT_EQ(validateError(*w_),
+            fmt::format("{} slot:{} has a second live entry at pos:{} seq:{}; its back reference "
+                        "is pos:{}",
+                        queue().name(), slot, stale, seqAt(stale), posOf(slot)));
+  // The validator's queue walk, run by hand, finds the stale one unclaimed.
+  Steps<Writer> steps(*w_);
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  ASSERT_TRUE(steps.audit.walkFreeSlots()) << steps.audit.error();
+  EXPECT_FALSE(steps.audit.walkTesselQueue());
+  EXPECT_EQ(steps.audit.error(),
+            fmt::format("occupied slot:{} on deleted notification:{}", slot, stale));
+}
+
+TEST_F(QueueValidatorTest, TwoLiveEntriesForAFreeSlot) {
+  uint32_t const slot = freed_.front();
+  uint32_t const stale = tombstones_.front();
+  entrySlotIs(stale, slot);
+  EXPECT_NE(validateError(*w_), "passed");
+  Steps<Writer> steps(*w_);
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  ASSERT_TRUE(steps.audit.walkFreeSlots()) << steps.audit.error();
+  EXPECT_FALSE(steps.audit.walkTesselQueue());
+  EXPECT_EQ(steps.audit.error(),
+            fmt::format("tessel pos:{} has slot:{} seq:{} with wrong tesselSlot:{}", stale, slot,
+                        seqAt(stale), posOf(slot)));
+}
+
+TEST_F(QueueValidatorTest, OccupiedSlotWithoutItsNotification) {
+  uint32_t const slot = occupied_.front();
+  uint32_t const pos = posOf(slot);
+  backReferenceIs(slot, kNone);
+  EXPECT_NE(validateError(*w_), "passed");
+  Steps<Writer> steps(*w_);
+  // A slot without a position is fine to the chain walk ...
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  EXPECT_EQ(steps.audit.tesselCount(), occupied_.size() - 1);
+  ASSERT_TRUE(steps.audit.walkFreeSlots()) << steps.audit.error();
+  // ... but its live notification is claimed by nobody.
+  EXPECT_FALSE(steps.audit.walkTesselQueue());
+  EXPECT_EQ(steps.audit.error(),
+            fmt::format("occupied slot:{} on deleted notification:{}", slot, pos));
+}
+
+TEST_F(QueueValidatorTest, BackReferenceBeyondTheQueue) {
+  uint32_t const slot = occupied_[1];
+  uint32_t const pos = posOf(slot);
+  uint32_t const size = queue().entryCount();
+  backReferenceIs(slot, size + 5);
+  // The queue's own check meets the notification that lost its claim first.
+  EXPECT_EQ(validateError(*w_),
+            fmt::format("{} slot:{} has a second live entry at pos:{} seq:{}; its back reference "
+                        "is pos:{}",
+                        queue().name(), slot, pos, seqAt(pos), size + 5));
+  Steps<Writer> steps(*w_);
+  EXPECT_EQ(thrown([&] { steps.audit.walkOccupiedSlots(); }),
+            fmt::format("slot:{} bad tessel index:{} size:{}", slot, size + 5, size));
+}
+
+TEST_F(QueueValidatorTest, BackReferenceToAnotherSlotsNotification) {
+  uint32_t const slot = occupied_[0];
+  uint32_t const other = occupied_[1];
+  uint32_t const theirs = posOf(other);
+  backReferenceIs(slot, theirs);
+  EXPECT_NE(validateError(*w_), "passed");
+  Steps<Writer> steps(*w_);
+  EXPECT_EQ(thrown([&] { steps.audit.walkOccupiedSlots(); }),
+            fmt::format("slot:{} bad notification:{} slot:{}", slot, theirs, other));
+}
+
+TEST_F(QueueValidatorTest, FreeSlotWithAPositionBeyondTheQueue) {
+  uint32_t const slot = freed_.front();
+  uint32_t const size = queue().entryCount();
+  backReferenceIs(slot, size + 3);
+  EXPECT_NE(validateError(*w_), "passed");
+  Steps<Writer> steps(*w_);
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  EXPECT_FALSE(steps.audit.walkFreeSlots());
+  EXPECT_EQ(steps.audit.error(),
+            fmt::format("slot index:{} has out of range tessel slot: {}", slot, size + 3));
+}
+
+TEST_F(QueueValidatorTest, FreeSlotWithAnotherSlotsPosition) {
+  uint32_t const slot = freed_.front();
+  uint32_t const other = occupied_.front();
+  uint32_t const theirs = posOf(other);
+  backReferenceIs(slot, theirs);
+  EXPECT_NE(validateError(*w_), "passed");
+  Steps<Writer> steps(*w_);
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  EXPECT_FALSE(steps.audit.walkFreeSlots());
+  EXPECT_EQ(steps.audit.error(), fmt::format("slot index:{} has slot:{} with wrong tessel slot:{}",
+                                             slot, other, theirs));
+}
+
+TEST_F(QueueValidatorTest, OpenCorralHoldingACurrentPosition) {
+  // A compaction of slots that never finished: its corral is open, and the
+  // notification at its start is still its slot's current one.
+  uint32_t const slot = occupied_.back();
+  uint32_t const pos = posOf(slot);
+  uint64_t const seq = seqAt(pos);
+  corralIs(seq, 0);
+  EXPECT_EQ(validateError(*w_),
+            fmt::format("{} pos:{} seq:{} slot:{} is current inside the corral [{}, {}]",
+                        queue().name(), pos, seq, slot, seq, 0));
+  Steps<Writer> steps(*w_);
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  ASSERT_TRUE(steps.audit.walkFreeSlots()) << steps.audit.error();
+  EXPECT_FALSE(steps.audit.walkTesselQueue());
+  EXPECT_EQ(steps.audit.error(),
+            fmt::format("corral pos:{} seq:{} slot:{} tesselPos:{}", pos, seq, slot, pos));
+}
+
+TEST_F(QueueValidatorTest, ClosedCorralPassesAndAnOpenOneFails) {
+  // The queue's side of a slot compaction, driven through the writer's own
+  // queue: moves notify the new place and tombstone the old.
+  auto& q = w_->tesselWriter();
+  q.markShrinkStart();
+  for (uint32_t i = 10; i < 20; i++) w_->write(row<HoIpFlowConfig>(i, 3), true);
+  EXPECT_NE(validateError(*w_), "passed") << "an open corral is a crash inside a compaction";
+  q.markShrinkEnd();
+  EXPECT_EQ(validateError(*w_), "passed");
+}
+
+TEST_F(QueueValidatorTest, ActiveTombstone) {
+  // The queue changing under a validator between its walks: a claimed
+  // position turned into a tombstone.
+  uint32_t const slot = occupied_.front();
+  uint32_t const pos = posOf(slot);
+  Steps<Writer> steps(*w_);
+  ASSERT_TRUE(steps.audit.walkOccupiedSlots()) << steps.audit.error();
+  ASSERT_TRUE(steps.audit.walkFreeSlots()) << steps.audit.error();
+  entrySlotIs(pos, kNone);
+  EXPECT_FALSE(steps.audit.walkTesselQueue());
+  EXPECT_EQ(steps.audit.error(), fmt::format("active tombstone pos:{}", pos));
+}
+
+// ---------------------------------------------------------------------------
+// Cost of one validation of a large table. Run by hand:
+//   test_FlowTracking --gtest_also_run_disabled_tests --gtest_filter='*MillionRows*'
+
+TEST(TableValidatorCost, DISABLED_MillionRowsOfHoIpFlowConfig) {
+  MirakTest::TempRoot root;
+  uint32_t const rows = 1000000;
+  auto w = makeWriter<FlowTracking::HoIpFlowConfigOps>(rows, "flowtracking/million");
+  for (uint32_t i = 0; i < rows; i++) w->write(row<HoIpFlowConfig>(i, 1), true);
+  ASSERT_EQ(w->members(), rows);
+  auto const start = std::chrono::steady_clock::now();
+  std::string error;
+  bool const ok = w->validate(w->kestorId(), error, false);
+  auto const elapsed = std::chrono::steady_clock::now() - start;
+  EXPECT_TRUE(ok) << error;
+  double const ms = std::chrono::duration<double, std::milli>(elapsed).count();
+  std::printf(
+      "validation of %u HoIpFlowConfig rows (capacity %u, %u buckets, %u queue entries): "
+      "%.1f ms\n",
+      rows, w->capacity(), w->buckets(), w->tesselWriter().entryCount(), ms);
+}
+
+}  // namespace
+}  // namespace FlowTrackingTest
