@@ -1,0 +1,430 @@
+// The four flow table entities through their public operations, one typed
+// body over all eight collections: statistics cells, the attribute ids their
+// notifiees see, DelAll, controls, private tables before and after a parent,
+// orphans, corrupt back ends and the zero-references hand-over.
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/Factories.h"
+#include "FlowTracking/TableRows.h"
+#include "Mirak/ScriptedBackEnd.h"
+#include "Thrum/Thrum.h"
+
+namespace {
+
+using namespace FlowTracking;
+using FlowTrackingTest::row;
+using ControlPtr = Zeb::Ptr<ZebMirak::CollectionControl>;
+
+#define COLLECTION_TRAITS(Traits, E, R, coll, factoryFn, attributeId)                     \
+  struct Traits {                                                                         \
+    using Entity = E;                                                                     \
+    using Record = R;                                                                     \
+    using Key = R::Key;                                                                   \
+    static constexpr Zeb::AttributeId id = attributeId;                                   \
+    static constexpr char const* name = #coll;                                            \
+    static Zeb::Ptr<E> make(Zeb::String const& n) { return factoryFn(n); }                \
+    static auto& map(E& e) { return e.coll(); }                                           \
+    static void is(E& e, R const& v) { e.coll##Is(v); }                                   \
+    static R del(E& e, Key const& k) { return e.coll##Del(k); }                           \
+    static void delAll(E& e) { e.coll##DelAll(); }                                        \
+    static void commit(E& e, R const* v) { e.coll##Commit(v); }                           \
+    static void notify(E& e, Key const& k) { e.coll##Notify(k); }                         \
+    static void notifyQuiesced(E& e, bool q) { e.coll##NotifyQuiesced(q); }               \
+    static void controlIs(E& e, ControlPtr const& c) { e.coll##ControlIs(c); }            \
+    static ControlPtr const& control(E& e) { return e.coll##Control(); }                  \
+    static ZebMirak::CollectionControl* controlRaw(E& e) { return e.coll##ControlRaw(); } \
+  }
+
+COLLECTION_TRAITS(ConfigIp, HoFlowConfig, HoIpFlowConfig, hoIpFlowConfig, hoFlowConfigFactory, 258);
+COLLECTION_TRAITS(ConfigIp6, HoFlowConfig, HoIp6FlowConfig, hoIp6FlowConfig, hoFlowConfigFactory,
+                  260);
+COLLECTION_TRAITS(StatusIp, HoFlowStatus, HoIpFlowStatus, hoIpFlowStatus, hoFlowStatusFactory, 258);
+COLLECTION_TRAITS(StatusIp6, HoFlowStatus, HoIp6FlowStatus, hoIp6FlowStatus, hoFlowStatusFactory,
+                  260);
+COLLECTION_TRAITS(CounterIp, HoFlowCounter, HoIpFlowCounter, hoIpFlowCounter, hoFlowCounterFactory,
+                  258);
+COLLECTION_TRAITS(CounterIp6, HoFlowCounter, HoIp6FlowCounter, hoIp6FlowCounter,
+                  hoFlowCounterFactory, 260);
+COLLECTION_TRAITS(HosIp, HosStateCounter, HosStateCounterEntry, hosStateIpCounter,
+                  hosStateCounterFactory, 258);
+COLLECTION_TRAITS(HosIp6, HosStateCounter, HosStateCounterEntry, hosStateIp6Counter,
+                  hosStateCounterFactory, 260);
+
+// Records every attribute notification: the id, and the key when the id is
+// that of the collection under test.
+template <typename Key>
+class Recorder : public Zeb::PtrInterface::NotifieeConst {
+ public:
+  explicit Recorder(Zeb::AttributeId collectionId) : collectionId_(collectionId) {}
+  struct Seen {
+    Zeb::AttributeId id;
+    bool hasKey;
+    std::optional<Key> key;
+  };
+  void onAttribute(Zeb::AttributeId id, void const* key) override {
+    seen.push_back({id, key != nullptr,
+                    key && id == collectionId_ ? std::optional<Key>(*static_cast<Key const*>(key))
+                                               : std::nullopt});
+    if (hook) hook(id);
+  }
+  std::vector<Seen> seen;
+  std::function<void(Zeb::AttributeId)> hook;
+
+ private:
+  Zeb::AttributeId collectionId_;
+};
+
+uint64_t cellValue(std::string const& name) {
+  return Thrum::writer().cellValue(name);
+}
+
+template <typename T>
+class EntityCollection : public ::testing::Test {
+ protected:
+  using E = typename T::Entity;
+  using R = typename T::Record;
+  using Key = typename T::Key;
+
+  void SetUp() override {
+    entity = T::make(entityName);
+    recorder = Zeb::Ptr<Recorder<Key>>(new Recorder<Key>(T::id));
+    recorder->hasNotificationActiveIs(true);
+    entity->notifieeList().list->newMember(entity.get(), recorder.get());
+  }
+
+  struct Cells {
+    uint64_t is, del, notify;
+  };
+  Cells cells() const {
+    std::string const n = T::name;
+    return {cellValue(n + "Is"), cellValue(n + "Del"), cellValue(n + "Notify")};
+  }
+  static R rec(uint32_t i, uint32_t v = 0) { return row<R>(i, v).record(); }
+  bool present(Key const& k) {
+    bool found = false;
+    T::map(*entity).safeLookup(k, found, nullptr);
+    return found;
+  }
+  size_t rows() {
+    size_t n = 0;
+    for (typename std::remove_reference_t<decltype(T::map(*entity))>::IteratorConst it(
+             &T::map(*entity));
+         it.valid(); it.advance()) {
+      n++;
+    }
+    return n;
+  }
+
+  std::string entityName = "ent";
+  Zeb::Ptr<E> entity;
+  Zeb::Ptr<Recorder<Key>> recorder;
+};
+
+using AllCollections = ::testing::Types<ConfigIp, ConfigIp6, StatusIp, StatusIp6, CounterIp,
+                                        CounterIp6, HosIp, HosIp6>;
+TYPED_TEST_SUITE(EntityCollection, AllCollections);
+
+TYPED_TEST(EntityCollection, IsThenDelCountsAndNotifiesWithTheKey) {
+  using T = TypeParam;
+  auto const before = this->cells();
+  auto const v = this->rec(7, 1);
+  T::is(*this->entity, v);
+  EXPECT_TRUE(this->present(v.key()));
+  auto const removed = T::del(*this->entity, v.key());
+  EXPECT_TRUE(removed == v);
+  EXPECT_FALSE(this->present(v.key()));
+  auto const after = this->cells();
+  EXPECT_EQ(after.is - before.is, 1u);
+  EXPECT_EQ(after.del - before.del, 1u);
+  EXPECT_EQ(after.notify - before.notify, 2u);
+  ASSERT_EQ(this->recorder->seen.size(), 2u);
+  for (auto const& s : this->recorder->seen) {
+    EXPECT_EQ(s.id, T::id);
+    ASSERT_TRUE(s.key);
+    EXPECT_TRUE(*s.key == v.key());
+  }
+}
+
+TYPED_TEST(EntityCollection, DelOfAnAbsentKeyCountsOnlyTheDel) {
+  using T = TypeParam;
+  auto const before = this->cells();
+  auto const r = T::del(*this->entity, this->rec(3).key());
+  EXPECT_TRUE(r == typename T::Record());
+  auto const after = this->cells();
+  EXPECT_EQ(after.del - before.del, 1u);
+  EXPECT_EQ(after.notify, before.notify);
+  EXPECT_EQ(after.is, before.is);
+  EXPECT_TRUE(this->recorder->seen.empty());
+}
+
+TYPED_TEST(EntityCollection, DelAllRemovesEveryRowWithOneNotificationEach) {
+  using T = TypeParam;
+  T::delAll(*this->entity);  // empty: nothing changes
+  EXPECT_TRUE(this->recorder->seen.empty());
+  uint32_t const n = 40;
+  for (uint32_t i = 0; i < n; i++) T::is(*this->entity, this->rec(i));
+  this->recorder->seen.clear();
+  auto const before = this->cells();
+  T::delAll(*this->entity);
+  auto const after = this->cells();
+  EXPECT_EQ(after.del - before.del, n);
+  EXPECT_EQ(after.notify - before.notify, n);
+  EXPECT_EQ(after.is, before.is);
+  EXPECT_EQ(this->rows(), 0u);
+  std::set<uint32_t> keys;
+  for (auto const& s : this->recorder->seen) {
+    ASSERT_TRUE(s.key);
+    for (uint32_t i = 0; i < n; i++) {
+      if (*s.key == this->rec(i).key()) keys.insert(i);
+    }
+  }
+  EXPECT_EQ(keys.size(), n);
+  EXPECT_EQ(this->recorder->seen.size(), n);
+}
+
+TYPED_TEST(EntityCollection, DelAllSurvivesANotifieeThatWritesDuringTheWalk) {
+  using T = TypeParam;
+  for (uint32_t i = 0; i < 10; i++) T::is(*this->entity, this->rec(i));
+  this->recorder->seen.clear();
+  auto const extra = this->rec(50);
+  bool written = false;
+  auto* e = this->entity.get();
+  this->recorder->hook = [&](Zeb::AttributeId) {
+    if (!written) {
+      written = true;
+      T::is(*e, extra);  // re-enters the entity in the middle of the walk
+    }
+  };
+  T::delAll(*this->entity);
+  EXPECT_TRUE(written);
+  // The ten rows are gone; the added one was met by the walk or not.
+  for (uint32_t i = 0; i < 10; i++) EXPECT_FALSE(this->present(this->rec(i).key()));
+  size_t const left = this->rows();
+  EXPECT_EQ(left, this->present(extra.key()) ? 1u : 0u);
+  // 10 removals, one write, and one more removal if the walk met it.
+  EXPECT_EQ(this->recorder->seen.size(), 11u + (1u - left));
+}
+
+TYPED_TEST(EntityCollection, ControlIsTellsOnlyOfANewControl) {
+  using T = TypeParam;
+  auto& e = *this->entity;
+  ZebMirak::CollectionControl* const original = T::controlRaw(e);
+  ASSERT_EQ(T::control(e).get(), original);
+  T::controlIs(e, T::control(e));  // the very field
+  ControlPtr same = T::control(e);
+  T::controlIs(e, same);
+  EXPECT_TRUE(this->recorder->seen.empty());
+
+  ControlPtr other = ZebMirak::CollectionControl::CollectionControlIs(&T::map(e));
+  T::controlIs(e, other);
+  ASSERT_EQ(this->recorder->seen.size(), 1u);
+  EXPECT_EQ(this->recorder->seen[0].id, T::id + 1);
+  EXPECT_FALSE(this->recorder->seen[0].hasKey);
+  EXPECT_EQ(T::control(e).get(), other.get());
+  EXPECT_EQ(other->references(), 2u);
+
+  // The Notify... operations keep talking to the constructor's control.
+  T::notifyQuiesced(e, true);
+  EXPECT_TRUE(original->quiesced());
+  EXPECT_FALSE(other->quiesced());
+  EXPECT_EQ(T::controlRaw(e), original);
+}
+
+TYPED_TEST(EntityCollection, CommitAndNotifyCount) {
+  using T = TypeParam;
+  auto& map = T::map(*this->entity);
+  auto const v = this->rec(11, 4);
+  auto const before = this->cells();
+  typename T::Record const* slot = map.directWrite(v);
+  T::commit(*this->entity, slot);
+  EXPECT_TRUE(this->present(v.key()));
+  T::notify(*this->entity, v.key());
+  auto const after = this->cells();
+  EXPECT_EQ(after.is - before.is, 1u);
+  EXPECT_EQ(after.notify - before.notify, 2u);
+  ASSERT_EQ(this->recorder->seen.size(), 2u);
+  EXPECT_TRUE(*this->recorder->seen[0].key == v.key());
+}
+
+TYPED_TEST(EntityCollection, IteratorFromAPresentAndFromAnAbsentKey) {
+  using T = TypeParam;
+  using Map = std::remove_reference_t<decltype(T::map(*this->entity))>;
+  auto& map = T::map(*this->entity);
+  for (uint32_t i = 0; i < 12; i++) T::is(*this->entity, this->rec(i));
+  typename Map::IteratorConst at(&map, this->rec(5).key());
+  ASSERT_TRUE(at.valid());
+  EXPECT_TRUE(at.row().key() == this->rec(5).key());
+
+  // From an absent key: the walk goes on from its place, never to it.
+  auto const absent = this->rec(99).key();
+  size_t fromAbsent = 0;
+  for (typename Map::IteratorConst it(&map, absent); it.valid(); it.advance()) {
+    EXPECT_FALSE(it.row().key() == absent);
+    fromAbsent++;
+  }
+  EXPECT_LE(fromAbsent, 12u);
+  EXPECT_EQ(this->rows(), 12u);
+
+  // A walk that removes every row it meets ends, and leaves nothing.
+  for (typename Map::IteratorConst it(&map); it.valid(); it.advance()) {
+    T::del(*this->entity, it.row().key());
+  }
+  EXPECT_EQ(this->rows(), 0u);
+  typename Map::IteratorConst none(nullptr);
+  EXPECT_FALSE(none.valid());
+}
+
+TYPED_TEST(EntityCollection, PrivateTableBeforeTheParentIsEmptiedByIt) {
+  using T = TypeParam;
+  auto& e = *this->entity;
+  auto const v = this->rec(2);
+  T::is(e, v);
+  EXPECT_TRUE(this->present(v.key()));
+  EXPECT_EQ(T::map(e).name(), std::string("ent/") + T::name);
+  EXPECT_EQ(T::map(e).mountStatus(), 0u);
+
+  auto root = hoFlowConfigFactory("root");
+  e.parentIs(root.get());
+  EXPECT_FALSE(this->present(v.key()));
+  EXPECT_EQ(T::map(e).name(), std::string("root/ent/") + T::name);
+  EXPECT_TRUE(T::map(e).parentSeen());
+  T::is(e, v);
+  EXPECT_TRUE(this->present(v.key()));
+
+  auto other = hoFlowStatusFactory("other");
+  try {
+    e.parentIs(other.get());
+    FAIL() << "a second parent was accepted";
+  } catch (Lomi::InvalidInitializeException const& x) {
+    EXPECT_EQ(x.msg(), "Entity ent already initialized");
+  }
+}
+
+TYPED_TEST(EntityCollection, AnOrphanStandsOnAPlaceholder) {
+  using T = TypeParam;
+  auto& e = *this->entity;
+  auto root = hoFlowConfigFactory("root");
+  e.parentIs(root.get());
+  ZebMirak::CollectionControl* control = T::controlRaw(e);
+  uint64_t const reports = control->mountStatusReports();
+  e.parentIs(nullptr);
+  EXPECT_EQ(T::map(e).name(), std::string("ent/") + T::name);
+  ASSERT_NE(
+      dynamic_cast<Mirak::MirakDummy<typename std::remove_reference_t<decltype(T::map(e))>::Ops>*>(
+          T::map(e).back()),
+      nullptr);
+  EXPECT_FALSE(control->quiesced());
+  EXPECT_EQ(control->mountStatusReports(), reports + 1);
+  EXPECT_EQ(control->mountStatus(), 0);
+
+  auto const before = this->cells();
+  EXPECT_THROW(T::is(e, this->rec(1)), Lomi::NoPermissionException);
+  EXPECT_THROW(T::del(e, this->rec(1).key()), Lomi::NoPermissionException);
+  auto const after = this->cells();
+  EXPECT_EQ(after.is - before.is, 1u);
+  EXPECT_EQ(after.del - before.del, 1u);
+  EXPECT_EQ(after.notify, before.notify);
+  EXPECT_TRUE(this->recorder->seen.empty());
+  EXPECT_FALSE(this->present(this->rec(1).key()));
+}
+
+template <typename T>
+using EntityCollectionDeathTest = EntityCollection<T>;
+TYPED_TEST_SUITE(EntityCollectionDeathTest, AllCollections);
+
+TYPED_TEST(EntityCollectionDeathTest, AnOrphanWithAssertOnOrphanAccessStopsOnAccess) {
+  using T = TypeParam;
+  auto& e = *this->entity;
+  Mirak::MapDescriptor desc(1000);
+  desc.assertOnOrphanAccess = true;
+  T::map(e).descriptorIs(desc);
+  auto root = hoFlowConfigFactory("root");
+  e.parentIs(root.get());
+  e.parentIs(nullptr);
+  EXPECT_TRUE(T::map(e).assertOnOrphanAccess());
+  EXPECT_DEATH(this->present(this->rec(1).key()),
+               "you're trying to operate on an orphan mirak entity");
+}
+
+TYPED_TEST(EntityCollectionDeathTest, ACorruptTableEndsIsAndDelButNotDelAllOrTheIterator) {
+  using T = TypeParam;
+  using Map = std::remove_reference_t<decltype(T::map(*this->entity))>;
+  auto& e = *this->entity;
+  MirakTest::BackEndLog log;
+  T::map(e).backIs(std::make_unique<MirakTest::ScriptedBackEnd<typename Map::Ops>>(
+      log, Mirak::MirakType::reader, true));
+  EXPECT_DEATH(T::is(e, this->rec(1)), "MirakMap::safeWrite ASSERT: in no man's land");
+  EXPECT_DEATH(T::del(e, this->rec(1).key()), "MirakMap::safeRemove ASSERT: in no man's land");
+
+  auto const before = this->cells();
+  T::delAll(e);
+  EXPECT_EQ(T::map(e).corruptionsDetected(), 1u);
+  typename Map::IteratorConst it(&T::map(e));
+  EXPECT_FALSE(it.valid());
+  typename Map::IteratorConst at(&T::map(e), this->rec(1).key());
+  EXPECT_FALSE(at.valid());
+  // The keyed iterator meets it twice: in its lookup, then in the step to
+  // the successor of the key.
+  EXPECT_EQ(T::map(e).corruptionsDetected(), 4u);
+  auto const after = this->cells();
+  EXPECT_EQ(after.del, before.del);
+  EXPECT_EQ(after.notify, before.notify);
+  EXPECT_TRUE(this->recorder->seen.empty());
+}
+
+TYPED_TEST(EntityCollection, TheLastReferenceGoesThroughTheControls) {
+  using T = TypeParam;
+  using E = typename T::Entity;
+  auto const live = E::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+  this->recorder.reset();  // the list keeps it
+
+  // Somebody holds a control: the entity lives on until that goes.
+  ControlPtr held = T::control(*this->entity);
+  this->entity.reset();
+  EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live);
+  ASSERT_TRUE(held->entityRef());
+  EXPECT_EQ(held->entityRef()->name(), Zeb::String("ent"));
+  held.reset();
+  EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
+
+  // Nobody does: the entity dies with its last reference.
+  auto again = T::make("again");
+  EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live);
+  again.reset();
+  EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
+}
+
+TEST(EntityMountPath, Texts) {
+  EXPECT_EQ(HoFlowConfig::mountPath("ip"), Zeb::String("flowtracking/ip/hwOffload/config"));
+  EXPECT_EQ(HoFlowStatus::mountPath("ip"), Zeb::String("flowtracking/ip/hwOffload/status"));
+  EXPECT_EQ(HosStateCounter::mountPath("ip"),
+            Zeb::String("flowtracking/ip/hwOffload/counter/status"));
+  EXPECT_EQ(HoFlowCounter::mountPath("ip", "et1"),
+            Zeb::String("flowtracking/ip/hwOffload/counter/et1"));
+  EXPECT_EQ(HoFlowConfig::mountPath(""), Zeb::String("flowtracking//hwOffload/config"));
+  EXPECT_EQ(HoFlowCounter::mountPath("ip", ""), Zeb::String("flowtracking/ip/hwOffload/counter/"));
+}
+
+TEST(EntityFactories, BothNamesMakeAnActiveEntityWithItsCells) {
+  auto a = HoFlowConfig::HoFlowConfigIs("a");
+  auto b = hosStateCounterFactory("b");
+  EXPECT_TRUE(a->hasNotificationActive());
+  EXPECT_TRUE(b->hasNotificationActive());
+  EXPECT_EQ(a->hoIpFlowConfig().classType(), "FlowTracking::HoFlowConfig");
+  EXPECT_EQ(b->hosStateIp6Counter().classType(), "FlowTracking::HosStateCounter");
+  for (char const* cell :
+       {"hoIp6FlowConfigIs", "hoIp6FlowConfigDel", "hoIp6FlowConfigNotify", "hoIpFlowConfigIs",
+        "hosStateIp6CounterNotify", "hosStateIpCounterDel"}) {
+    EXPECT_TRUE(Thrum::writer().hasCell(cell)) << cell;
+  }
+  EXPECT_EQ(a->zeroReferencesNotifiee()->references(), 2u);  // the field and the list
+}
+
+}  // namespace
