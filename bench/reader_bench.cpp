@@ -99,7 +99,6 @@ Table& tableOf(uint32_t n) {
   t.writer = std::make_unique<Writer>(handler(), name.c_str(), d, HoIpFlowConfigOps(0));
   t.writer->initialize("bench");
   for (uint32_t i = 0; i < n; i++) t.writer->write(rowOf(i, 0), true);
-  Parcel::KestorFile(handler(), t.writer->rootPath(), false).write(t.writer->kestorId());
   t.reader = std::make_unique<Reader>(handler(), name, HoIpFlowConfigOps(0));
   if (!t.reader->initialize("bench")) std::abort();
   return tables.emplace(n, std::move(t)).first->second;

@@ -25,9 +25,13 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <cstdint>
 #include <cstring>
+#include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include <fmt/format.h>
@@ -46,8 +50,15 @@
 #include "Mirak/SlotTable.h"
 #include "Mirak/SlotWriter.h"
 #include "Mirak/Validator.h"
+#include "Mem/CloneControl.h"
+#include "Mem/WriterLock.h"
+#include "Mirak/Util.h"
 #include "MirakCore/WriterHashMap.h"
+#include "Parcel/KestorFile.h"
 #include "Parcel/KestorId.h"
+#include "Parcel/OwnerFile.h"
+#include "Parcel/TunnetInfo.h"
+#include "Rusk/WriterRuskSm.h"
 
 namespace Mirak {
 
@@ -71,13 +82,50 @@ class MirakWriter : public MirakInterface<OpsT> {
   ~MirakWriter() override;
 
   // --- lifecycle ---------------------------------------------------------
+  //
+  // Constructed (no files) -> initialize -> attached and serving -> detach
+  // (files stay) -> constructed. cleanup ends a table: it removes the files.
+  //
+  // A restarted writer adopts the files it finds only if all of them exist,
+  // carry its kestor, and validate; whatever can't be proved sound is
+  // formatted again under a new generation (kestor high half + 1), which
+  // tells readers that every file was made anew.
+
+  // Checks the CPU (shared tables), then attach(). True, or throws
+  // Lomi::InvalidInitializeException (a second live writer, a directory that
+  // cannot be made, a failed re-format) or Lomi::MemoryResourceException.
   bool initialize(std::string const& event) override;
+  // The whole start: holds the owner file's lock throughout, claims the
+  // directory, adopts or re-formats, removes a stale "corruption-detected"
+  // marker, opens the wake-up socket, and writes the kestor file last.
+  void attach();
+  // Adopts (reformat false) or re-formats the files and proves them sound;
+  // on success records this writer in the owner file.
+  bool attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile,
+                         Parcel::TunnetInfo const& tunnetInfo);
   // Attaches the table's files under `kestor`: slots, then buckets, then the
   // queue. True exactly when all were new or all were kept: the files of one
   // table are only trusted together.
   bool attach(Parcel::KestorId kestor);
+  // Checks that every file of the table exists in sane form, without
+  // attaching; a failed check throws from the callee.
+  bool validateFiles() override;
+  // Lets go of the files; they stay for the next writer or the readers.
   void detach(bool force) override;
+  // Removes every file of the table, also with a damaged owner file. Needs
+  // (and takes, by force) the directory's writer rights.
   void cleanup() override;
+  bool quiesced() const override { return true; }
+  void handleQuiesced(bool quiesced) {
+    if (quiesceHandler_) quiesceHandler_(quiesced);
+  }
+  bool clientQuiesced(std::string const& name) const override {
+    return !name.empty() && tessel_.clientQuiesced(name) != 0;
+  }
+  // The wake-up socket's name, empty for tables without a queue and local
+  // tables.
+  std::string socketName() const { return rusk_ ? rusk_->socketName() : std::string(); }
+  bool owner() const { return owner_; }
 
   // Audits the attached table with a Validator (chains, free list, counters,
   // queue) against `kestor` (0: any). True if the table is sound; false with
@@ -180,7 +228,16 @@ class MirakWriter : public MirakInterface<OpsT> {
   bool owner_ = false;
   std::string typeName_;
   VersionAnchorHook hook_ = nullptr;
+  // Readers of tables with a queue connect here to be woken; absent for
+  // tables without a queue and for local tables.
+  std::unique_ptr<Rusk::WriterRuskSm> rusk_;
 };
+
+namespace Impl {
+// The high half of the kestor ids a process makes: two tables of one process
+// get different ids.
+inline std::atomic<uint16_t> kestorCounter{0};
+}  // namespace Impl
 
 // ---------------------------------------------------------------------------
 
@@ -200,7 +257,9 @@ MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const
       map_(handler, rootPath_.isLocal() ? std::string() : rootPath_.path(), ops_, slots_, counters_,
            criticalTaskCheck_),
       tessel_(rootPath_.isLocal() ? std::string() : rootPath_.path(), handler),
-      typeName_(Ops::ValueOps::typeName()) {}
+      typeName_(Ops::ValueOps::typeName()) {
+  if (TesselWriter::hasQueue && !localMem_) rusk_ = std::make_unique<Rusk::WriterRuskSm>(handler);
+}
 
 template <TablePolicy OpsT>
 MirakWriter<OpsT>::~MirakWriter() {
@@ -210,21 +269,112 @@ MirakWriter<OpsT>::~MirakWriter() {
 template <TablePolicy OpsT>
 bool MirakWriter<OpsT>::initialize(std::string const& event) {
   FMTRACE(handler_, 5, "MirakWriter", "{} event:{}", rootPath_, event);
+  if (!localMem_) {
+    std::string why;
+    FMASSERT(Mem::Atomics::checkCpuSupport(why), handler_, "MirakWriter",
+             "Hardware does not support Atomics");
+  }
   if (this->initialized()) return true;
-  if (localMem_) {
-    kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 0);
-  } else {
-    rootPath_.createDirectories();
-    if (kestorId_.isZero()) kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 1);
-  }
-  if (!attach(kestorId_)) {
-    // The files did not agree (a mix of new, kept and re-formatted): none of
-    // them is trusted. A new generation formats all of them.
-    kestorId_ = kestorId_.reformatted();
-    attach(kestorId_);
-  }
+  attach();
   this->initializedIs(true);
   return true;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::attach() {
+  // 1: from here to the end the directory is held.
+  FMTRACE(handler_, 5, "MirakWriter", "localMem_:{} rootPath:{}", localMem_, rootPath_);
+  Parcel::KestorFile kestorFile(handler_, rootPath_, localMem_);
+  Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
+  ownerFile.lock();
+  Parcel::TunnetInfo tunnetInfo;
+  if (localMem_) {
+    // 2
+    kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 0);
+  } else {
+    // 3
+    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, false, socketName());
+    if (rusk_) tunnetInfo = Parcel::TunnetInfo(rusk_->socketName(), rusk_->tableId());
+    kestorId_ = kestorFile.read();
+    if (kestorId_.isZero()) {
+      kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), Impl::kestorCounter++);
+    }
+  }
+  // 4
+  bool const reformat = !ownerFile.validate();
+  if (reformat) {
+    FMTRACE(handler_, 1, "MirakWriter",
+            "owner file validation failed, dumping owner file string: {}",
+            ownerFile.headerToString());
+  }
+  // 5
+  ownerFile.typeNameIs(typeName_);
+  ownerFile.parcelTypeIs(Parcel::ParcelType::mirak);
+  // 6
+  if (!attachAndValidate(reformat, ownerFile, tunnetInfo)) {
+    FMASSERT(!reformat, handler_, "MirakWriter", "failed to attach to and validate new files");
+    attachAndValidate(true, ownerFile, tunnetInfo);
+  }
+  // 7: a marker left by a reader is stale once the table proved sound.
+  Mirak::Util::removeCorruptionFile(handler_, rootPath_);
+  // 8: readers can connect from now on.
+  if (rusk_) rusk_->doEnableListen();
+  // 9: the last step of the file work. A writer that dies before it leaves a
+  // kestor file that doesn't match the files, or none.
+  kestorFile.write(kestorId_);
+  // 10
+  if (!localMem_) {
+    FMTRACE(handler_, 1, "MirakWriter", "success {} capacity:{} kestorId:{} mtime:{} tunnetInfo:{}",
+            rootPath_, capacity(), kestorId_, kestorFile.mtime(), tunnetInfo);
+  }
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile,
+                                          Parcel::TunnetInfo const& tunnetInfo) {
+  std::string error;
+  if (!reformat) {
+    // 1
+    if (!attach(kestorId_)) {
+      FMTRACE(handler_, 0, "MirakWriter", "failed to attach to existing files");
+      FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
+      FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+      return false;
+    }
+    // 2
+    if (!validate(kestorId_, error, false)) {
+      if (Mirak::Util::runningOnPhysicalDut() && Mirak::Util::strictValidation()) {
+        // Keep the evidence: the table goes into a core file, and the next
+        // start begins afresh because the kestor file is gone.
+        Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
+        Lomi::Util::includeShmemInCore(slots_.wrapper().base(), slots_.wrapper().fileSize(), true);
+        throw Lomi::InvalidInitializeException("failed initial validation of {} after re-attaching",
+                                               rootPath_);
+      }
+      FMTRACE(handler_, 0, "MirakWriter", "failed to validate existing files");
+      FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
+      FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+      return false;
+    }
+  } else {
+    // 1 - 3: a new generation; every file formats itself since the stored
+    // kestor differs.
+    FMTRACE(handler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_);
+    kestorId_ = kestorId_.reformatted();
+    attach(kestorId_);
+    // 4
+    if (!validate(kestorId_, error, false)) {
+      throw Lomi::InvalidInitializeException("failed validation");
+    }
+  }
+  // The finish.
+  if (localMem_) return true;
+  ownerFile.tunnetInfoIs(tunnetInfo);
+  bool const ok = ownerFile.validate(error);
+  FMASSERT(ok, handler_, "MirakWriter", "wrote to owner file but validation failed: {}", error);
+  owner_ = true;
+  if (reformat) FMTRACE(handler_, 1, "MirakWriter", "re-formatted successfully");
+  return ok;
 }
 
 template <TablePolicy OpsT>
@@ -251,7 +401,25 @@ void MirakWriter<OpsT>::detach(bool) {
                    directSlot_, Ops::valueText(slots_.slots()[directSlot_].value));
   }
   tessel_.onDetach();
-  owner_ = false;
+  if (owner_) {
+    // Clear the owner record, but only if it still names this process: a
+    // writer that took the directory over (by cleanup's force) keeps its own.
+    try {
+      Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
+      auto const record = ownerFile.record();
+      std::string const name = record ? record->tunnetInfo.socketName() : std::string();
+      bool const mine = Mem::WriterLock::ownerIsMe(handler_, name) ||
+                        (name.empty() && record && record->writerPid == ::getpid());
+      if (mine) {
+        FMTRACE(handler_, 5, "MirakWriter", "clearing tunnetInfo");
+        ownerFile.tunnetInfoIs(Parcel::TunnetInfo());
+      }
+    } catch (Lomi::CorruptionDetectedException const& e) {
+      FMTRACE(handler_, 0, "MirakWriter", "ignoring owner file corruption:{}", e.msg());
+    }
+    owner_ = false;
+  }
+  if (rusk_) rusk_->close();
   slots_.detach();
   map_.bucketWriter().detach();
   this->initializedIs(false);
@@ -259,18 +427,59 @@ void MirakWriter<OpsT>::detach(bool) {
 
 template <TablePolicy OpsT>
 void MirakWriter<OpsT>::cleanup() {
+  // 1
   FMTRACE(handler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
           rootPath_);
-  if (localMem_) return;
+  // 2
+  Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
+  ownerFile.lock();
+  if (!localMem_) {
+    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, true, socketName());
+  }
+  // 3: a damaged owner file does not stop the cleaning.
+  owner_ = ownerFile.validate();
+  if (!owner_) {
+    FMTRACE(handler_, 1, "MirakWriter",
+            "owner file corruption detected but continuing with cleanup, dumped owner file: {}",
+            ownerFile.headerToString());
+  }
+  // 4
   FMTRACE(handler_, 1, "MirakWriter", "removing Mirak files in {}", rootPath_);
+  // 5
+  Mirak::Util::removeCorruptionFile(handler_, rootPath_);
   tessel_.cleanup();
   map_.bucketWriter().cleanup();
-  FMTRACE(handler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
-  if (!slots_.wrapper().unlink()) {
-    throw Lomi::InvalidInitializeException("cannot remove {}: {}", rootPath_,
-                                           slots_.wrapper().lastError());
+  if (!localMem_) {
+    FMTRACE(handler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
+    if (!slots_.wrapper().unlink()) {
+      throw Lomi::InvalidInitializeException("cannot remove the slot file of {}: {}", rootPath_,
+                                             slots_.wrapper().lastError());
+    }
   }
+  Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
+  if (!localMem_) {
+    std::string const control = rootPath_.filePath(Mem::Util::Clone::CONTROL_FILENAME);
+    if (::unlink(control.c_str()) != 0 && errno != ENOENT) {
+      throw Lomi::InvalidInitializeException("cannot remove {}: {}", control, std::strerror(errno));
+    }
+  }
+  ownerFile.remove();
+  // 6
   owner_ = false;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::validateFiles() {
+  map_.bucketWriter().validateFile();
+  if (!localMem_) {
+    Mirak::Util::validateFile(handler_, slots_.wrapper().getFilename(),
+                              Slots::Geometry::headerSize);
+  }
+  tessel_.validateFile();
+  Parcel::KestorFile(handler_, rootPath_, localMem_).validate(kestorId_);
+  Parcel::OwnerFile(handler_, rootPath_, localMem_).validateFile();
+  Mirak::Util::removeCorruptionFile(handler_, rootPath_);
+  return true;
 }
 
 template <TablePolicy OpsT>
@@ -301,11 +510,8 @@ bool MirakWriter<OpsT>::validate(Parcel::KestorId kestor, std::string& error, bo
   }
   // 4
   if (!ok) FMTRACE(handler_, 0, "MirakWriter", "Mirak {} validation failed: {}", rootPath_, error);
-  // 5: NOT DONE YET. The owner file's own check (a fresh Parcel::OwnerFile's
-  // validate(), ANDed into the result) joins here when the owner file is in
-  // this build; until then checkOwner adds no check.
-  if (checkOwner) {
-  }
+  // 5
+  if (checkOwner) ok = Parcel::OwnerFile(handler_, rootPath_, localMem_).validate() && ok;
   return ok;
 }
 
@@ -404,7 +610,11 @@ void MirakWriter<OpsT>::overwrite(SlotT& s, Value const& value) {
   Mem::storeRelease(look->rhash, s.rhash);
   std::memcpy(reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), &value, sizeof(Value));
   // 2: LOOKASIDE rises; readers take the value from the header from here on.
+  // The fence keeps the copy of step 3 from becoming visible before this word
+  // on a weakly ordered processor (a release store orders only what precedes
+  // it); on x86 it is a compiler barrier.
   Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+  Mem::releaseFence();
   // 3: the slot may be torn while LOOKASIDE is up.
   std::memcpy(&s.value, &value, sizeof(Value));
   // 4: LOOKASIDE falls; the word has moved by 4.
@@ -443,8 +653,9 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
     Mem::storeRelease(look->rhash, s.rhash);
     std::memcpy(reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), &value, sizeof(Value));
   }
-  // 7: the value, inside the seqlock of its word.
+  // 7: the value, inside the seqlock of its word (fence: as in overwrite).
   Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+  Mem::releaseFence();
   std::memcpy(&s.value, &value, sizeof(Value));
   Mem::storeRelease(s.versionFlags, (s.versionFlags + 2) | SlotTable::OCCUPIED);
   // 8: publish the entry.
@@ -631,6 +842,7 @@ void MirakWriter<OpsT>::directCommit() {
     SlotTable::SlotHead* const look = slots_.header()->lookaside();
     Mem::storeRelease(look->rhash, s.rhash);
     Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
+    Mem::releaseFence();
     std::memcpy(&s.value, reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), sizeof(Value));
     Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
   } else {

@@ -45,16 +45,14 @@ inline Mirak::MapDescriptor sharedDescriptor(uint32_t size, bool shrinkBuckets =
   return d;
 }
 
-// A writer on the shared files of `name`, initialised, with its kestor file
-// written: the last step of a writer's start, which tells readers that the
-// files are complete.
+// A writer on the shared files of `name`, initialised: its start ends by
+// writing the kestor file, which tells readers that the files are complete.
 template <typename Record>
 std::unique_ptr<WriterOf<Record>> makeSharedWriter(std::string const& name,
                                                    Mirak::MapDescriptor const& d) {
   using Ops = typename OpsOf<Record>::type;
   auto w = std::make_unique<WriterOf<Record>>(readerTestHandler(), name.c_str(), d, Ops(0));
   w->initialize("test");
-  Parcel::KestorFile(readerTestHandler(), w->rootPath(), false).write(w->kestorId());
   return w;
 }
 

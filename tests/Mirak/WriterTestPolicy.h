@@ -29,6 +29,8 @@ struct RecordingQueueWriter {
   uint64_t sequence() const { return sequence_; }
   void onDetach() {}
   void cleanup() {}
+  bool validateFile() const { return true; }
+  uint32_t clientQuiesced(std::string const&) const { return 0; }
 
   uint64_t sequence_ = 0;
   std::map<uint32_t, uint64_t> lastSequence;  // the one live entry of each slot
