@@ -1,0 +1,452 @@
+// A writer's start, restart and crash behaviour, with real processes on real
+// files: adopting after a clean exit and after SIGKILL outside a critical
+// section, re-formatting after a kill inside one (or with a stuck LOOKASIDE
+// bit), a table of damaged files each re-formatted for its own reason, a
+// second writer refused while the owner lives, cleanup with a damaged owner
+// file, and the stale corruption marker.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/ReaderTestUtil.h"
+#include "FlowTracking/TableRows.h"
+#include "FlowTracking/TableWriters.h"
+#include "Lomi/Trace.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/Util.h"
+#include "Parcel/KestorFile.h"
+#include "Parcel/OwnerFile.h"
+
+namespace FlowTrackingTest {
+namespace {
+
+using Writer = HoIpFlowConfigWriter;
+using Value = Writer::Value;
+using Slot = Mirak::SlotTable::Slot<Value>;
+constexpr char kTable[] = "flowtracking/lifecycle";
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("LifecycleTest");
+}
+
+// Collects the lines traced at levels 0 and 1 while it lives.
+class TraceCapture {
+ public:
+  TraceCapture() {
+    handler().maskIs(0x3);
+    Lomi::Platform::traceSinkIs([this](std::string_view line) {
+      std::lock_guard lock(mutex_);
+      lines_.emplace_back(line);
+    });
+  }
+  ~TraceCapture() {
+    Lomi::Platform::traceSinkIs({});
+    handler().maskIs(0);
+  }
+  bool contains(std::string const& text) const {
+    std::lock_guard lock(mutex_);
+    for (auto const& l : lines_) {
+      if (l.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  std::string all() const {
+    std::lock_guard lock(mutex_);
+    std::string out;
+    for (auto const& l : lines_) out += l + "\n";
+    return out;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+Mirak::MapDescriptor descriptor() {
+  Mirak::MapDescriptor d(1000);
+  d.shrinkBuckets_ = true;
+  return d;
+}
+
+std::unique_ptr<Writer> startWriter() {
+  auto w = std::make_unique<Writer>(handler(), kTable, descriptor(), HoIpFlowConfigOps(0));
+  w->initialize("test");
+  return w;
+}
+
+// What a writer process reports of its table before it dies.
+struct TableFacts {
+  uint32_t kestor = 0;
+  uint32_t hashSeed = 0;
+  uint32_t mostSlots = 0;
+  uint32_t members = 0;
+  uint64_t scratchpad = 0;
+};
+
+TableFacts factsOf(Writer const& w) {
+  return TableFacts{w.kestorId().value(), w.ops().hashSeed(), w.slotTable().header()->mostSlots,
+                    w.members(), w.scratchpad()};
+}
+
+// The rows the child writes: 0..599 with version 1, then 100..199 removed,
+// then 0..49 overwritten with version 2.
+void writeWorkload(Writer& w) {
+  for (uint32_t i = 0; i < 600; i++) w.write(row<HoIpFlowConfig>(i, 1), true);
+  Value removed;
+  for (uint32_t i = 100; i < 200; i++) w.remove(row<HoIpFlowConfig>(i).key(), removed);
+  for (uint32_t i = 0; i < 50; i++) w.write(row<HoIpFlowConfig>(i, 2), true);
+  w.scratchpadIs(0xfeedface12345678ull);
+}
+
+void expectWorkload(Writer const& w) {
+  for (uint32_t i = 0; i < 600; i++) {
+    bool found;
+    Value const* v = w.lookup(row<HoIpFlowConfig>(i).key(), found, nullptr);
+    bool const removed = i >= 100 && i < 200;
+    ASSERT_EQ(found, !removed) << "row " << i;
+    if (found) {
+      EXPECT_EQ(*v, row<HoIpFlowConfig>(i, i < 50 ? 2 : 1)) << "row " << i;
+    }
+  }
+}
+
+// A child writes the workload, reports its facts, then either exits through
+// its destructor or waits to be killed.
+TableFacts runChildWriter(bool waitForKill, std::function<void(Writer&)> last = {}) {
+  RecordPipe facts, hold;
+  pid_t pid = forkChild([&]() -> int {
+    auto w = startWriter();
+    writeWorkload(*w);
+    if (last) last(*w);
+    facts.send(factsOf(*w));
+    if (waitForKill) {
+      char c;
+      hold.receive(c, 60000);
+      return 3;
+    }
+    return 0;
+  });
+  TableFacts f;
+  EXPECT_TRUE(facts.receive(f)) << "the child reported nothing";
+  if (waitForKill) ::kill(pid, SIGKILL);
+  int const status = reap(pid);
+  if (waitForKill) {
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  } else {
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  }
+  return f;
+}
+
+// ---------------------------------------------------------------------------
+// Adoption.
+
+class AdoptionTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(AdoptionTest, ANewWriterKeepsEverything) {
+  MirakTest::TempRoot root;
+  bool const killed = GetParam();
+  TableFacts const before = runChildWriter(killed);
+  ASSERT_EQ(before.members, 500u);
+  TraceCapture trace;
+  auto w = startWriter();
+  EXPECT_EQ(w->kestorId().value(), before.kestor) << trace.all();
+  EXPECT_EQ(w->ops().hashSeed(), before.hashSeed);
+  EXPECT_EQ(w->slotTable().header()->mostSlots, before.mostSlots);
+  EXPECT_EQ(w->scratchpad(), before.scratchpad);
+  EXPECT_EQ(w->members(), before.members);
+  expectWorkload(*w);
+  EXPECT_FALSE(trace.contains("will be lost")) << trace.all();
+  EXPECT_TRUE(w->validate());
+  // And it goes on working: the adopted table takes writes.
+  w->write(row<HoIpFlowConfig>(100, 3), true);
+  bool found;
+  w->lookup(row<HoIpFlowConfig>(100).key(), found, nullptr);
+  EXPECT_TRUE(found);
+}
+
+INSTANTIATE_TEST_SUITE_P(CleanExitAndSigkill, AdoptionTest, ::testing::Values(false, true),
+                         [](auto const& info) { return info.param ? "Sigkill" : "CleanExit"; });
+
+// ---------------------------------------------------------------------------
+// Crashes that leave the table half-changed.
+
+void expectReformatted(TableFacts const& before, TraceCapture const& trace, Writer const& w,
+                       std::string const& reason) {
+  Parcel::KestorId const old(before.kestor);
+  EXPECT_EQ(w.kestorId().high(), static_cast<uint16_t>(old.high() + 1)) << trace.all();
+  EXPECT_EQ(w.kestorId().low(), old.low());
+  EXPECT_EQ(w.members(), 0u);
+  EXPECT_TRUE(trace.contains(reason)) << "wanted \"" << reason << "\" in:\n" << trace.all();
+  EXPECT_TRUE(trace.contains("will be lost"));
+  EXPECT_EQ(Parcel::KestorFile(handler(), w.rootPath(), false).read(), w.kestorId());
+}
+
+TEST(CrashTest, KilledInsideACriticalSectionReformats) {
+  MirakTest::TempRoot root;
+  // An open directWrite holds the critical bit until its commit, which never
+  // comes.
+  TableFacts const before =
+      runChildWriter(true, [](Writer& w) { w.directWrite(row<HoIpFlowConfig>(5000, 1)); });
+  TraceCapture trace;
+  auto w = startWriter();
+  expectReformatted(before, trace, *w, "bad critical section runtimeFlags:1");
+  EXPECT_TRUE(w->validate());
+}
+
+TEST(CrashTest, AStuckLookasideBitReformats) {
+  MirakTest::TempRoot root;
+  uint32_t word = 0;
+  RecordPipe wordPipe;
+  // The child dies between the two stores of an overwrite's version word:
+  // LOOKASIDE up, the critical bit already cleared by an earlier path.
+  TableFacts const before = runChildWriter(true, [&](Writer& w) {
+    bool found;
+    w.lookup(row<HoIpFlowConfig>(7).key(), found, nullptr);
+    auto const& anchor = w.slotTable().versionAnchor();
+    auto* flags = reinterpret_cast<uint32_t*>(static_cast<char*>(const_cast<void*>(anchor.base)) +
+                                              anchor.offset);
+    *flags += 2;
+    wordPipe.send(*flags);
+  });
+  ASSERT_TRUE(wordPipe.receive(word));
+  TraceCapture trace;
+  auto w = startWriter();
+  expectReformatted(before, trace, *w, fmt::format("stuck LOOKASIDE bit: {:#x}", word));
+  EXPECT_TRUE(w->validate());
+}
+
+// ---------------------------------------------------------------------------
+// Damaged files, one way per row: validation (or the attach of the files)
+// fails with its reason and the writer re-formats; it never adopts.
+
+// The slot file mapped read-write by the test, as a damaging agent would.
+class SlotFile {
+ public:
+  explicit SlotFile(std::string const& path) {
+    fd_ = ::open(path.c_str(), O_RDWR);
+    struct stat st;
+    ::fstat(fd_, &st);
+    size_ = st.st_size;
+    base_ = static_cast<char*>(::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+  }
+  ~SlotFile() {
+    ::munmap(base_, size_);
+    ::close(fd_);
+  }
+  Mirak::SlotTable::Header& header() { return *reinterpret_cast<Mirak::SlotTable::Header*>(base_); }
+  Slot& slot(uint32_t i) {
+    return reinterpret_cast<Slot*>(base_ + Mirak::SlotGeometry<Value>::headerSize)[i];
+  }
+  uint32_t capacity() { return header().numSlots.value; }
+  // An occupied slot whose chain goes on to another slot, and that one.
+  std::pair<uint32_t, uint32_t> linkedPair() {
+    for (uint32_t i = 0; i < capacity(); i++) {
+      if ((slot(i).versionFlags & 1) && !Mirak::SlotLink::isEndOfChain(slot(i).link.next)) {
+        return {i, slot(i).link.next};
+      }
+    }
+    return {0, 0};
+  }
+
+ private:
+  int fd_;
+  size_t size_;
+  char* base_;
+};
+
+struct Damage {
+  char const* name;
+  // Damages the files; returns the reason the next start must give.
+  std::function<std::string(std::string const& dir)> apply;
+};
+
+std::vector<Damage> damages() {
+  return {
+      {"SlotOnNeitherChainNorFreeList",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         auto [a, b] = f.linkedPair();
+         f.slot(a).link.next = f.slot(b).link.next;  // b is cut out, still OCCUPIED
+         uint32_t const occupied = f.header().occupiedSlots;
+         return fmt::format("mismatch header->occupiedSlots:{} count:{}", occupied, occupied - 1);
+       }},
+      {"SlotOnTwoChains",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         // The free-list head points into a chain: a chained slot is then on
+         // the free list too.
+         auto [a, b] = f.linkedPair();
+         (void)a;
+         uint32_t const head = f.header().freeSlots;
+         f.slot(head).link.next = b;
+         return fmt::format("corrupted free slot not marked as empty: {}", b);
+       }},
+      {"FreeListLoop",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         uint32_t const head = f.header().freeSlots;
+         f.slot(head).link.next = head;
+         return fmt::format("duplicate freeSlot detected: {}", head);
+       }},
+      {"ChainLoop",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         auto [a, b] = f.linkedPair();
+         f.slot(b).link.next = a;
+         return fmt::format("duplicate slot: {}", a);
+       }},
+      {"WrongOccupiedSlots",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         uint32_t const occupied = f.header().occupiedSlots;
+         f.header().occupiedSlots += 1;
+         return fmt::format("mismatch header->occupiedSlots:{} count:{}", occupied + 1, occupied);
+       }},
+      {"BadChecksum",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         f.header().valueType[500] ^= 0x40;  // behind the terminator, still covered
+         return std::string("checksum fail");
+       }},
+      {"WrongKestorInTheSlotFile",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         f.header().kestor ^= 0x10000;
+         return std::string("failed to attach to existing files");
+       }},
+      {"MissingBucketFile",
+       [](std::string const& dir) {
+         std::filesystem::remove(dir + "/buckets");
+         return std::string("failed to attach to existing files");
+       }},
+      {"CriticalBitLeftSet",
+       [](std::string const& dir) {
+         SlotFile f(dir + "/slots");
+         f.header().runtimeFlags = 1;
+         return std::string("bad critical section runtimeFlags:1");
+       }},
+  };
+}
+
+class DamagedFilesTest : public ::testing::TestWithParam<Damage> {};
+
+TEST_P(DamagedFilesTest, AreReformattedNeverAdopted) {
+  MirakTest::TempRoot root;
+  TableFacts const before = runChildWriter(false);
+  std::string const dir = root.path() + "/" + kTable;
+  std::string const reason = GetParam().apply(dir);
+  TraceCapture trace;
+  auto w = startWriter();
+  expectReformatted(before, trace, *w, reason);
+  EXPECT_TRUE(w->validate());
+  w->write(row<HoIpFlowConfig>(1, 9), true);
+  EXPECT_EQ(w->members(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(OneWayPerRow, DamagedFilesTest, ::testing::ValuesIn(damages()),
+                         [](auto const& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// Ownership.
+
+TEST(OwnershipTest, ASecondWriterIsRefusedWhileTheOwnerLives) {
+  MirakTest::TempRoot root;
+  RecordPipe ready, hold;
+  pid_t pid = forkChild([&]() -> int {
+    auto w = startWriter();
+    w->write(row<HoIpFlowConfig>(1, 1), true);
+    char c = 1;
+    ready.send(c);
+    hold.receive(c, 60000);
+    return 0;
+  });
+  char c;
+  ASSERT_TRUE(ready.receive(c));
+  try {
+    startWriter();
+    FAIL() << "a second writer was let in";
+  } catch (Lomi::InvalidInitializeException const& e) {
+    EXPECT_NE(e.msg().find(kTable), std::string::npos) << e.msg();
+    EXPECT_NE(e.msg().find(fmt::format("pid {}", pid)), std::string::npos) << e.msg();
+  }
+  // Nothing of the owner's table was lost by the refusal.
+  ::kill(pid, SIGKILL);
+  reap(pid);
+  auto w = startWriter();
+  bool found;
+  w->lookup(row<HoIpFlowConfig>(1).key(), found, nullptr);
+  EXPECT_TRUE(found) << "the dead owner's table is adopted";
+}
+
+TEST(OwnershipTest, CleanupRemovesEveryFileEvenWithADamagedOwnerFile) {
+  MirakTest::TempRoot root;
+  runChildWriter(false);
+  std::string const dir = root.path() + "/" + kTable;
+  {
+    int fd = ::open((dir + "/owner").c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    char junk[16] = "garbage garbage";
+    ASSERT_EQ(::pwrite(fd, junk, sizeof junk, 0), ssize_t(sizeof junk));
+    ::close(fd);
+  }
+  Writer w(handler(), kTable, descriptor(), HoIpFlowConfigOps(0));
+  w.cleanup();
+  std::vector<std::string> left;
+  for (auto const& e : std::filesystem::directory_iterator(dir)) left.push_back(e.path().filename());
+  EXPECT_TRUE(left.empty()) << "left: " << ::testing::PrintToString(left);
+}
+
+TEST(OwnershipTest, AStaleCorruptionMarkerGoesOnlyAfterASuccessfulStart) {
+  MirakTest::TempRoot root;
+  runChildWriter(false);
+  std::string const dir = root.path() + "/" + kTable;
+  std::string const marker = dir + "/" + Mirak::Util::CORRUPTION_FILENAME;
+  Mem::NaoRootPath const path(handler(), kTable, false);
+  ASSERT_TRUE(Mirak::Util::writeCorruptionFile(handler(), path, "a reader saw damage"));
+  // A start that fails (a live owner holds the table) leaves the marker.
+  RecordPipe ready, hold;
+  pid_t pid = forkChild([&]() -> int {
+    auto w = startWriter();
+    char c = 1;
+    ready.send(c);
+    hold.receive(c, 60000);
+    return 0;
+  });
+  char c;
+  ASSERT_TRUE(ready.receive(c));
+  // The owner's own start removed the marker it found; put it back.
+  ASSERT_TRUE(Mirak::Util::writeCorruptionFile(handler(), path, "a reader saw damage"));
+  EXPECT_THROW(startWriter(), Lomi::InvalidInitializeException);
+  EXPECT_TRUE(std::filesystem::exists(marker)) << "removed by a start that failed";
+  ::kill(pid, SIGKILL);
+  reap(pid);
+  auto w = startWriter();
+  EXPECT_FALSE(std::filesystem::exists(marker)) << "kept after a successful start";
+}
+
+TEST(OwnershipTest, DetachClearsTheOwnerRecordAndLeavesTheFiles) {
+  MirakTest::TempRoot root;
+  auto w = startWriter();
+  w->write(row<HoIpFlowConfig>(1, 1), true);
+  Parcel::OwnerFile owner(handler(), w->rootPath(), false);
+  EXPECT_EQ(owner.record()->writerPid, ::getpid());
+  w->detach(false);
+  EXPECT_EQ(owner.record()->writerPid, 0) << "detach left this process as the owner";
+  EXPECT_TRUE(std::filesystem::exists(root.path() + "/" + kTable + "/slots"));
+  w->detach(false);  // twice is harmless
+}
+
+}  // namespace
+}  // namespace FlowTrackingTest
