@@ -77,6 +77,8 @@ class HoFlowStatus : public Zeb::Entity {
   ~HoFlowStatus() override;
 
   Zeb::NotifieeListPtr notifieeList() const override;
+  // (module, index) of this type in the generic interface (FlowTracking/Modules.h).
+  Zeb::FwkType fwkType() const override;
   // The argument isn't read; both collections follow the entity's parent,
   // IPv6 first. If that throws, the IPv4 collection is left as it was.
   void handleParent(Zeb::Ptr<Zeb::Entity> const& parent) override;

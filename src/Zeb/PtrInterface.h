@@ -39,10 +39,12 @@ namespace Zeb {
 // entities.
 using AttributeId = uint32_t;
 
-// (module, type index) of a type in the generic interface. The module is the
-// registry's own object; null for types that are not registered.
+class Module;
+
+// (module, type index) of a type in the generic interface (Zeb/Module.h).
+// The module is null for types that are not registered.
 struct FwkType {
-  void const* module = nullptr;
+  Module const* module = nullptr;
   uint32_t index = 0;
   friend bool operator==(FwkType const&, FwkType const&) = default;
 };
