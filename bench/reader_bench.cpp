@@ -81,10 +81,12 @@ std::vector<uint32_t> shuffled(uint32_t n, uint32_t base = 0) {
   return v;
 }
 
-// One table of n rows, its writer (which does nothing in this process once
-// the table is built) and a reader on its files. Built once per size.
+// One table of n rows and a reader on its files. Built once per size; the
+// writer that filled it lets go of the files (detach), so that the busy
+// writer process below can claim them: a writer object belongs to the process
+// that attached it, and one process writes a table at a time.
 struct Table {
-  std::unique_ptr<Writer> writer;
+  std::string name;
   std::unique_ptr<Reader> reader;
 };
 
@@ -96,17 +98,20 @@ Table& tableOf(uint32_t n) {
   std::string const name = "bench/r" + std::to_string(n);
   Mirak::MapDescriptor d(n);
   Table t;
-  t.writer = std::make_unique<Writer>(handler(), name.c_str(), d, HoIpFlowConfigOps(0));
-  t.writer->initialize("bench");
-  for (uint32_t i = 0; i < n; i++) t.writer->write(rowOf(i, 0), true);
+  t.name = name;
+  {
+    Writer writer(handler(), name.c_str(), d, HoIpFlowConfigOps(0));
+    writer.initialize("bench");
+    for (uint32_t i = 0; i < n; i++) writer.write(rowOf(i, 0), true);
+  }
   t.reader = std::make_unique<Reader>(handler(), name, HoIpFlowConfigOps(0));
   if (!t.reader->initialize("bench")) std::abort();
   return tables.emplace(n, std::move(t)).first->second;
 }
 
 // A writer process overwriting random rows of the table at full speed, from
-// construction to destruction. The child inherits the writer object and its
-// shared mapping; this process does not write meanwhile.
+// construction to destruction. The child starts a writer of its own, which
+// adopts the table's files, and lets go of them before it exits.
 class BusyWriter {
  public:
   BusyWriter(Table& t, uint32_t n) {
@@ -118,6 +123,8 @@ class BusyWriter {
     if (pid_ == 0) {
       ::close(fds[1]);
       ::close(ready[0]);
+      Writer writer(handler(), t.name.c_str(), Mirak::MapDescriptor(n), HoIpFlowConfigOps(0));
+      writer.initialize("busy");
       std::mt19937 rng(7);
       uint32_t v = 1;
       char c = 1;
@@ -127,8 +134,9 @@ class BusyWriter {
           pollfd p{fds[0], POLLIN, 0};
           if (::poll(&p, 1, 0) > 0) break;
         }
-        t.writer->write(rowOf(rng() % n, v++), true);
+        writer.write(rowOf(rng() % n, v++), true);
       }
+      writer.detach(false);
       ::_exit(0);
     }
     ::close(fds[0]);
