@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <mutex>
 
+#include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/Error.h"
@@ -77,6 +78,10 @@ void RootPath::baseIs(std::string const& dir) {
 std::string RootPath::base() {
   std::lock_guard lock(baseMutex());
   return baseDir();
+}
+
+Lomi::EventLoop& RootPath::eventLoop() {
+  return Lomi::EventLoop::defaultLoop();
 }
 
 NaoRootPath::NaoRootPath(Lomi::Platform::DebugHandler& handler, std::string name, bool local)

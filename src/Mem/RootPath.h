@@ -27,9 +27,12 @@
 
 #include <fmt/format.h>
 
-namespace Lomi::Platform {
+namespace Lomi {
+class EventLoop;
+namespace Platform {
 class DebugHandler;
 }
+}  // namespace Lomi
 
 namespace Mem {
 
@@ -40,6 +43,10 @@ class RootPath {
   // Sets the process-wide base directory. Trailing slashes are dropped.
   static void baseIs(std::string const& dir);
   static std::string base();
+
+  // The process-wide default event loop, where sentries, sockets and sweeps
+  // register (Lomi::EventLoop::defaultLoop()).
+  static Lomi::EventLoop& eventLoop();
 };
 
 class NaoRootPath {

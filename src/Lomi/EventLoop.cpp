@@ -1,0 +1,293 @@
+// The epoll reactor: fd watchers, a timerfd armed at the earliest timer, and
+// an eventfd that stands for pending deferred tasks, so that the epoll
+// descriptor alone tells an outer poll that a pass has work.
+#include "Lomi/EventLoop.h"
+
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Lomi/Exception.h"
+
+namespace Lomi {
+
+namespace {
+
+constexpr uint64_t kTimerToken = 0;
+constexpr uint64_t kWakeToken = 1;
+constexpr int kBatch = 64;
+
+[[noreturn]] void throwSystem(char const* call, int fd, int err) {
+  char buf[128];
+  char const* reason = ::strerror_r(err, buf, sizeof buf);
+  throw RuntimeException("EventLoop: {} on fd {} failed: {} (errno {})", call, fd, reason, err);
+}
+
+// Milliseconds for epoll_wait, rounded up so that a timeout never ends a wait
+// early; -1 waits without limit.
+int waitMs(double seconds) {
+  if (seconds < 0) return -1;
+  double const ms = std::ceil(seconds * 1000.0);
+  return ms > 2147483647.0 ? 2147483647 : static_cast<int>(ms);
+}
+
+}  // namespace
+
+EventLoop::EventLoop() {
+  epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epollFd_ < 0) throwSystem("epoll_create1", -1, errno);
+  timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  int const err = errno;
+  if (timerFd_ < 0 || wakeFd_ < 0) {
+    if (timerFd_ >= 0) ::close(timerFd_);
+    if (wakeFd_ >= 0) ::close(wakeFd_);
+    ::close(epollFd_);
+    throwSystem(timerFd_ < 0 ? "timerfd_create" : "eventfd", -1, err);
+  }
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.u64 = kTimerToken;
+  if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, timerFd_, &ev) != 0) {
+    int const e = errno;
+    ::close(timerFd_);
+    ::close(wakeFd_);
+    ::close(epollFd_);
+    throwSystem("epoll_ctl(ADD timerfd)", timerFd_, e);
+  }
+  ev.data.u64 = kWakeToken;
+  if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &ev) != 0) {
+    int const e = errno;
+    ::close(timerFd_);
+    ::close(wakeFd_);
+    ::close(epollFd_);
+    throwSystem("epoll_ctl(ADD eventfd)", wakeFd_, e);
+  }
+}
+
+EventLoop::~EventLoop() {
+  ::close(timerFd_);
+  ::close(wakeFd_);
+  ::close(epollFd_);
+}
+
+EventLoop& EventLoop::defaultLoop() {
+  static std::mutex m;
+  static EventLoop* loop = nullptr;
+  static pid_t owner = 0;
+  std::lock_guard lock(m);
+  pid_t const me = ::getpid();
+  if (loop == nullptr || owner != me) {
+    // After a fork the parent's loop is left as it is, not destroyed: objects
+    // copied into the child may still name it, and closing or changing its
+    // registrations here would reach into the epoll instance the parent
+    // still uses.
+    loop = new EventLoop();
+    owner = me;
+  }
+  return *loop;
+}
+
+void EventLoop::fdWatcherIs(int fd, uint32_t events, FdCallback callback) {
+  auto cb = std::make_shared<FdCallback>(std::move(callback));
+  auto it = watchers_.find(fd);
+  if (it != watchers_.end()) {
+    epoll_event ev{};
+    ev.events = events;
+    ev.data.u64 = it->second.token;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, fd, &ev) != 0)
+      throwSystem("epoll_ctl(MOD)", fd, errno);
+    it->second.events = events;
+    it->second.callback = std::move(cb);
+    return;
+  }
+  uint64_t const token = nextToken_++;
+  epoll_event ev{};
+  ev.events = events;
+  ev.data.u64 = token;
+  if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &ev) != 0) throwSystem("epoll_ctl(ADD)", fd, errno);
+  watchers_.emplace(fd, Watcher{token, events, std::move(cb)});
+  tokens_.emplace(token, fd);
+}
+
+void EventLoop::fdWatcherDel(int fd) {
+  auto it = watchers_.find(fd);
+  if (it == watchers_.end()) return;
+  // A descriptor closed before its watcher was removed has left the epoll
+  // set by itself (EBADF or ENOENT): nothing is left to undo.
+  if (::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr) != 0 && errno != EBADF && errno != ENOENT) {
+    throwSystem("epoll_ctl(DEL)", fd, errno);
+  }
+  tokens_.erase(it->second.token);
+  watchers_.erase(it);
+}
+
+EventLoop::TimerId EventLoop::timerIs(double delaySeconds, Task task) {
+  auto const delay = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(delaySeconds > 0 ? delaySeconds : 0));
+  Clock::time_point const deadline = Clock::now() + delay;
+  TimerId const id = nextTimer_++;
+  timers_.emplace(TimerKey{deadline, id}, std::move(task));
+  timerDeadlines_.emplace(id, deadline);
+  if (timers_.begin()->first.second == id) timerArm();
+  return id;
+}
+
+bool EventLoop::timerDel(TimerId id) {
+  auto it = timerDeadlines_.find(id);
+  if (it == timerDeadlines_.end()) return false;
+  bool const wasFirst = timers_.begin()->first.second == id;
+  timers_.erase(TimerKey{it->second, id});
+  timerDeadlines_.erase(it);
+  if (wasFirst) timerArm();
+  return true;
+}
+
+void EventLoop::timerArm() {
+  itimerspec spec{};
+  if (!timers_.empty()) {
+    // steady_clock is CLOCK_MONOTONIC on Linux, so its epoch is the timerfd's.
+    auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        timers_.begin()->first.first.time_since_epoch())
+                        .count();
+    // An absolute time of 0 would disarm the timer; anything in the past
+    // fires at once, which is what a due timer wants.
+    int64_t const at = ns > 0 ? ns : 1;
+    spec.it_value.tv_sec = at / 1000000000;
+    spec.it_value.tv_nsec = at % 1000000000;
+  }
+  if (::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
+    throwSystem("timerfd_settime", timerFd_, errno);
+  }
+}
+
+void EventLoop::deferredTaskIs(Task task) {
+  deferred_.push_back(std::move(task));
+  wakeSignal();
+}
+
+void EventLoop::wakeSignal() {
+  if (wakeSignalled_) return;
+  uint64_t const one = 1;
+  if (::write(wakeFd_, &one, sizeof one) != sizeof one)
+    throwSystem("write(eventfd)", wakeFd_, errno);
+  wakeSignalled_ = true;
+}
+
+void EventLoop::wakeClear() {
+  if (!wakeSignalled_) return;
+  uint64_t v;
+  // EAGAIN: already read; the flag is what counts.
+  (void)!::read(wakeFd_, &v, sizeof v);
+  wakeSignalled_ = false;
+}
+
+size_t EventLoop::runDeferred() {
+  if (deferred_.empty()) return 0;
+  std::deque<Task> batch;
+  batch.swap(deferred_);
+  wakeClear();
+  size_t ran = 0;
+  while (!batch.empty()) {
+    Task task = std::move(batch.front());
+    batch.pop_front();
+    try {
+      task();
+    } catch (...) {
+      // What was not run goes back in front of anything queued meanwhile.
+      for (auto it = batch.rbegin(); it != batch.rend(); ++it) deferred_.push_front(std::move(*it));
+      if (!deferred_.empty()) wakeSignal();
+      throw;
+    }
+    ++ran;
+  }
+  return ran;
+}
+
+size_t EventLoop::runTimers() {
+  uint64_t expirations;
+  (void)!::read(timerFd_, &expirations, sizeof expirations);
+  Clock::time_point const now = Clock::now();
+  // Only timers due at the start: one set by a callback of this pass waits
+  // for the next, even with a delay of 0.
+  std::vector<TimerId> due;
+  for (auto const& [key, task] : timers_) {
+    if (key.first > now) break;
+    due.push_back(key.second);
+  }
+  size_t ran = 0;
+  try {
+    for (TimerId id : due) {
+      auto it = timerDeadlines_.find(id);
+      if (it == timerDeadlines_.end()) continue;  // cancelled by an earlier callback
+      auto node = timers_.extract(TimerKey{it->second, id});
+      timerDeadlines_.erase(it);
+      node.mapped()();
+      ++ran;
+    }
+  } catch (...) {
+    timerArm();
+    throw;
+  }
+  timerArm();
+  return ran;
+}
+
+size_t EventLoop::runOnce(double timeoutSeconds) {
+  epoll_event events[kBatch];
+  int const timeout = !deferred_.empty() ? 0 : waitMs(timeoutSeconds);
+  int n = ::epoll_wait(epollFd_, events, kBatch, timeout);
+  if (n < 0) {
+    if (errno != EINTR) throwSystem("epoll_wait", epollFd_, errno);
+    n = 0;
+  }
+  size_t ran = runDeferred();
+  // Callbacks are collected first: a callback may remove or replace any
+  // watcher, and a removed one must not run afterwards in this pass.
+  std::vector<std::pair<uint64_t, uint32_t>> ready;
+  ready.reserve(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    uint64_t const token = events[i].data.u64;
+    if (token == kTimerToken || token == kWakeToken) continue;
+    uint32_t const bits = events[i].events;
+    ready.emplace_back(token, bits);
+  }
+  for (auto const& [token, bits] : ready) {
+    auto t = tokens_.find(token);
+    if (t == tokens_.end()) continue;
+    auto w = watchers_.find(t->second);
+    // The callback is held here, so a watcher that removes itself (or whose
+    // owner is destroyed) does not destroy the function it is running.
+    std::shared_ptr<FdCallback> cb = w->second.callback;
+    (*cb)(bits);
+    ++ran;
+  }
+  ran += runTimers();
+  return ran;
+}
+
+void EventLoop::run() {
+  stopped_ = false;
+  while (!stopped_) runOnce(-1);
+}
+
+bool EventLoop::runUntil(std::function<bool()> const& predicate, double timeoutSeconds) {
+  Clock::time_point const end =
+      Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                         std::chrono::duration<double>(timeoutSeconds > 0 ? timeoutSeconds : 0));
+  for (;;) {
+    if (predicate()) return true;
+    Clock::time_point const now = Clock::now();
+    if (now >= end) return false;
+    runOnce(std::chrono::duration<double>(end - now).count());
+  }
+}
+
+}  // namespace Lomi

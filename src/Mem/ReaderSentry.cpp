@@ -1,0 +1,174 @@
+// The reader sentry: attach, re-attach and detach a reader collection as its
+// writer's files come, change generation and go.
+#include "Mem/ReaderSentry.h"
+
+#include <sys/inotify.h>
+
+#include <algorithm>
+
+#include "Lomi/EventLoop.h"
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Parcel/KestorFile.h"
+
+namespace Mem {
+
+namespace {
+
+NaoRootPath const& sharedOnly(NaoRootPath const& rootPath) {
+  if (rootPath.isLocal()) {
+    throw Lomi::InvalidInitializeException(
+        "Mirak table {} is local: a reader sentry needs the files of a shared table",
+        rootPath.str());
+  }
+  return rootPath;
+}
+
+bool isKestor(std::string const& name) {
+  return name == Parcel::KestorFile::KESTOR_NAME;
+}
+
+}  // namespace
+
+ReaderSentry::Notifiee::~Notifiee() = default;
+
+ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
+                           Notifiee* notifiee)
+    : ReaderSentry(handler, rootPath, notifiee, RootPath::eventLoop()) {}
+
+ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
+                           Notifiee* notifiee, Lomi::EventLoop& loop)
+    : handler_(handler),
+      rootPath_(sharedOnly(rootPath)),
+      notifiee_(notifiee),
+      loop_(loop),
+      watch_(handler, rootPath_.path(), loop,
+             [this](Impl::DirectoryWatch::Change const& c) { onChange(c); }) {
+  FMTRACE(handler_, 2, "ReaderSentry", "{}", rootPath_);
+}
+
+ReaderSentry::~ReaderSentry() {
+  retryDel();
+}
+
+void ReaderSentry::event(std::string const& name, bool) {
+  FMTRACE(handler_, 3, "ReaderSentry", "{} event:{} enabled:{}", rootPath_, name, enabled);
+  if (name == eventInit) {
+    // The files may have been complete long before the reader came.
+    if (watch_.start()) attachNow(name);
+  } else if (name == eventTryAttach || name == eventNotifEnabled || name == eventFlushComplete) {
+    if (name == eventTryAttach) awaitingWriter_ = false;
+    attachNow(name);
+  } else if (name == eventDisconnect) {
+    retryDel();
+    awaitingWriter_ = true;
+    if (enabled && notifiee_->readerFullyAttached()) detachNow(name);
+  } else {
+    throw Lomi::InvalidInitializeException("reader sentry of {}: unknown event \"{}\"", rootPath_,
+                                           name);
+  }
+}
+
+void ReaderSentry::onDetach() {
+  attachedKestor_ = Parcel::KestorId();
+}
+
+Parcel::KestorId ReaderSentry::kestorOnDisk() const {
+  return Parcel::KestorFile(handler_, rootPath_, false).read();
+}
+
+void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
+  using Kind = Impl::DirectoryWatch::Change::Kind;
+  if (change.kind == Kind::appeared) {
+    FMTRACE(handler_, 3, "ReaderSentry", "{} appeared", rootPath_);
+    if (!awaitingWriter_) attachNow("directory");
+    return;
+  }
+  if (change.kind == Kind::vanished) {
+    FMTRACE(handler_, 3, "ReaderSentry", "{} vanished", rootPath_);
+    return;
+  }
+  FMTRACE(handler_, 3, "ReaderSentry", "{} file:{} mask:{:#x}", rootPath_, change.name,
+          change.mask);
+  if (!enabled) return;
+  bool const attached = notifiee_->readerFullyAttached();
+  if (isKestor(change.name)) {
+    if (change.mask & (IN_DELETE | IN_MOVED_FROM)) {
+      // The writer's cleanup: the table is over, whatever stays mapped.
+      if (attached) detachNow("kestor removed");
+      return;
+    }
+    Parcel::KestorId const onDisk = kestorOnDisk();
+    if (onDisk.isZero()) return;  // not a complete record: the next write tells
+    awaitingWriter_ = false;
+    if (attached) {
+      if (onDisk == attachedKestor_) return;  // the writer adopted its files
+      FMTRACE(handler_, 1, "ReaderSentry", "{} re-formatted, kestorId {} -> {}", rootPath_,
+              attachedKestor_, onDisk);
+      std::weak_ptr<bool> const alive = alive_;
+      detachNow("kestor");
+      if (alive.expired()) return;
+    }
+    retryDel();
+    retryDelay_ = kFirstRetry;
+    attachNow("kestor");
+    return;
+  }
+  if (!attached && !awaitingWriter_) attachNow("change");
+}
+
+void ReaderSentry::attachNow(std::string const& why) {
+  if (!enabled || notifiee_->readerFullyAttached()) return;
+  if (awaitingWriter_) return;
+  if (kestorOnDisk().isZero()) return;
+  retryDel();
+  ++attachAttempts_;
+  std::weak_ptr<bool> const alive = alive_;
+  try {
+    notifiee_->attach(why);
+  } catch (Lomi::Exception const& e) {
+    if (alive.expired()) return;
+    FMTRACE(handler_, 0, "ReaderSentry", "{} attach ({}) failed: {}", rootPath_, why, e.msg());
+  }
+  if (alive.expired()) return;
+  if (notifiee_->readerFullyAttached()) {
+    attachedKestor_ = notifiee_->kestorId();
+    retryDelay_ = kFirstRetry;
+    FMTRACE(handler_, 2, "ReaderSentry", "{} attached ({}) kestorId:{}", rootPath_, why,
+            attachedKestor_);
+    return;
+  }
+  retryArm();
+}
+
+void ReaderSentry::detachNow(std::string const& why) {
+  FMTRACE(handler_, 2, "ReaderSentry", "{} detaching ({})", rootPath_, why);
+  retryDel();
+  ++detaches_;
+  attachedKestor_ = Parcel::KestorId();
+  try {
+    notifiee_->detach(false);
+  } catch (Lomi::Exception const& e) {
+    FMTRACE(handler_, 0, "ReaderSentry", "{} detach ({}) failed: {}", rootPath_, why, e.msg());
+  }
+}
+
+void ReaderSentry::retryArm() {
+  if (retryTimer_) return;
+  double const delay = retryDelay_;
+  retryDelay_ = std::min(retryDelay_ * 2, kLastRetry);
+  FMTRACE(handler_, 3, "ReaderSentry", "{} retry in {}s", rootPath_, delay);
+  retryTimer_ = loop_.timerIs(delay, [this, alive = std::weak_ptr<bool>(alive_)] {
+    if (alive.expired()) return;
+    retryTimer_ = 0;
+    attachNow("retry");
+  });
+}
+
+void ReaderSentry::retryDel() {
+  if (!retryTimer_) return;
+  loop_.timerDel(retryTimer_);
+  retryTimer_ = 0;
+}
+
+}  // namespace Mem

@@ -1,0 +1,301 @@
+// Tests of Lomi::EventLoop: fd watchers, timer order, deferred tasks,
+// runUntil's timeout, fd() in an outer poll, and the default loop after fork.
+#include "Lomi/EventLoop.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Lomi::EventLoop;
+
+class Pipe {
+ public:
+  Pipe() { EXPECT_EQ(::pipe(fds_), 0); }
+  ~Pipe() {
+    ::close(fds_[0]);
+    ::close(fds_[1]);
+  }
+  int in() const { return fds_[0]; }
+  void put(char c = 'x') const { ASSERT_EQ(::write(fds_[1], &c, 1), 1); }
+  char take() const {
+    char c = 0;
+    EXPECT_EQ(::read(fds_[0], &c, 1), 1);
+    return c;
+  }
+
+ private:
+  int fds_[2];
+};
+
+bool pollReadable(int fd, int timeoutMs) {
+  pollfd p{fd, POLLIN, 0};
+  return ::poll(&p, 1, timeoutMs) == 1 && (p.revents & POLLIN);
+}
+
+TEST(EventLoop, FdWatcherRunsWhileReadableAndNotAfterRemoval) {
+  EventLoop loop;
+  Pipe p;
+  std::vector<uint32_t> seen;
+  loop.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t ev) { seen.push_back(ev); });
+  EXPECT_TRUE(loop.fdWatched(p.in()));
+  EXPECT_EQ(loop.runOnce(0), 0u);
+  p.put();
+  EXPECT_EQ(loop.runOnce(1), 1u);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_TRUE(seen[0] & EPOLLIN);
+  // Level-triggered: unread data is reported again.
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_EQ(p.take(), 'x');
+  EXPECT_EQ(loop.runOnce(0), 0u);
+  p.put();
+  loop.fdWatcherDel(p.in());
+  loop.fdWatcherDel(p.in());  // a second removal is harmless
+  EXPECT_EQ(loop.runOnce(0), 0u);
+  EXPECT_EQ(seen.size(), 2u);
+  EXPECT_EQ(loop.fdWatchers(), 0u);
+}
+
+TEST(EventLoop, ReplacingAWatcherKeepsOneRegistration) {
+  EventLoop loop;
+  Pipe p;
+  int first = 0, second = 0;
+  loop.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) { ++first; });
+  loop.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) { ++second; });
+  p.put();
+  EXPECT_EQ(loop.runOnce(1), 1u);
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(second, 1);
+  EXPECT_EQ(loop.fdWatchers(), 1u);
+}
+
+TEST(EventLoop, AWatcherRemovedByAnotherInTheSameBatchIsNotCalled) {
+  EventLoop loop;
+  Pipe a, b;
+  std::vector<char> calls;
+  // Both are ready in one pass; whichever runs first removes the other.
+  loop.fdWatcherIs(a.in(), EPOLLIN, [&](uint32_t) {
+    calls.push_back(a.take());
+    loop.fdWatcherDel(b.in());
+  });
+  loop.fdWatcherIs(b.in(), EPOLLIN, [&](uint32_t) {
+    calls.push_back(b.take());
+    loop.fdWatcherDel(a.in());
+  });
+  a.put('a');
+  b.put('b');
+  // Both descriptors are ready before the pass begins.
+  ASSERT_TRUE(pollReadable(a.in(), 0));
+  ASSERT_TRUE(pollReadable(b.in(), 0));
+  EXPECT_EQ(loop.runOnce(1), 1u);
+  EXPECT_EQ(loop.runOnce(0), 0u);
+  EXPECT_EQ(calls.size(), 1u);
+  EXPECT_EQ(loop.fdWatchers(), 1u);
+}
+
+TEST(EventLoop, AWatcherMayRemoveItselfAndDestroyItsCaptures) {
+  EventLoop loop;
+  Pipe p;
+  auto token = std::make_shared<int>(7);
+  std::weak_ptr<int> weak = token;
+  int value = 0;
+  loop.fdWatcherIs(p.in(), EPOLLIN, [&, token](uint32_t) {
+    loop.fdWatcherDel(p.in());
+    // The capture is still alive while the callback runs.
+    value = *token;
+  });
+  token.reset();
+  p.put();
+  EXPECT_EQ(loop.runOnce(1), 1u);
+  EXPECT_EQ(value, 7);
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST(EventLoop, TimersRunInDeadlineOrderAndNeverEarly) {
+  EventLoop loop;
+  std::vector<std::string> order;
+  auto const start = EventLoop::Clock::now();
+  std::vector<double> ranAfter;
+  auto add = [&](double delay, std::string name) {
+    loop.timerIs(delay, [&, delay, name] {
+      order.push_back(name);
+      double const elapsed = std::chrono::duration<double>(EventLoop::Clock::now() - start).count();
+      ranAfter.push_back(elapsed - delay);
+    });
+  };
+  add(0.03, "c");
+  add(0.01, "a");
+  add(0.02, "b");
+  add(0.0, "now");
+  EXPECT_EQ(loop.timers(), 4u);
+  EXPECT_TRUE(loop.runUntil([&] { return order.size() == 4; }, 10));
+  EXPECT_EQ(order, (std::vector<std::string>{"now", "a", "b", "c"}));
+  for (double late : ranAfter) EXPECT_GE(late, 0.0);
+  EXPECT_EQ(loop.timers(), 0u);
+}
+
+TEST(EventLoop, TimersWithEqualDeadlinesRunInTheOrderTheyWereSet) {
+  EventLoop loop;
+  std::vector<int> order;
+  // Negative and zero delays are all "due now"; a later one can't come first.
+  for (int i = 0; i < 5; i++) loop.timerIs(i % 2 ? 0.0 : -1.0, [&, i] { order.push_back(i); });
+  EXPECT_TRUE(loop.runUntil([&] { return order.size() == 5; }, 5));
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+TEST(EventLoop, ACancelledTimerDoesNotRun) {
+  EventLoop loop;
+  bool ranCancelled = false, ranOther = false;
+  EventLoop::TimerId id = loop.timerIs(0.005, [&] { ranCancelled = true; });
+  loop.timerIs(0.02, [&] { ranOther = true; });
+  EXPECT_TRUE(loop.timerDel(id));
+  EXPECT_FALSE(loop.timerDel(id));
+  EXPECT_TRUE(loop.runUntil([&] { return ranOther; }, 5));
+  EXPECT_FALSE(ranCancelled);
+}
+
+TEST(EventLoop, ATimerSetByATimerWaitsForTheNextPass) {
+  EventLoop loop;
+  int runs = 0;
+  std::function<void()> again = [&] {
+    ++runs;
+    loop.timerIs(0, again);
+  };
+  loop.timerIs(0, again);
+  EXPECT_TRUE(loop.runUntil([&] { return runs >= 1; }, 5));
+  int const after = runs;
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_EQ(runs, after + 1);
+}
+
+TEST(EventLoop, DeferredTasksRunFirstInFirstOutAndLaterOnesOnTheNextPass) {
+  EventLoop loop;
+  std::vector<int> order;
+  loop.deferredTaskIs([&] {
+    order.push_back(1);
+    loop.deferredTaskIs([&] { order.push_back(3); });
+  });
+  loop.deferredTaskIs([&] { order.push_back(2); });
+  EXPECT_EQ(loop.deferredTasks(), 2u);
+  // Pending tasks make the pass return at once, whatever the timeout.
+  EXPECT_EQ(loop.runOnce(60), 2u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+  EXPECT_EQ(loop.runOnce(60), 1u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(loop.runOnce(0), 0u);
+}
+
+TEST(EventLoop, AThrowingTaskReachesTheCallerAndKeepsTheRestQueued) {
+  EventLoop loop;
+  std::vector<int> order;
+  loop.deferredTaskIs([&] { order.push_back(1); });
+  loop.deferredTaskIs([] { throw std::runtime_error("task failed"); });
+  loop.deferredTaskIs([&] { order.push_back(3); });
+  EXPECT_THROW(loop.runOnce(0), std::runtime_error);
+  EXPECT_EQ(order, (std::vector<int>{1}));
+  EXPECT_EQ(loop.deferredTasks(), 1u);
+  EXPECT_TRUE(pollReadable(loop.fd(), 0));
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_EQ(order, (std::vector<int>{1, 3}));
+}
+
+TEST(EventLoop, RunUntilStopsAtTheTimeoutOrWhenThePredicateHolds) {
+  EventLoop loop;
+  int checks = 0;
+  EXPECT_FALSE(loop.runUntil(
+      [&] {
+        ++checks;
+        return false;
+      },
+      0.02));
+  EXPECT_GE(checks, 2);
+  checks = 0;
+  EXPECT_TRUE(loop.runUntil(
+      [&] {
+        ++checks;
+        return true;
+      },
+      0));
+  EXPECT_EQ(checks, 1);
+  bool fired = false;
+  loop.timerIs(0.01, [&] { fired = true; });
+  EXPECT_TRUE(loop.runUntil([&] { return fired; }, 10));
+}
+
+TEST(EventLoop, RunEndsAfterStop) {
+  EventLoop loop;
+  int passes = 0;
+  std::function<void()> tick = [&] {
+    if (++passes == 3) {
+      loop.stop();
+      return;
+    }
+    loop.deferredTaskIs(tick);
+  };
+  loop.deferredTaskIs(tick);
+  loop.run();
+  EXPECT_EQ(passes, 3);
+}
+
+TEST(EventLoop, FdIsReadableInAnOuterPollExactlyWhenAPassHasWork) {
+  EventLoop loop;
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+
+  loop.deferredTaskIs([] {});
+  EXPECT_TRUE(pollReadable(loop.fd(), 0));
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+
+  bool fired = false;
+  loop.timerIs(0.01, [&] { fired = true; });
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+  // The outer loop sleeps in its own poll until the timer is due.
+  EXPECT_TRUE(pollReadable(loop.fd(), 10000));
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_TRUE(fired);
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+
+  Pipe p;
+  int reads = 0;
+  loop.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) {
+    p.take();
+    ++reads;
+  });
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+  p.put();
+  EXPECT_TRUE(pollReadable(loop.fd(), 10000));
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_EQ(reads, 1);
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+}
+
+TEST(EventLoop, AForkedChildGetsItsOwnDefaultLoop) {
+  EventLoop& parent = EventLoop::defaultLoop();
+  EXPECT_EQ(&parent, &EventLoop::defaultLoop());
+  bool parentRan = false;
+  parent.deferredTaskIs([&] { parentRan = true; });
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    EventLoop& mine = EventLoop::defaultLoop();
+    bool ok = &mine != &parent && mine.deferredTasks() == 0 && mine.runOnce(0) == 0 &&
+              &mine == &EventLoop::defaultLoop();
+    ::_exit(ok ? 0 : 1);
+  }
+  ASSERT_GT(pid, 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  // The parent's work is still its own.
+  EXPECT_EQ(parent.runOnce(0), 1u);
+  EXPECT_TRUE(parentRan);
+}
+
+}  // namespace
