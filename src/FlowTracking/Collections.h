@@ -27,6 +27,7 @@
 
 #include <cstdint>
 
+#include "FlowTracking/TableReaders.h"
 #include "FlowTracking/TableWriters.h"
 #include "FlowTracking/Tables.h"
 #include "Lomi/Exception.h"

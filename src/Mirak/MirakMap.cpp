@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <string_view>
 
 #include "Mirak/Util.h"
 
@@ -40,11 +41,25 @@ void mergeReader(Reader::Counters& kept, Reader::Counters const& newer) {
 
 ControlBase::~ControlBase() = default;
 
-MirakMapBase::Mounter::~Mounter() = default;
-
 MirakMapBase::MirakMapBase() : debugHandler_(&Lomi::Platform::getDebugHandler("MirakTemp", true)) {}
 
 MirakMapBase::~MirakMapBase() = default;
+
+// The reader sentry and the writer's table agree on the marker's name.
+static_assert(std::string_view(Mem::WriterSentry::kMarkerName) ==
+              std::string_view(Util::CORRUPTION_FILENAME));
+
+void MirakMapBase::init(MirakType type, bool local, unsigned int size) {
+  MapDescriptor descriptor(size);
+  descriptor.type = type;
+  descriptor.local = local;
+  init(descriptor);
+}
+
+bool MirakMapBase::readerFullyAttached() const {
+  Mem::MountStatus const status = mountStatus();
+  return status == Mem::mountStatusMounted || status == Mem::mountStatusSynchronized;
+}
 
 bool MirakMapBase::ready() const {
   return initialized_ && mountStatus() != Mem::mountStatusNotMounted;

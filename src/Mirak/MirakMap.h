@@ -15,7 +15,23 @@
 //   - the settings that outlive a back end (`notifying`, `yieldTime_`) and the
 //     statistics of retired back ends, added to the live ones on every read;
 //   - the order of teardown: detach (placeholder in, client told), then
-//     controlDetach (sentry gone, uninitialised), then the destructor.
+//     controlDetach (sentry gone, uninitialised), then the destructor;
+//   - the mount: `init` chooses the back end by the descriptor and starts a
+//     sentry; a reader's sentry brings the real back end with `attach`.
+//
+// Choosing a back end:
+//   init, local                  MirakWriter in private memory, no sentry
+//   init, writer                 MirakWriter on the shared files, then a
+//                                Mem::WriterSentry
+//   init, reader/shadow/keyshad. MirakDummy, then a Mem::ReaderSentry, which
+//                                calls attach once the writer's files are
+//                                complete (the kestor file is there)
+//   attach, reader               a new MirakReader
+//   attach, shadow/keyshadow     a new shadow (newShadow); while this build
+//                                has none, the collection stays on its
+//                                placeholder
+//   detach                       MirakStrictDummy if assertOnOrphanAccess,
+//                                else MirakDummy; a flushing shadow stays
 //
 // Contract:
 //   - A front object that has no back end yet answers no table operation: the
@@ -25,7 +41,11 @@
 //     reaches the retired back end and removes its files.
 //   - The callbacks in `notify()` are never empty; `detach` calls quiescedFn
 //     and mountStatusFn unconditionally, in that order.
-//   - Mounting (init, attach, tryAttach, owner) is not part of this header.
+//   - A failed `init` (an exception) leaves the collection uninitialised, on
+//     a placeholder that holds the back end it stood on, with no sentry.
+//   - The client hears of a mount only once its back end works: quiescedFn
+//     (true), then mountStatusFn(); a writer from `init`, a reader from the
+//     sentry's `attach`.
 //
 // Thread safety: none. The object, its back end and its callbacks are used on
 // the owner's thread; the sentry's calls come on that thread too.
@@ -36,18 +56,34 @@
 #include <string>
 #include <utility>
 
+#include <sys/types.h>
+
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <typeinfo>
+
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
+#include "Lomi/Util.h"
 #include "Mem/CollectionDescriptor.h"
 #include "Mem/Notify.h"
+#include "Mem/ReaderSentry.h"
 #include "Mem/RootPath.h"
+#include "Mem/Sentry.h"
 #include "Mem/VersionAnchor.h"
+#include "Mem/WriterLock.h"
+#include "Mem/WriterSentry.h"
 #include "Mirak/Counters.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/MirakDummy.h"
 #include "Mirak/MirakInterface.h"
+#include "Mirak/MirakReader.h"
+#include "Mirak/MirakWriter.h"
 #include "Mirak/Tmp.h"
 #include "Parcel/KestorId.h"
+#include "Parcel/OwnerFile.h"
+#include "Rusk/WriterRuskSm.h"
 
 namespace Mirak {
 
@@ -56,6 +92,8 @@ class ControlBase {
  public:
   virtual ~ControlBase();
 
+  // Mounts the collection (Mirak::MapDescriptor, see MirakMap::init).
+  virtual void init(Mem::CollectionDescriptor const& descriptor) = 0;
   virtual std::string collName() const = 0;
   virtual Mem::MountStatus mountStatus() const = 0;
   virtual bool initialized() const = 0;
@@ -71,36 +109,39 @@ class ControlBase {
   ControlBase& operator=(ControlBase const&) = delete;
 };
 
-class MirakMapBase : public ControlBase {
+class MirakMapBase : public ControlBase, public Mem::ReaderSentry::Notifiee {
  public:
-  // The sentry of a mounted collection as the front object sees it: the
-  // mounting code wraps its reader or writer sentry in one of these.
-  class Mounter {
-   public:
-    virtual ~Mounter();
-    // One of the event constants below; `arg` is always false from here.
-    virtual void event(std::string const& name, bool arg) = 0;
-    // Called at the end of every detach of the collection.
-    virtual void onDetach() {}
-    // Cleared while a detached shadow flushes, so the sentry starts nothing.
-    uint8_t enabled = 1;
-  };
+  // The sentry of a mounted collection as the front object sees it: a
+  // Mem::ReaderSentry or Mem::WriterSentry (or a test's own). Its `enabled`
+  // is cleared while a detached shadow flushes, so it starts nothing.
+  using Mounter = Mem::Sentry;
 
-  static constexpr char const* eventInit_ = "init";
-  static constexpr char const* eventTryAttach_ = "tryAttach";
-  static constexpr char const* eventNotifEnabled_ = "notificationsEnabled";
-  static constexpr char const* eventDisconnect_ = "disconnect";
-  static constexpr char const* eventFlushComplete_ = "flushComplete";
+  static constexpr char const* eventInit_ = Mem::Sentry::eventInit;
+  static constexpr char const* eventTryAttach_ = Mem::Sentry::eventTryAttach;
+  static constexpr char const* eventNotifEnabled_ = Mem::Sentry::eventNotifEnabled;
+  static constexpr char const* eventDisconnect_ = Mem::Sentry::eventDisconnect;
+  static constexpr char const* eventFlushComplete_ = Mem::Sentry::eventFlushComplete;
 
   ~MirakMapBase() override;
+
+  using ControlBase::init;
+  // init with MapDescriptor(size) of that type and locality, every other
+  // option off.
+  virtual void init(MirakType type, bool local, unsigned int size);
 
   // Mounted: initialised and the back end reports a mount status above 0.
   virtual bool ready() const;
   bool initialized() const override { return initialized_; }
   // The mode of the last accepted descriptor (writer before any mount).
   MirakType mode() const override { return descriptor_.type; }
-  virtual bool localMem() const { return descriptor_.local; }
-  virtual std::string modeStr() const { return formatMirakType(mode()); }
+  bool localMem() const override { return descriptor_.local; }
+  std::string modeStr() const override { return formatMirakType(mode()); }
+  // The back end stands on the table's files: mount status 1 or 2. This is
+  // what the reader sentry asks before it attaches.
+  bool readerFullyAttached() const override;
+  // A reader whose writer went away while it was attached; only a shadow
+  // can tell, and none is built here.
+  bool disconnectedActiveReader() const override { return false; }
 
   // The handling of a table that can't be trusted. Records the message
   // (lastCorruption, corruptionsDetected), reports it with a level-0 trace,
@@ -158,7 +199,7 @@ class MirakMapBase : public ControlBase {
 };
 
 template <TablePolicy OpsT>
-class MirakMap : public MirakMapBase {
+class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
  public:
   using Ops = OpsT;
   using Key = typename Ops::Key;
@@ -187,7 +228,7 @@ class MirakMap : public MirakMapBase {
     back_->validateVersionAnchorHookIs(hook);
   }
   std::string collName() const override { return back_->mirakName(); }
-  virtual Parcel::KestorId kestorId() const { return back_->kestorId(); }
+  Parcel::KestorId kestorId() const override { return back_->kestorId(); }
   Mem::MountStatus mountStatus() const override;
   virtual Reader::Counters readerCounters() const;
   virtual Writer::Counters writerCounters() const;
@@ -197,9 +238,9 @@ class MirakMap : public MirakMapBase {
   void cleanupAndDetach() override;
   virtual void cleanup();
   Mem::NaoRootPath rootPath() const override;
-  virtual bool validate();
+  bool validate() override;
   // Both arguments are ignored.
-  virtual bool validateFiles(std::string const& path, unsigned int mask);
+  bool validateFiles(std::string const& path, unsigned int mask) override;
   virtual Sequence sequence() const;
   // detach(true); the sentry is deleted; not initialised any more. Nothing
   // re-attaches the collection by itself afterwards.
@@ -210,7 +251,7 @@ class MirakMap : public MirakMapBase {
   // and a sentry present, the sentry hears eventNotifEnabled_. Asserts while
   // an asynchronous shadow holds its change callbacks back.
   virtual void notifyingIs(bool value) const;
-  bool notifying() const { return notifying_; }
+  bool notifying() const override { return notifying_; }
   // Seconds a sweep may run before it yields; kept for every later back end.
   virtual void yieldTimeIs(double const& seconds) const;
   virtual bool clientQuiesced(std::string const& readerName) const;
@@ -224,9 +265,41 @@ class MirakMap : public MirakMapBase {
   // takes its place, except for a flushing shadow under a sentry, which stays
   // with the sentry disabled. Then quiescedFn(false), mountStatusFn(), and the
   // sentry's detach hook.
-  virtual void detach(bool force);
+  void detach(bool force) override;
   // Empty here; the typed adapter gives its entity's type.
   std::string classType() const override { return std::string(); }
+
+  // --- mounting -----------------------------------------------------------
+  // Mounts the collection as the descriptor (a Mirak::MapDescriptor, else
+  // std::bad_cast) says. A writer's back end is ready on return, and the
+  // client has heard quiescedFn(true), then mountStatusFn(). A reader,
+  // shadow or keyshadow returns on a placeholder (mount status 0, no
+  // callback) and its sentry attaches when the writer's files are complete.
+  // A repeated init with an equal descriptor does nothing (but cleanupOnInit
+  // has cleaned the table first). Throws Lomi::InvalidInitializeException:
+  //   "name:{} already initialized, old {}, new {}"
+  //   "cannot initialize collection {} heap allocation in non-local mode not allowed"
+  //   "0 is not a valid initialization size for collection {} in writer mode"
+  //   "cannot initialize collection {} with {}" (counter tables as shadows)
+  //   "failed to initialize collection {}"
+  // and what the writer's start or the sentry throw (a live second writer, a
+  // directory that can't be made or watched). A reader's sentry failure is
+  // ignored when the environment has Q7_CHROOT. Asserts on an orphan with
+  // assertOnOrphanAccess, a left-over sentry, prevValue, an asynchronous
+  // shadow without notifications, and a type outside the four.
+  using MirakMapBase::init;
+  void init(Mem::CollectionDescriptor const& descriptor) override;
+  // From the reader sentry, when the files may be usable; `event` names the
+  // cause. On success the new back end stands and the client hears
+  // quiescedFn(true) (a reader) and mountStatusFn(); on failure the
+  // placeholder stays and nothing is heard. Asserts on a writer.
+  void attach(std::string const& event) override;
+  // The client's "try now": asks the sentry, which attaches if the files are
+  // ready. Nothing for a writer, without a sentry, or when mounted.
+  virtual void tryAttach() const;
+  // "{command}:{pid}" of the table's live writer, ":0" when none lives.
+  // Asserts "corruption detected: {}" when the owner file is damaged.
+  virtual std::string owner() const;
 
   // --- data operations --------------------------------------------------
   // The lookup of the back end. On corruption: doCorruptionDetected, and the
@@ -277,6 +350,18 @@ class MirakMap : public MirakMapBase {
   }
   // Keeps the statistics of the current back end before it leaves `back_`.
   void retireCounters();
+
+  // The back end of a writer mount (step 15 of init), not yet initialised.
+  // Tests of the mounting steps replace it.
+  virtual std::unique_ptr<Back> newWriter(std::string const& classType,
+                                          std::function<void(bool)> quiesced);
+  // The shadow of a shadow or keyshadow mount, with its option word (bit 1
+  // keyshadow, bit 2 re-attach, bit 4 shadowOption). Null while this build
+  // has no shadow back end: the collection then stays on its placeholder.
+  virtual std::unique_ptr<Back> newShadow(uint32_t options);
+  // After a failed init: a placeholder holding `previous`, or `previous`
+  // itself when no placeholder can be made for the name.
+  void initFailed(std::unique_ptr<Back> previous);
 
   NotifyT notify_;
   Ops ops_;
@@ -521,6 +606,281 @@ void MirakMap<OpsT>::backIs(std::unique_ptr<Back> back) {
 template <TablePolicy OpsT>
 bool MirakMap<OpsT>::writesTable() const {
   return back_ && !isPlaceholder(back_.get()) && back_->type() == MirakType::writer;
+}
+
+// ---------------------------------------------------------------------------
+// Mounting
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor) {
+  // 1
+  if (assertOnOrphanAccess_) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
+                   "Re-initializing a collection that has already become an orphan and has "
+                   "assertOnOrphanAccess set");
+  }
+  // 2
+  MapDescriptor const& desc = dynamic_cast<MapDescriptor const&>(collectionDescriptor);
+  // 3: also on a repeated init, before the comparison below.
+  if (desc.cleanupOnInit && back_) back_->cleanup();
+  // 4
+  if (initialized_) {
+    if (descriptor_ == desc) {
+      FMTRACE(*debugHandler_, 5, "MirakMap", "name:{} already initialized, new {}", name_, desc);
+      return;
+    }
+    std::string const text =
+        fmt::format("name:{} already initialized, old {}, new {}", name_, descriptor_, desc);
+    FMTRACE(*debugHandler_, 0, "MirakMap", "{}", text);
+    throw Lomi::InvalidInitializeException(text);
+  }
+  // 5
+  FMTRACE(*debugHandler_, 1, "MirakMap", "name:{} {}", name_, desc);
+  // 6
+  if (desc.heap && !desc.local) {
+    throw Lomi::InvalidInitializeException(
+        "cannot initialize collection {} heap allocation in non-local mode not allowed", name_);
+  }
+  // 7
+  if (desc.type == MirakType::writer && desc.size == 0) {
+    throw Lomi::InvalidInitializeException(
+        "0 is not a valid initialization size for collection {} in writer mode", name_);
+  }
+  bool const shadowType = desc.type == MirakType::shadow || desc.type == MirakType::keyshadow;
+  // 8: an asynchronous shadow delivers changes through the deferred set. The
+  // move happens once in the object's life.
+  if (!desc.synchronous && !desc.local && shadowType) {
+    notify_.deferChanges();
+    if (!notifying_) {
+      Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
+                     "notifications unexpectedly disabled prior to initialization with "
+                     "asynchronous mode");
+    }
+  }
+  // 9: a table without a change queue can't be followed by a shadow.
+  if constexpr (!Ops::TesselWriter::hasQueue) {
+    if (shadowType) {
+      throw Lomi::InvalidInitializeException(
+          "cannot initialize collection {} with {}", name_,
+          desc.type == MirakType::shadow ? "DummyTesselWriter not supported in shadow mode"
+                                         : "DummyTesselWriter not supported in keyshadow mode");
+    }
+  }
+  // 10: the old back end leaves `back_` now; it is deleted once the new one
+  // stands, and kept by the placeholder of a failed mount.
+  retireCounters();
+  std::unique_ptr<Back> previous = std::move(back_);
+  // 11
+  descriptor_ = desc;
+  // 12: the collection's own handler, named by the collection, so that its
+  // traces can be switched on by name before or after the mount.
+  debugHandler_ = &Lomi::Platform::getDebugHandler(name_, true);
+  // 13
+  if (mounter_) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "Mirak mounter should not exist");
+  }
+  // 14
+  if (desc.prevValue) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
+                   "prevValue mount-time option enabled without prevValueSupport ZEBO attribute "
+                   "enabled");
+  }
+  if (desc.local || desc.type == MirakType::writer) {
+    // 15
+    bool ok;
+    try {
+      std::string const type = classType();
+      back_ = newWriter(type, notify_.quiescedFn);
+      ok = back_->initialize("none");
+    } catch (...) {
+      back_.reset();
+      initFailed(std::move(previous));
+      throw;
+    }
+    if (!ok) {
+      back_.reset();
+      initFailed(std::move(previous));
+      throw Lomi::InvalidInitializeException("failed to initialize collection {}", name_);
+    }
+    previous.reset();
+    if (!desc.local) {
+      try {
+        Mem::NaoRootPath const root = back_->rootPath();
+        mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, root);
+        mounter_->event(eventInit_, false);
+      } catch (...) {
+        // Not swallowed; the writer lets go of its files again, so a later
+        // init starts from a clean collection.
+        mounter_.reset();
+        back_->detach(false);
+        retireCounters();
+        initFailed(std::move(back_));
+        throw;
+      }
+    }
+  } else {
+    // 16
+    if (!shadowType && desc.type != MirakType::reader) {
+      Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "not a valid reader type:{}", desc.type);
+    }
+    try {
+      back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+    } catch (...) {
+      initFailed(std::move(previous));
+      throw;
+    }
+    previous.reset();
+    try {
+      Mem::NaoRootPath const root = rootPath();
+      mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler_, root, this);
+      mounter_->event(eventInit_, false);
+    } catch (std::exception const& e) {
+      if (std::getenv("Q7_CHROOT") == nullptr) {
+        mounter_.reset();
+        throw;
+      }
+      // Where the files can't be watched (a chroot without them), the
+      // collection stays on its placeholder; tryAttach may still attach it.
+      FMTRACE(*debugHandler_, 0, "MirakMap", "{} ignoring reader sentry failure (Q7_CHROOT): {}",
+              name_, e.what());
+    }
+  }
+  // 17
+  initialized_ = true;
+  // 18: a reader hears these from attach, once its back end works.
+  if (desc.type == MirakType::writer) {
+    notify_.quiescedFn(true);
+    notify_.mountStatusFn();
+  }
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::initFailed(std::unique_ptr<Back> previous) {
+  try {
+    Mem::NaoRootPath const probe(*debugHandler_, name_, false);
+    (void)probe;
+    back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_, std::move(previous));
+  } catch (Lomi::Exception const&) {
+    back_ = std::move(previous);
+  }
+}
+
+template <TablePolicy OpsT>
+auto MirakMap<OpsT>::newWriter(std::string const& classType, std::function<void(bool)> quiesced)
+    -> std::unique_ptr<Back> {
+  if (descriptor_.local) {
+    FMTRACE(*debugHandler_, 5, "MirakMap", "creating local MirakWriter {}", name_);
+  }
+  FMTRACE(*debugHandler_, 5, "MirakMap", "{} writer for {}", name_, classType);
+  return std::make_unique<MirakWriter<Ops>>(*debugHandler_, name_.c_str(), descriptor_, ops_,
+                                            std::move(quiesced));
+}
+
+template <TablePolicy OpsT>
+auto MirakMap<OpsT>::newShadow(uint32_t options) -> std::unique_ptr<Back> {
+  FMTRACE(*debugHandler_, 2, "MirakMap",
+          "{} stays on its placeholder: no shadow back end in this build (options:{:#x})", name_,
+          options);
+  return nullptr;
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::attach(std::string const& event) {
+  // 1
+  if (mode() == MirakType::writer) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "invoked for a writer");
+  }
+  // 2
+  std::unique_ptr<Back> fallback = std::move(back_);
+  // 3
+  bool const shadowType =
+      descriptor_.type == MirakType::shadow || descriptor_.type == MirakType::keyshadow;
+  if (!shadowType) {
+    back_ = std::make_unique<MirakReader<Ops>>(*debugHandler_, name_, ops_);
+  } else if (fallback && !isPlaceholder(fallback.get()) &&
+             (fallback->type() == MirakType::shadow || fallback->type() == MirakType::keyshadow)) {
+    back_ = std::move(fallback);
+    fallback = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+  } else {
+    uint32_t options = 0;
+    if (descriptor_.type == MirakType::keyshadow) options |= 1;
+    if (descriptor_.reattach || event != eventInit_) options |= 2;
+    if (descriptor_.shadowOption) options |= 4;
+    back_ = newShadow(options);
+    if (!back_) {
+      back_ = std::move(fallback);
+      return;
+    }
+  }
+  // 4
+  FMTRACE(*debugHandler_, 2, "MirakMap", "attempting to attach {} as {}", back_->rootPath(),
+          descriptor_.type);
+  // 5
+  bool ok;
+  try {
+    back_->yieldTimeIs(yieldTime_);
+    back_->notifyingIs(notifying_);
+    ok = back_->initialize(event);
+  } catch (...) {
+    // The placeholder comes back, as after a failed attempt.
+    back_ = std::move(fallback);
+    throw;
+  }
+  if (ok) {
+    // 6: the client hears of the mount only now that its back end works.
+    FMTRACE(*debugHandler_, 2, "MirakMap", "successful");
+    fallback.reset();
+    if (back_->type() == MirakType::reader) notify_.quiescedFn(true);
+    notify_.mountStatusFn();
+    return;
+  }
+  // 7
+  FMTRACE(*debugHandler_, 1, "MirakMap", "initialize failed for {}", back_->rootPath());
+  if (back_->mountStatus() != Mem::mountStatusFlushing) {
+    back_ = std::move(fallback);
+  } else {
+    FMTRACE(*debugHandler_, 0, "MirakMap", "not deleting Mirak, waiting for flush to complete");
+    fallback.reset();
+  }
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::tryAttach() const {
+  // 1
+  traceRoot(__func__);
+  // 2
+  if (!mounter_ || mode() == MirakType::writer) return;
+  // 3
+  Mem::MountStatus const before = back_->mountStatus();
+  if (before != Mem::mountStatusNotMounted) {
+    FMTRACE(*debugHandler_, 5, "MirakMap", "{} is already mounted, mountStatus:{}", name_, before);
+    return;
+  }
+  // 4
+  mounter_->event(eventTryAttach_, false);
+  // 5
+  Mem::MountStatus const after = back_->mountStatus();
+  if (after != before) {
+    Lomi::Util::emitCanaryLog(*debugHandler_,
+                              fmt::format("mounted {} mountStatus:{}", rootPath(), after));
+  }
+}
+
+template <TablePolicy OpsT>
+std::string MirakMap<OpsT>::owner() const {
+  Mem::NaoRootPath const root = rootPath();
+  std::string socketName;
+  try {
+    socketName = Parcel::OwnerFile(*debugHandler_, root, false).tunnetInfo().socketName();
+  } catch (Lomi::Exception const& e) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "corruption detected: {}", e.msg());
+  }
+  std::string ownerName;
+  pid_t pid = 0;
+  if (Mem::WriterLock::ownerIsAlive(*debugHandler_, socketName, ownerName)) {
+    if (auto name = Rusk::TunnetName::TunnetNameIs(socketName)) pid = name->pid;
+  }
+  return fmt::format("{}:{}", ownerName, pid);
 }
 
 }  // namespace Mirak

@@ -77,6 +77,9 @@ class CollectionControl : public ZebParcel::CollectionControl {
   static Zeb::Ptr<CollectionControl> CollectionControlIs(Mirak::ControlBase* collection);
 
   Mirak::ControlBase* collection() const { return collection_; }
+  // Mounts the collection: its `init` (Mirak::MirakMap::init), with what
+  // that throws.
+  void init(Mem::CollectionDescriptor const& descriptor) { collection_->init(descriptor); }
   bool quiesced() const { return quiesced_; }
   void quiescedIs(bool quiesced);
   uint64_t quiescedReports() const { return quiescedReports_; }

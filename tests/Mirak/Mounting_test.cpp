@@ -1,0 +1,493 @@
+// Mounting a collection: init's choice of back end and its failures, a
+// reader that waits on its placeholder and attaches by itself through its
+// sentry and the default event loop, re-attach after a re-mount, tryAttach,
+// owner, and the writer sentry's validation on a reader's marker. Real files
+// in a temp base; the second writer is a real process.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/Collections.h"
+#include "FlowTracking/TableRows.h"
+#include "Lomi/EventLoop.h"
+#include "Mirak/MirakMap.h"
+#include "Mirak/ScriptedBackEnd.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/Util.h"
+#include "Parcel/KestorFile.h"
+#include "Parcel/OwnerFile.h"
+
+namespace {
+
+using Mirak::MapDescriptor;
+using Mirak::MirakType;
+
+constexpr double kWait = 20;  // seconds; a hang becomes a failure
+
+Lomi::EventLoop& loop() {
+  return Mem::RootPath::eventLoop();
+}
+
+MapDescriptor desc(MirakType type, uint32_t size = 1000) {
+  MapDescriptor d(size);
+  d.type = type;
+  return d;
+}
+
+// A collection as the mounting code sees it, with its client callbacks
+// recorded in order.
+template <typename OpsT>
+class MountMap : public Mirak::MirakMap<OpsT> {
+ public:
+  using Base = Mirak::MirakMap<OpsT>;
+  using Back = Mirak::MirakInterface<OpsT>;
+
+  explicit MountMap(std::string name = "mount/coll") {
+    this->name_ = std::move(name);
+    this->notify_.quiescedFn = [this](bool q) {
+      events.push_back(q ? "quiesced(true)" : "quiesced(false)");
+    };
+    this->notify_.mountStatusFn = [this] {
+      events.push_back("mountStatus " + std::to_string(this->mountStatus()));
+    };
+    this->notify_.keyFn = [this](typename OpsT::Key const&) { events.push_back("keyFn"); };
+    this->backIs(this->createDefaultLocalWriter(this->debugHandler()));
+  }
+
+  std::vector<std::string> events;
+  // When set, the writer of a mount comes from here.
+  std::function<std::unique_ptr<Back>()> writerFactory;
+
+ protected:
+  std::unique_ptr<Back> newWriter(std::string const& classType,
+                                  std::function<void(bool)> quiesced) override {
+    if (writerFactory) return writerFactory();
+    return Base::newWriter(classType, std::move(quiesced));
+  }
+};
+
+using ConfigOps = FlowTracking::HoIpFlowConfigOps;
+using ConfigMap = MountMap<ConfigOps>;
+using CounterMap = MountMap<FlowTracking::HoIpFlowCounterOps>;
+using HosMap = MountMap<FlowTracking::HosStateCounterOps>;
+
+auto row(uint32_t i, uint32_t v = 0) {
+  return FlowTrackingTest::row<FlowTracking::HoIpFlowConfig>(i, v);
+}
+
+template <typename Map>
+bool finds(Map const& m, uint32_t i, uint32_t v) {
+  bool found = false;
+  auto const* value = m.safeLookup(ConfigOps::key(row(i)), found, nullptr);
+  return found && *value == row(i, v);
+}
+
+std::string initError(std::function<void()> const& f) {
+  try {
+    f();
+  } catch (Lomi::InvalidInitializeException const& e) {
+    return e.msg();
+  }
+  return "no InvalidInitializeException";
+}
+
+bool fileExists(std::string const& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+class RecordingMounter : public Mirak::MirakMapBase::Mounter {
+ public:
+  explicit RecordingMounter(std::vector<std::string>& events) : events_(events) {}
+  void event(std::string const& name, bool) override { events_.push_back("event " + name); }
+
+ private:
+  std::vector<std::string>& events_;
+};
+
+class Mounting : public ::testing::Test {
+ protected:
+  MirakTest::TempRoot root;
+};
+
+TEST_F(Mounting, AWriterMountIsReadyOnReturnAndHeardOnceInOrder) {
+  ConfigMap w;
+  w.init(desc(MirakType::writer));
+  EXPECT_TRUE(w.initialized());
+  EXPECT_NE(dynamic_cast<Mirak::MirakWriter<ConfigOps>*>(w.back()), nullptr);
+  EXPECT_NE(dynamic_cast<Mem::WriterSentry*>(w.mounter()), nullptr);
+  EXPECT_EQ(w.events, (std::vector<std::string>{"quiesced(true)", "mountStatus 1"}));
+  EXPECT_EQ(w.debugHandler().name(), "mount/coll");
+  EXPECT_TRUE(fileExists(w.rootPath().filePath(Parcel::KestorFile::KESTOR_NAME)));
+  w.safeWrite(row(1));
+  EXPECT_TRUE(finds(w, 1, 0));
+
+  w.detach(false);
+  EXPECT_EQ(w.events, (std::vector<std::string>{"quiesced(true)", "mountStatus 1",
+                                                "quiesced(false)", "mountStatus 0"}));
+}
+
+TEST_F(Mounting, AReaderWaitsOnItsPlaceholderAndTheSentryAttachesIt) {
+  ConfigMap r;
+  r.init(desc(MirakType::reader, 0));  // a reader may have size 0
+  EXPECT_TRUE(r.initialized());
+  EXPECT_EQ(r.mountStatus(), 0u);
+  EXPECT_TRUE(r.events.empty());
+  EXPECT_NE(dynamic_cast<Mirak::MirakDummy<ConfigOps>*>(r.back()), nullptr);
+  EXPECT_NE(dynamic_cast<Mem::ReaderSentry*>(r.mounter()), nullptr);
+  EXPECT_THROW(r.safeWrite(row(1)), Lomi::NoPermissionException);
+
+  auto w = std::make_unique<ConfigMap>();
+  w->init(desc(MirakType::writer));
+  for (uint32_t i = 0; i < 50; i++) w->safeWrite(row(i));
+  ASSERT_TRUE(loop().runUntil([&] { return r.mountStatus() == 1; }, kWait));
+  EXPECT_EQ(r.events, (std::vector<std::string>{"quiesced(true)", "mountStatus 1"}));
+  EXPECT_NE(dynamic_cast<Mirak::MirakReader<ConfigOps>*>(r.back()), nullptr);
+  EXPECT_EQ(r.kestorId(), w->kestorId());
+  for (uint32_t i = 0; i < 50; i++) EXPECT_TRUE(finds(r, i, 0)) << i;
+
+  // The writer ends the table and mounts it anew: the reader detaches and
+  // attaches again by itself, to the new generation.
+  Parcel::KestorId const first = w->kestorId();
+  w->cleanupAndDetach();
+  w = std::make_unique<ConfigMap>();
+  w->init(desc(MirakType::writer));
+  w->safeWrite(row(7, 3));
+  ASSERT_TRUE(loop().runUntil([&] { return r.mountStatus() == 1 && r.kestorId() == w->kestorId(); },
+                              kWait));
+  EXPECT_NE(r.kestorId(), first);
+  EXPECT_EQ(r.events,
+            (std::vector<std::string>{"quiesced(true)", "mountStatus 1", "quiesced(false)",
+                                      "mountStatus 0", "quiesced(true)", "mountStatus 1"}));
+  EXPECT_TRUE(finds(r, 7, 3));
+  EXPECT_FALSE(finds(r, 8, 0));
+
+  // The writer goes without cleanup: the files stay, and so does the reader.
+  w.reset();
+  loop().runOnce(0.05);
+  EXPECT_EQ(r.mountStatus(), 1u);
+  EXPECT_TRUE(finds(r, 7, 3));
+}
+
+TEST_F(Mounting, AReaderAttachesAtInitWhenTheFilesAreComplete) {
+  ConfigMap w;
+  w.init(desc(MirakType::writer));
+  w.safeWrite(row(4));
+  ConfigMap r;
+  r.init(desc(MirakType::reader));
+  EXPECT_EQ(r.mountStatus(), 1u);
+  EXPECT_EQ(r.events, (std::vector<std::string>{"quiesced(true)", "mountStatus 1"}));
+  EXPECT_TRUE(finds(r, 4, 0));
+}
+
+TEST_F(Mounting, ARepeatedInitWithTheSameDescriptorDoesNothingAndAnotherIsRefused) {
+  ConfigMap w;
+  MapDescriptor d = desc(MirakType::writer);
+  w.init(d);
+  auto* back = w.back();
+  w.init(d);
+  EXPECT_EQ(w.back(), back);
+  EXPECT_EQ(w.events.size(), 2u);
+
+  MapDescriptor other = d;
+  other.size = 2000;
+  EXPECT_EQ(initError([&] { w.init(other); }), "name:mount/coll already initialized, old " +
+                                                   d.toString() + ", new " + other.toString());
+  EXPECT_EQ(w.back(), back);
+
+  // cleanupOnInit cleans first, also when the rest is a repeat.
+  MapDescriptor cleaning = d;
+  cleaning.cleanupOnInit = true;
+  ConfigMap c("mount/cleaned");
+  c.init(cleaning);
+  std::string const kestor = c.rootPath().filePath(Parcel::KestorFile::KESTOR_NAME);
+  EXPECT_TRUE(fileExists(kestor));
+  c.init(cleaning);
+  EXPECT_FALSE(fileExists(kestor));
+}
+
+TEST_F(Mounting, BadDescriptorsAreRefusedWithTheirMessages) {
+  ConfigMap m;
+  MapDescriptor heap = desc(MirakType::writer);
+  heap.heap = true;
+  EXPECT_EQ(initError([&] { m.init(heap); }),
+            "cannot initialize collection mount/coll heap allocation in non-local mode not "
+            "allowed");
+  EXPECT_EQ(initError([&] { m.init(desc(MirakType::writer, 0)); }),
+            "0 is not a valid initialization size for collection mount/coll in writer mode");
+  EXPECT_FALSE(m.initialized());
+  // The private table still answers: nothing was taken down.
+  EXPECT_NE(dynamic_cast<Mirak::Tmp<ConfigOps>*>(m.back()), nullptr);
+  struct OtherKind : Mem::CollectionDescriptor {};
+  OtherKind other;
+  EXPECT_THROW(m.init(static_cast<Mem::CollectionDescriptor const&>(other)), std::bad_cast);
+}
+
+template <typename Map>
+void expectNoShadowOnADummyQueue() {
+  for (bool local : {false, true}) {
+    Map m("mount/counters");
+    // Notifications on: an asynchronous shadow without them stops earlier.
+    m.notifyingIs(true);
+    MapDescriptor d = desc(MirakType::shadow);
+    d.local = local;
+    EXPECT_EQ(initError([&] { m.init(d); }),
+              "cannot initialize collection mount/counters with DummyTesselWriter not supported in "
+              "shadow mode");
+    d.type = MirakType::keyshadow;
+    EXPECT_EQ(initError([&] { m.init(d); }),
+              "cannot initialize collection mount/counters with DummyTesselWriter not supported in "
+              "keyshadow mode");
+    EXPECT_FALSE(m.initialized());
+    // As a reader it mounts.
+    d.type = MirakType::reader;
+    d.local = false;
+    m.init(d);
+    EXPECT_TRUE(m.initialized());
+  }
+}
+
+TEST_F(Mounting, CounterTablesCannotBeShadows) {
+  expectNoShadowOnADummyQueue<CounterMap>();
+  expectNoShadowOnADummyQueue<HosMap>();
+}
+
+TEST_F(Mounting, AWriterThatFailsToInitializeLeavesAnUninitializedPlaceholder) {
+  MirakTest::BackEndLog log;
+  ConfigMap m;
+  auto* tmp = m.back();
+  m.writerFactory = [&] {
+    struct Failing : MirakTest::ScriptedBackEnd<ConfigOps> {
+      using ScriptedBackEnd::ScriptedBackEnd;
+      bool initialize(std::string const&) override { return false; }
+    };
+    return std::make_unique<Failing>(log, MirakType::writer, false);
+  };
+  EXPECT_EQ(initError([&] { m.init(desc(MirakType::writer)); }),
+            "failed to initialize collection mount/coll");
+  EXPECT_FALSE(m.initialized());
+  EXPECT_EQ(m.mounter(), nullptr);
+  EXPECT_TRUE(m.events.empty());
+  EXPECT_EQ(log.destroyed, 1);
+  auto* dummy = dynamic_cast<Mirak::MirakDummy<ConfigOps>*>(m.back());
+  ASSERT_NE(dummy, nullptr);
+  EXPECT_EQ(dummy->prevBack(), tmp);
+  // The next init is free to try again.
+  m.writerFactory = nullptr;
+  m.init(desc(MirakType::writer));
+  EXPECT_TRUE(m.initialized());
+}
+
+TEST_F(Mounting, ASecondLiveWriterIsRefusedAndTheCollectionCanMountLater) {
+  int toChild[2], toParent[2];
+  ASSERT_EQ(::pipe(toChild), 0);
+  ASSERT_EQ(::pipe(toParent), 0);
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    int rc = 1;
+    try {
+      ConfigMap w;
+      w.init(desc(MirakType::writer));
+      char c = 'r';
+      if (::write(toParent[1], &c, 1) == 1 && ::read(toChild[0], &c, 1) >= 0) rc = 0;
+    } catch (...) {
+    }
+    ::_exit(rc);
+  }
+  ASSERT_GT(pid, 0);
+  char c;
+  ASSERT_EQ(::read(toParent[0], &c, 1), 1);
+  ConfigMap m;
+  std::string const msg = initError([&] { m.init(desc(MirakType::writer)); });
+  EXPECT_NE(msg.find("is owned by a live writer, pid " + std::to_string(pid)), std::string::npos)
+      << msg;
+  EXPECT_FALSE(m.initialized());
+  EXPECT_EQ(m.mounter(), nullptr);
+  EXPECT_EQ(m.mountStatus(), 0u);
+  ASSERT_EQ(::write(toChild[1], "x", 1), 1);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  m.init(desc(MirakType::writer));
+  EXPECT_TRUE(m.initialized());
+  for (int fd : {toChild[0], toChild[1], toParent[0], toParent[1]}) ::close(fd);
+}
+
+TEST_F(Mounting, AReaderSentryFailureIsIgnoredOnlyUnderQ7Chroot) {
+  // A file where the table's directory should be: nothing can be watched.
+  std::ofstream(root.path() + "/mount").put('x');
+  ConfigMap m;
+  ::unsetenv("Q7_CHROOT");
+  std::string const msg = initError([&] { m.init(desc(MirakType::reader)); });
+  EXPECT_EQ(msg, "cannot watch Mirak table " + root.path() + "/mount/coll: " + root.path() +
+                     "/mount is in the way and is not a directory");
+  EXPECT_FALSE(m.initialized());
+  EXPECT_EQ(m.mounter(), nullptr);
+
+  ::setenv("Q7_CHROOT", "1", 1);
+  ConfigMap chrooted;
+  EXPECT_NO_THROW(chrooted.init(desc(MirakType::reader)));
+  ::unsetenv("Q7_CHROOT");
+  EXPECT_TRUE(chrooted.initialized());
+  EXPECT_EQ(chrooted.mountStatus(), 0u);
+  EXPECT_TRUE(chrooted.events.empty());
+}
+
+TEST_F(Mounting, ShadowsStayOnTheirPlaceholderAndMoveTheirCallbacksOnce) {
+  ConfigMap w;
+  w.init(desc(MirakType::writer));
+  ConfigMap s;
+  s.notifyingIs(true);
+  s.init(desc(MirakType::shadow));
+  EXPECT_FALSE(s.notify().notifyLive);
+  s.notify().deferredKeyFn(ConfigOps::key(row(1)));
+  EXPECT_EQ(s.events, (std::vector<std::string>{"keyFn"}));
+  s.tryAttach();
+  loop().runOnce(0.05);
+  EXPECT_EQ(s.mountStatus(), 0u);
+  EXPECT_NE(dynamic_cast<Mirak::MirakDummy<ConfigOps>*>(s.back()), nullptr);
+
+  // A second init after controlDetach leaves the deferred set alone.
+  s.controlDetach();
+  s.events.clear();
+  s.init(desc(MirakType::keyshadow));
+  s.notify().deferredKeyFn(ConfigOps::key(row(1)));
+  EXPECT_EQ(s.events, (std::vector<std::string>{"keyFn"}));
+
+  // A local shadow is a private writer: no sentry, no move, no callbacks.
+  ConfigMap local("mount/local");
+  MapDescriptor d = desc(MirakType::shadow);
+  d.local = true;
+  local.init(d);
+  EXPECT_TRUE(local.notify().notifyLive);
+  EXPECT_EQ(local.mounter(), nullptr);
+  EXPECT_NE(dynamic_cast<Mirak::MirakWriter<ConfigOps>*>(local.back()), nullptr);
+  EXPECT_TRUE(local.events.empty());
+}
+
+TEST_F(Mounting, TryAttachAsksTheSentryOnlyWhenItCanMatter) {
+  ConfigMap w;
+  w.init(desc(MirakType::writer));
+  w.mounterIs(std::make_unique<RecordingMounter>(w.events));
+  w.events.clear();
+  w.tryAttach();
+  EXPECT_TRUE(w.events.empty());
+
+  ConfigMap r;
+  r.init(desc(MirakType::reader));
+  ASSERT_EQ(r.mountStatus(), 1u);
+  r.mounterIs(std::make_unique<RecordingMounter>(r.events));
+  r.events.clear();
+  r.tryAttach();
+  EXPECT_TRUE(r.events.empty());
+
+  // A reader whose sentry heard nothing (switched off) attaches on request.
+  ConfigMap late("mount/late");
+  late.init(desc(MirakType::reader));
+  late.mounter()->enabled = 0;
+  ConfigMap lw("mount/late");
+  lw.init(desc(MirakType::writer));
+  loop().runOnce(0.05);
+  EXPECT_EQ(late.mountStatus(), 0u);
+  late.mounter()->enabled = 1;
+  late.tryAttach();
+  EXPECT_EQ(late.mountStatus(), 1u);
+  EXPECT_EQ(late.events, (std::vector<std::string>{"quiesced(true)", "mountStatus 1"}));
+}
+
+TEST_F(Mounting, OwnerNamesTheLiveWriter) {
+  ConfigMap w;
+  w.init(desc(MirakType::writer));
+  std::ifstream commFile("/proc/self/comm");
+  std::string comm;
+  std::getline(commFile, comm);
+  EXPECT_EQ(w.owner(), comm + ":" + std::to_string(::getpid()));
+  ConfigMap r;
+  r.init(desc(MirakType::reader));
+  EXPECT_EQ(r.owner(), w.owner());
+  w.controlDetach();
+  EXPECT_EQ(r.owner(), ":0");
+}
+
+TEST_F(Mounting, AReadersMarkerMakesTheWriterValidate) {
+  ConfigMap w;
+  w.init(desc(MirakType::writer));
+  w.safeWrite(row(2));
+  auto* sentry = dynamic_cast<Mem::WriterSentry*>(w.mounter());
+  ASSERT_NE(sentry, nullptr);
+  ASSERT_TRUE(Mirak::Util::writeCorruptionFile(w.rootPath(), "a reader saw a bad chain"));
+  ASSERT_TRUE(loop().runUntil([&] { return sentry->validations() == 1; }, kWait));
+  EXPECT_EQ(sentry->failedValidations(), 0u);
+  EXPECT_FALSE(fileExists(w.rootPath().filePath(Mirak::Util::CORRUPTION_FILENAME)));
+  EXPECT_TRUE(finds(w, 2, 0));
+}
+
+// --- assertions ------------------------------------------------------------
+
+using MountingDeathTest = Mounting;
+
+TEST_F(MountingDeathTest, BrokenPromisesStopTheProcessWithTheirMessage) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        m.assertOnOrphanAccessIs(true);
+        m.init(desc(MirakType::writer));
+      },
+      "Re-initializing a collection that has already become an orphan and has "
+      "assertOnOrphanAccess set");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        std::vector<std::string> events;
+        m.mounterIs(std::make_unique<RecordingMounter>(events));
+        m.init(desc(MirakType::writer));
+      },
+      "Mirak mounter should not exist");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        MapDescriptor d = desc(MirakType::writer);
+        d.prevValue = true;
+        m.init(d);
+      },
+      "prevValue mount-time option enabled without prevValueSupport ZEBO attribute enabled");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        m.init(desc(MirakType::shadow));
+      },
+      "notifications unexpectedly disabled prior to initialization with asynchronous mode");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        m.init(desc(static_cast<MirakType>(7)));
+      },
+      "not a valid reader type:MirakType\\(7\\)");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        m.init(desc(MirakType::writer));
+        m.attach("tryAttach");
+      },
+      "invoked for a writer");
+  EXPECT_DEATH(
+      {
+        ConfigMap m;
+        m.init(desc(MirakType::writer));
+        std::ofstream(m.rootPath().filePath(Parcel::OwnerFile::FILENAME)) << "not an owner record";
+        m.owner();
+      },
+      "corruption detected: ");
+}
+
+}  // namespace
