@@ -1,0 +1,345 @@
+// The operator tool, run as a real binary against real tables that a writer
+// process made and keeps open while the tool reads them.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/TableWriters.h"
+#include "Lomi/Trace.h"
+#include "Mem/RootPath.h"
+#include "Zeb/Strep.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using FlowTracking::HoIpFlowConfig;
+
+constexpr char kTable[] = "flowtracking/ipv4/hwOffload/config";
+constexpr int kRows = 40;
+
+struct Result {
+  int code = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string slurp(std::string const& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+std::vector<std::string> lines(std::string const& text) {
+  std::vector<std::string> out;
+  std::stringstream s(text);
+  for (std::string l; std::getline(s, l);) out.push_back(l);
+  return out;
+}
+
+// The row of number i: every field but the tags differs between rows.
+HoIpFlowConfig row(int i) {
+  FlowTracking::IpFlowKey flow;
+  flow.vrfIdIs(7);
+  flow.srcPortIs(static_cast<uint16_t>(1000 + i));
+  flow.dstPortIs(443);
+  Nimbet::IntfId intf;
+  HoIpFlowConfig r(FlowTracking::HoIpFlowKey(flow, intf));
+  r.createTimeIs(100.25 + i);
+  r.updateTimeIs(200.5 + i);
+  return r;
+}
+
+// Every file of a directory, by name, with its bytes.
+std::map<std::string, std::string> snapshot(std::string const& dir) {
+  std::map<std::string, std::string> files;
+  for (auto const& e : fs::directory_iterator(dir)) {
+    if (e.is_regular_file()) files[e.path().filename()] = slurp(e.path());
+  }
+  return files;
+}
+
+class Cli : public ::testing::Test {
+ protected:
+  // One writer process for all tests: it formats the table, writes the rows,
+  // reports, and stays attached until the suite ends.
+  static void SetUpTestSuite() {
+    char tmpl[] = "/tmp/flowtable-cli-XXXXXX";
+    root_ = ::mkdtemp(tmpl);
+    int ready[2], stop[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(stop), 0);
+    writer_ = ::fork();
+    ASSERT_GE(writer_, 0);
+    if (writer_ == 0) {
+      ::close(ready[0]);
+      ::close(stop[1]);
+      int status = 1;
+      try {
+        Mem::RootPath::baseIs(root_);
+        Mirak::MapDescriptor d(1000);
+        d.local = false;
+        FlowTracking::HoIpFlowConfigWriter w(Lomi::Platform::getDebugHandler("cliTest"), kTable, d,
+                                             FlowTracking::HoIpFlowConfigOps(0));
+        w.initialize("test");
+        for (int i = 0; i < kRows; ++i) w.write(row(i), true);
+        char const ok = 'k';
+        if (::write(ready[1], &ok, 1) != 1) ::_exit(3);
+        char c;
+        while (::read(stop[0], &c, 1) > 0) {
+        }
+        status = 0;
+      } catch (std::exception const& e) {
+        std::fprintf(stderr, "writer: %s\n", e.what());
+      }
+      ::_exit(status);
+    }
+    ::close(ready[1]);
+    ::close(stop[0]);
+    stopFd_ = stop[1];
+    char c = 0;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1) << "the writer process failed";
+    ::close(ready[0]);
+  }
+
+  static void TearDownTestSuite() {
+    ::close(stopFd_);
+    int status = 0;
+    ::waitpid(writer_, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::error_code ec;
+    fs::remove_all(root_, ec);
+  }
+
+  // Runs the tool with --root and `args`; stdout and stderr are captured.
+  static Result run(std::vector<std::string> args, bool withRoot = true) {
+    std::string const out = root_ + "/../" + fs::path(root_).filename().string() + ".out";
+    std::string const err = out + ".err";
+    if (withRoot) args.insert(args.begin(), {"--root", root_});
+    pid_t const pid = ::fork();
+    if (pid == 0) {
+      int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      int const e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      ::dup2(o, 1);
+      ::dup2(e, 2);
+      std::vector<char*> argv{const_cast<char*>(FLOWTABLE_BINARY)};
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      ::execv(FLOWTABLE_BINARY, argv.data());
+      ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    Result r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = slurp(out);
+    r.err = slurp(err);
+    ::unlink(out.c_str());
+    ::unlink(err.c_str());
+    return r;
+  }
+
+  static std::string root_;
+  static pid_t writer_;
+  static int stopFd_;
+};
+
+std::string Cli::root_;
+pid_t Cli::writer_ = -1;
+int Cli::stopFd_ = -1;
+
+TEST_F(Cli, LsNamesTheTableItsTypeSizeAndLiveWriter) {
+  Result const r = run({"ls"});
+  ASSERT_EQ(r.code, 0) << r.err;
+  auto const ls = lines(r.out);
+  ASSERT_GE(ls.size(), 2u) << r.out;
+  std::string table;
+  for (auto const& l : ls) {
+    if (l.rfind(kTable, 0) == 0) table = l;
+  }
+  ASSERT_FALSE(table.empty()) << r.out;
+  std::stringstream s(table);
+  std::string name, type, entries, capacity, max, kestor, pid, alive;
+  s >> name >> type >> entries >> capacity >> max >> kestor >> pid >> alive;
+  EXPECT_EQ(type, "FlowTracking::HoIpFlowConfig");
+  EXPECT_EQ(entries, std::to_string(kRows));
+  EXPECT_EQ(max, "1000");
+  EXPECT_EQ(pid, std::to_string(writer_));
+  EXPECT_EQ(alive, "yes");
+
+  Result const j = run({"--json", "ls"});
+  ASSERT_EQ(j.code, 0);
+  EXPECT_NE(j.out.find("\"entries\": " + std::to_string(kRows)), std::string::npos) << j.out;
+  EXPECT_NE(j.out.find("\"writerAlive\": true"), std::string::npos) << j.out;
+}
+
+TEST_F(Cli, DumpPrintsStrepsThatParseBackIntoTheRowsWritten) {
+  Result const r = run({"dump", kTable});
+  ASSERT_EQ(r.code, 0) << r.err;
+  auto const got = lines(r.out);
+  ASSERT_EQ(got.size(), size_t(kRows));
+  std::set<int> seen;
+  for (auto const& l : got) {
+    HoIpFlowConfig const v =
+        Zeb::strepToValue(Zeb::String(l), static_cast<HoIpFlowConfig*>(nullptr));
+    int const i = v.key().ipFlowKey().srcPort() - 1000;
+    ASSERT_TRUE(i >= 0 && i < kRows) << l;
+    EXPECT_TRUE(v == row(i)) << l;
+    seen.insert(i);
+  }
+  EXPECT_EQ(seen.size(), size_t(kRows));
+
+  Result const limited = run({"dump", kTable, "--limit", "5"});
+  ASSERT_EQ(limited.code, 0);
+  EXPECT_EQ(lines(limited.out).size(), 5u);
+
+  Result const j = run({"--json", "dump", kTable, "--limit", "2"});
+  ASSERT_EQ(j.code, 0);
+  EXPECT_NE(j.out.find("\"type\": \"FlowTracking::HoIpFlowConfig\""), std::string::npos) << j.out;
+  EXPECT_NE(j.out.find("srcEth:"), std::string::npos) << "the row's trace text" << j.out;
+}
+
+TEST_F(Cli, GetFindsARowByTheStrepOfItsKey) {
+  HoIpFlowConfig const want = row(17);
+  Result const r = run({"get", kTable, FlowTracking::valueToStrep(want.key()).stdString()});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, FlowTracking::valueToStrep(want).stdString() + "\n");
+
+  Result const absent =
+      run({"get", kTable, FlowTracking::valueToStrep(row(kRows).key()).stdString()});
+  EXPECT_EQ(absent.code, 1);
+  EXPECT_NE(absent.err.find("no row with that key"), std::string::npos) << absent.err;
+
+  Result const bad = run({"get", kTable, "Value('nonsense')"});
+  EXPECT_EQ(bad.code, 2);
+  EXPECT_NE(bad.err.find("KEY is not a key of"), std::string::npos) << bad.err;
+  EXPECT_NE(bad.err.find("usage: flowtable"), std::string::npos) << bad.err;
+}
+
+TEST_F(Cli, ShowGivesHeadersAndCounters) {
+  Result const r = run({"show", kTable});
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("value type FlowTracking::HoIpFlowConfig"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("entries " + std::to_string(kRows)), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("reader counters:"), std::string::npos) << r.out;
+}
+
+TEST_F(Cli, CheckOfASoundTableIsOkAndChangesNothing) {
+  auto const before = snapshot(root_ + "/" + kTable);
+  Result const r = run({"check", kTable});
+  EXPECT_EQ(r.code, 0) << r.out << r.err;
+  EXPECT_EQ(r.out, "OK\n");
+  EXPECT_TRUE(snapshot(root_ + "/" + kTable) == before);
+}
+
+// A damaged copy of the table: one word of its slot header changed.
+struct Damage {
+  char const* what;
+  size_t offset;
+  uint32_t width;
+  uint32_t value;  // added to the stored word
+  char const* message;
+};
+
+class CliDamage : public Cli, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(CliDamage, CheckReportsTheValidatorsMessageAndTouchesNothing) {
+  Damage const& d = GetParam();
+  std::string const name = std::string("damaged/") + d.what;
+  std::string const dir = root_ + "/" + name;
+  fs::create_directories(dir);
+  for (auto const& e : fs::directory_iterator(root_ + "/" + kTable)) {
+    if (e.is_regular_file()) fs::copy_file(e.path(), dir / e.path().filename());
+  }
+  {
+    std::fstream f(dir + "/slots", std::ios::in | std::ios::out | std::ios::binary);
+    uint32_t word = 0;
+    f.seekg(d.offset);
+    f.read(reinterpret_cast<char*>(&word), d.width);
+    word += d.value;
+    f.seekp(d.offset);
+    f.write(reinterpret_cast<char const*>(&word), d.width);
+  }
+  auto const before = snapshot(dir);
+  auto const original = snapshot(root_ + "/" + kTable);
+  Result const r = run({"check", name});
+  EXPECT_EQ(r.code, 1) << r.out << r.err;
+  EXPECT_EQ(r.out, std::string(d.message) + "\n");
+  EXPECT_TRUE(snapshot(dir) == before) << "the damaged table is checked on a copy";
+  EXPECT_TRUE(snapshot(root_ + "/" + kTable) == original);
+
+  Result const j = run({"--json", "check", name});
+  EXPECT_EQ(j.code, 1);
+  EXPECT_NE(j.out.find("\"ok\": false"), std::string::npos) << j.out;
+  fs::remove_all(dir);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SlotHeader, CliDamage,
+    ::testing::Values(Damage{"critical", 546, 2, 1, "bad critical section runtimeFlags:1"},
+                      Damage{"occupied", 552, 4, uint32_t(-1),
+                             "walkedSlots:40 is greater than header->occupiedSlots:39"}),
+    [](auto const& info) { return std::string(info.param.what); });
+
+TEST_F(Cli, BadArgumentsGiveAUsageLineAndExitTwo) {
+  std::vector<std::vector<std::string>> const bad = {
+      {},
+      {"frobnicate"},
+      {"dump"},
+      {"dump", kTable, "--limit", "many"},
+      {"dump", kTable, "--limit"},
+      {"ls", "extra"},
+      {"get", kTable},
+      {"check", "no/such/table"},
+      {"show", kTable, "--flows", "3"},
+      {"--bogus", "ls"},
+      {"--trace", "nonsense", "ls"},
+  };
+  for (auto const& args : bad) {
+    Result const r = run(args);
+    std::string joined;
+    for (auto const& a : args) joined += a + " ";
+    EXPECT_EQ(r.code, 2) << joined << r.err;
+    EXPECT_NE(r.err.find("usage: flowtable"), std::string::npos) << joined << r.err;
+    EXPECT_EQ(r.err.find("terminate"), std::string::npos) << joined << r.err;
+    EXPECT_EQ(r.err.find("Aborted"), std::string::npos) << joined << r.err;
+    EXPECT_TRUE(r.out.empty()) << joined << r.out;
+  }
+  Result const badRoot = run({"--root", root_ + "/nowhere", "ls"}, false);
+  EXPECT_EQ(badRoot.code, 2);
+}
+
+TEST_F(Cli, EveryCommandHasHelp) {
+  for (char const* c : {"ls", "show", "dump", "get", "check"}) {
+    Result const r = run({c, "--help"});
+    EXPECT_EQ(r.code, 0) << c;
+    EXPECT_NE(r.out.find(std::string("usage: flowtable [--root DIR] [--json] ") + c),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("--trace HANDLER=LEVELS"), std::string::npos);
+  }
+  Result const all = run({"--help"});
+  EXPECT_EQ(all.code, 0);
+  EXPECT_NE(all.out.find("commands:"), std::string::npos);
+}
+
+TEST_F(Cli, TracesGoToStderrWhenAsked) {
+  Result const r = run({"--trace", "*=0-9", "dump", kTable, "--limit", "1"});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(lines(r.out).size(), 1u);
+  EXPECT_NE(r.err.find("MirakReader"), std::string::npos) << r.err;
+}
+
+}  // namespace

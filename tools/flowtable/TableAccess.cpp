@@ -1,0 +1,276 @@
+// Table access of the operator tool: directory summaries, the seven tables
+// behind one interface chosen by registered row type, and private copies.
+#include "TableAccess.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include <fmt/format.h>
+
+#include "FlowTracking/TableReaders.h"
+#include "FlowTracking/TableWriters.h"
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Mem/RootPath.h"
+#include "Mem/WriterLock.h"
+#include "Mirak/IterHint.h"
+#include "Parcel/KestorFile.h"
+#include "Parcel/OwnerFile.h"
+
+namespace FlowtableCli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("flowtable");
+}
+
+constexpr char kSlotFile[] = "slots";
+
+// The fixed part of the slot header, read with one pread: no mapping, and so
+// nothing that a writer's resize could pull away.
+std::optional<Mirak::SlotTable::Header> readHeader(std::string const& path, std::string& error) {
+  int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    error = fmt::format("cannot open {}: {}", path, std::strerror(errno));
+    return std::nullopt;
+  }
+  Mirak::SlotTable::Header h;
+  ssize_t const n = ::pread(fd, &h, sizeof h, 0);
+  int const err = errno;
+  ::close(fd);
+  if (n != static_cast<ssize_t>(sizeof h)) {
+    error = n < 0 ? fmt::format("cannot read {}: {}", path, std::strerror(err))
+                  : fmt::format("{} is shorter than a slot header ({} bytes)", path, n);
+    return std::nullopt;
+  }
+  if (std::memcmp(h.magic, Mirak::SlotTable::kMagic, sizeof h.magic) != 0) {
+    error = fmt::format("{} is not a slot file (bad magic)", path);
+    return std::nullopt;
+  }
+  h.valueType[Mirak::SlotTable::kValueTypeLen - 1] = '\0';
+  return h;
+}
+
+uint64_t bytesOnDisk(std::string const& dir) {
+  uint64_t total = 0;
+  std::error_code ec;
+  for (auto const& e : fs::directory_iterator(dir, ec)) {
+    struct stat st;
+    if (::lstat(e.path().c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+      total += static_cast<uint64_t>(st.st_blocks) * 512;
+    }
+  }
+  return total;
+}
+
+TableSummary summarizeDir(std::string const& root, std::string const& name) {
+  TableSummary s;
+  s.name = name;
+  s.dir = root + "/" + name;
+  s.header = readHeader(s.dir + "/" + kSlotFile, s.headerError);
+  s.bytesOnDisk = bytesOnDisk(s.dir);
+  // The files are named relative to the process-wide base, which the tool
+  // sets to the root.
+  Mem::NaoRootPath const path(handler(), name, false);
+  s.kestor = Parcel::KestorFile(handler(), path, false).read().value();
+  try {
+    Parcel::OwnerFile const owner(handler(), path, false);
+    auto const record = owner.record();
+    if (record) {
+      s.writerPid = record->writerPid;
+      s.writerAlive = Mem::WriterLock::ownerIsAlive(owner);
+    } else {
+      s.ownerError = "no owner file";
+    }
+  } catch (Lomi::Exception const& e) {
+    s.ownerError = e.msg();
+  }
+  return s;
+}
+
+}  // namespace
+
+std::vector<TableSummary> listTables(std::string const& root) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
+  if (ec) {
+    throw Lomi::InvalidInitializeException("cannot read the root {}: {}", root, ec.message());
+  }
+  for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (ec) break;
+    if (!it->is_directory(ec)) continue;
+    if (fs::is_regular_file(it->path() / kSlotFile, ec)) {
+      names.push_back(fs::relative(it->path(), root, ec).string());
+    }
+  }
+  std::sort(names.begin(), names.end());
+  std::vector<TableSummary> out;
+  for (auto const& n : names) out.push_back(summarizeDir(root, n));
+  return out;
+}
+
+TableSummary summarize(std::string const& root, std::string const& name) {
+  std::error_code ec;
+  if (name.empty() || !fs::is_regular_file(fs::path(root) / name / kSlotFile, ec)) {
+    throw Lomi::InvalidInitializeException("no table {} under {} (no slot file there)", name, root);
+  }
+  return summarizeDir(root, name);
+}
+
+AnyTable::~AnyTable() = default;
+
+namespace {
+
+template <typename Ops>
+class Table final : public AnyTable {
+ public:
+  using Value = typename Ops::Value;
+  using Key = typename Ops::Key;
+  using Record = typename Ops::Value::Record;
+  using Reader = Mirak::MirakReader<Ops>;
+  using Writer = Mirak::MirakWriter<Ops>;
+
+  Table(Zeb::ZebTypeBase const& rowType, std::string const& name) : AnyTable(rowType, name) {
+    static_assert(sizeof(Record) == Ops::valueSize);
+  }
+
+  bool attachReader(std::string& why) override {
+    reader_ = std::make_unique<Reader>(handler(), name_, Ops(0));
+    if (reader_->initialize("flowtable")) return true;
+    why = fmt::format(
+        "table {} is not ready for readers: its files are missing, incomplete or damaged (a "
+        "writer may be formatting it)",
+        name_);
+    reader_.reset();
+    return false;
+  }
+
+  uint64_t walk(uint64_t limit, std::function<void(void const*)> const& row) override {
+    Value v;
+    Mirak::IterHint hint;
+    uint64_t n = 0;
+    bool valid = reader().first(v, hint);
+    while (valid && (limit == 0 || n < limit)) {
+      Record const r = v;
+      row(&r);
+      ++n;
+      Key const key = Ops::key(v);
+      valid = reader().next(key, v, hint);
+    }
+    return n;
+  }
+
+  bool get(Zeb::String const& keyStrep, void* record) override {
+    Key const key = Zeb::strepToValue(keyStrep, static_cast<Key*>(nullptr));
+    Value buffer;
+    bool found = false;
+    Value const* p = reader().lookup(key, found, &buffer);
+    Record const r = *p;
+    std::memcpy(record, &r, sizeof r);
+    return found;
+  }
+
+  std::string dumpHeaders() const override { return reader().dumpHeaders(); }
+  std::string readerCounters() const override { return reader().readerCounters().toString(); }
+  uint32_t members() const override { return reader().members(); }
+
+  bool check(uint32_t maxSlots, std::string& error) override {
+    Mirak::MapDescriptor d(maxSlots);
+    d.local = false;
+    Writer w(handler(), name_.c_str(), d, Ops(0));
+    Mem::NaoRootPath const path = w.rootPath();
+    Parcel::KestorId const kestor = Parcel::KestorFile(handler(), path, false).read();
+    if (kestor.isZero()) {
+      error = fmt::format("{} has no valid kestor file: no writer finished formatting it", name_);
+      return false;
+    }
+    // The slot header proves its generation before anything is attached: a
+    // writer would format files of another generation anew, and an empty new
+    // table validates.
+    std::string headerError;
+    auto const header = readHeader(path.filePath(kSlotFile), headerError);
+    if (!header) {
+      error = headerError;
+      return false;
+    }
+    if (header->kestor != kestor.value()) {
+      error = fmt::format("slot file of {} holds kestor {}, the kestor file {}", name_,
+                          Parcel::KestorId(header->kestor), kestor);
+      return false;
+    }
+    try {
+      if (!w.attach(kestor)) {
+        error = fmt::format("the files of {} do not all belong to kestor {}", name_, kestor);
+        return false;
+      }
+      return w.validate(kestor, error, false);
+    } catch (Lomi::Exception const& e) {
+      error = e.msg();
+      return false;
+    }
+  }
+
+ private:
+  Reader& reader() const {
+    if (!reader_) throw Lomi::RuntimeException("table {} is not attached", name_);
+    return *reader_;
+  }
+  std::unique_ptr<Reader> reader_;
+};
+
+template <typename Ops>
+std::unique_ptr<AnyTable> make(Zeb::ZebTypeBase const& t, std::string const& name) {
+  return std::make_unique<Table<Ops>>(t, name);
+}
+
+struct Kind {
+  char const* valueType;
+  std::unique_ptr<AnyTable> (*open)(Zeb::ZebTypeBase const&, std::string const&);
+};
+
+Kind const kinds[] = {
+    {"FlowTracking::HoIpFlowConfig", &make<FlowTracking::HoIpFlowConfigOps>},
+    {"FlowTracking::HoIp6FlowConfig", &make<FlowTracking::HoIp6FlowConfigOps>},
+    {"FlowTracking::HoIpFlowStatus", &make<FlowTracking::HoIpFlowStatusOps>},
+    {"FlowTracking::HoIp6FlowStatus", &make<FlowTracking::HoIp6FlowStatusOps>},
+    {"FlowTracking::HoIpFlowCounter", &make<FlowTracking::HoIpFlowCounterOps>},
+    {"FlowTracking::HoIp6FlowCounter", &make<FlowTracking::HoIp6FlowCounterOps>},
+    {"FlowTracking::HosStateCounterEntry", &make<FlowTracking::HosStateCounterOps>},
+};
+
+}  // namespace
+
+std::unique_ptr<AnyTable> openTable(std::string const& valueType, std::string const& name) {
+  Zeb::ZebTypeBase const& t = Zeb::typeByName(valueType);
+  for (auto const& k : kinds) {
+    if (valueType == k.valueType) return k.open(t, name);
+  }
+  throw Lomi::InvalidInitializeException("table {} holds values of type {}, which is no table row",
+                                         name, valueType);
+}
+
+void copyTable(std::string const& from, std::string const& to) {
+  std::error_code ec;
+  fs::create_directories(to, ec);
+  if (ec) throw Lomi::RuntimeException("cannot make {}: {}", to, ec.message());
+  for (auto const& e : fs::directory_iterator(from, ec)) {
+    if (!e.is_regular_file()) continue;
+    fs::copy_file(e.path(), fs::path(to) / e.path().filename(),
+                  fs::copy_options::overwrite_existing, ec);
+    if (ec) {
+      throw Lomi::RuntimeException("cannot copy {} to {}: {}", e.path().string(), to, ec.message());
+    }
+  }
+  if (ec) throw Lomi::RuntimeException("cannot read {}: {}", from, ec.message());
+}
+
+}  // namespace FlowtableCli

@@ -1,0 +1,98 @@
+// The operator tool's view of a table directory: what its files say without
+// attaching (for `ls`), and a table of any of the seven row types opened by
+// the row type's registered name (for `show`, `dump`, `get` and `check`).
+//
+// Contract:
+//   - Nothing here writes into a table directory under the root, with one
+//     exception that is the reader's own protocol: a reader that finds a
+//     damaged header leaves the "corruption-detected" marker for the writer.
+//   - `check` runs only on a private copy of the files (copyTable) and
+//     attaches a writer there without taking the writer lock: the copy's
+//     owner record still names the original writer, which is neither asked
+//     nor disturbed.
+//   - Failures of the operator's input (no such table, an unknown row type,
+//     a key that does not parse) throw Lomi::Exception kinds with a message
+//     naming the table or the text.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Mirak/SlotTable.h"
+#include "Zeb/Module.h"
+#include "Zeb/String.h"
+
+namespace FlowtableCli {
+
+// What the files of one table directory say, read without attaching.
+struct TableSummary {
+  std::string name;                                // relative to the root
+  std::string dir;                                 // absolute
+  std::optional<Mirak::SlotTable::Header> header;  // none: unreadable
+  std::string headerError;
+  uint32_t kestor = 0;  // the kestor file's id; 0: none or damaged
+  pid_t writerPid = 0;
+  bool writerAlive = false;
+  std::string ownerError;
+  uint64_t bytesOnDisk = 0;  // allocated bytes of the directory's own files
+};
+
+// Every table (a directory holding a "slots" file) under `root`, by name.
+std::vector<TableSummary> listTables(std::string const& root);
+// The table `name` under `root`; throws Lomi::InvalidInitializeException
+// "no table <name> under <root>" when there is no slot file.
+TableSummary summarize(std::string const& root, std::string const& name);
+
+// A table opened by its row type. Rows and keys travel as streps.
+class AnyTable {
+ public:
+  virtual ~AnyTable();
+
+  Zeb::ZebTypeBase const& rowType() const { return *rowType_; }
+
+  // Attaches as a lock-free reader on the current root. False with the
+  // reason when the files are not (yet) a complete table.
+  virtual bool attachReader(std::string& why) = 0;
+  // Walks the table, at most `limit` rows (0: all), calling `row` with the
+  // record's bytes; returns the number of rows.
+  virtual uint64_t walk(uint64_t limit, std::function<void(void const* record)> const& row) = 0;
+  // Looks up the key given as its strep; the record's bytes to `record`
+  // (rowType().size bytes). Throws Zeb::RangeException for a bad key text.
+  virtual bool get(Zeb::String const& keyStrep, void* record) = 0;
+  virtual std::string dumpHeaders() const = 0;
+  virtual std::string readerCounters() const = 0;
+  virtual uint32_t members() const = 0;
+  // Full validation as the table's writer would run it, on the current root
+  // (which must be a private copy), for a table formatted with `maxSlots`.
+  // True, or false with the first failure.
+  virtual bool check(uint32_t maxSlots, std::string& error) = 0;
+
+  Zeb::String strep(void const* record) const {
+    return rowType_->impl.methods->strRep(record, rowType_);
+  }
+
+ protected:
+  AnyTable(Zeb::ZebTypeBase const& rowType, std::string name)
+      : rowType_(&rowType), name_(std::move(name)) {}
+  Zeb::ZebTypeBase const* rowType_;
+  std::string name_;
+};
+
+// Opens table `name` (not yet attached) for rows of `valueType`, the name in
+// its slot header. Throws Zeb::UnknownTypeException for a type that no module
+// registered, Lomi::InvalidInitializeException for a registered type that is
+// no table row.
+std::unique_ptr<AnyTable> openTable(std::string const& valueType, std::string const& name);
+
+// Copies the files of directory `from` (not its subdirectories) into `to`,
+// which is made with its parents. Throws Lomi::RuntimeException naming the
+// file that fails.
+void copyTable(std::string const& from, std::string const& to);
+
+}  // namespace FlowtableCli

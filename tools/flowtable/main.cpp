@@ -1,0 +1,405 @@
+// flowtable: the operator's tool for the flow tables under a root directory.
+//
+//   flowtable [--root DIR] [--json] [--trace HANDLER=LEVELS] COMMAND [ARGS]
+//
+// Commands: ls, show TABLE, dump TABLE [--limit N], get TABLE KEY, check TABLE.
+// Every command takes --help. Exit codes: 0 ok, 1 a failure was found (a
+// damaged table, a key not present, a table that can't be read), 2 usage.
+//
+// The tool reads tables as a lock-free reader and never writes into them;
+// `check` validates a private copy of the files in a temporary directory.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Mem/RootPath.h"
+#include "TableAccess.h"
+#include "Zeb/Module.h"
+#include "Zeb/Strep.h"
+
+namespace {
+
+using namespace FlowtableCli;
+
+constexpr int kOk = 0;
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+
+struct Command {
+  char const* name;
+  char const* args;
+  char const* summary;
+};
+
+Command const commands[] = {
+    {"ls", "",
+     "every table under the root: name, value type, entries, capacity, max, kestor, "
+     "writer pid and whether it is alive, bytes on disk"},
+    {"show", "TABLE", "the slot, bucket and queue headers of TABLE and the reader's counters"},
+    {"dump", "TABLE [--limit N]", "the rows of TABLE as streps (--json: objects), read lock-free"},
+    {"get", "TABLE KEY", "the row of TABLE whose key has the strep KEY"},
+    {"check", "TABLE",
+     "full validation of a private copy of TABLE's files: OK or the first failure"},
+};
+
+constexpr char kGlobal[] =
+    "global options:\n"
+    "  --root DIR              the tables' base directory (default {})\n"
+    "  --json                  data as JSON\n"
+    "  --trace HANDLER=LEVELS  turn traces on, e.g. flowtable=0-3 or *=all\n"
+    "  --help                  this text; COMMAND --help for one command\n";
+
+class UsageError : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
+
+void usage(std::FILE* out, std::string const& command = {}) {
+  for (auto const& c : commands) {
+    if (!command.empty() && command != c.name) continue;
+    fmt::print(out, "usage: flowtable [--root DIR] [--json] {} {}\n", c.name, c.args);
+    if (!command.empty()) fmt::print(out, "  {}\n", c.summary);
+  }
+  if (command.empty()) {
+    fmt::print(out, "\ncommands:\n");
+    for (auto const& c : commands) fmt::print(out, "  {:6} {}\n", c.name, c.summary);
+  }
+  fmt::print(out, "\n");
+  fmt::print(out, fmt::runtime(kGlobal), Mem::RootPath::kDefaultBase);
+}
+
+std::string jsonString(std::string_view s) {
+  std::string out = "\"";
+  for (char c : s) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+        } else {
+          out += c;
+        }
+    }
+  }
+  return out + "\"";
+}
+
+struct Options {
+  std::string root = Mem::RootPath::kDefaultBase;
+  bool json = false;
+  bool help = false;
+  std::string command;
+  std::vector<std::string> args;
+  std::map<std::string, std::string> flags;  // command flags with a value
+};
+
+uint64_t parseCount(std::string const& flag, std::string const& text) {
+  char* end = nullptr;
+  errno = 0;
+  unsigned long long const v = std::strtoull(text.c_str(), &end, 10);
+  if (text.empty() || *end || errno || text[0] == '-') {
+    throw UsageError(fmt::format("{} wants a non-negative number, not '{}'", flag, text));
+  }
+  return v;
+}
+
+Options parse(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    std::string const a = argv[i];
+    auto value = [&](char const* flag) {
+      if (i + 1 >= argc) throw UsageError(fmt::format("{} needs a value", flag));
+      return std::string(argv[++i]);
+    };
+    if (a == "--help" || a == "-h") {
+      o.help = true;
+    } else if (a == "--json") {
+      o.json = true;
+    } else if (a == "--root") {
+      o.root = value("--root");
+    } else if (a == "--trace") {
+      std::string const spec = value("--trace");
+      if (!Lomi::Platform::traceSpecIs(spec)) {
+        throw UsageError(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", spec));
+      }
+    } else if (a == "--limit" || a == "--flows") {
+      o.flags[a] = value(a.c_str());
+    } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
+      throw UsageError(fmt::format("unknown option {}", a));
+    } else if (o.command.empty()) {
+      o.command = a;
+    } else {
+      o.args.push_back(a);
+    }
+  }
+  return o;
+}
+
+void wantArgs(Options const& o, size_t n) {
+  if (o.args.size() != n) {
+    throw UsageError(fmt::format("{} takes {} argument{}, got {}", o.command, n, n == 1 ? "" : "s",
+                                 o.args.size()));
+  }
+}
+
+void allowFlags(Options const& o, std::initializer_list<char const*> allowed) {
+  for (auto const& [flag, v] : o.flags) {
+    bool ok = false;
+    for (char const* a : allowed) ok = ok || flag == a;
+    if (!ok) throw UsageError(fmt::format("{} has no option {}", o.command, flag));
+  }
+}
+
+// --- commands -------------------------------------------------------------------
+
+int cmdLs(Options const& o) {
+  wantArgs(o, 0);
+  allowFlags(o, {});
+  auto const tables = listTables(o.root);
+  if (o.json) {
+    std::string out = "[";
+    for (size_t i = 0; i < tables.size(); ++i) {
+      auto const& t = tables[i];
+      out += fmt::format(
+          "{}\n  {{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"capacity\": {}, "
+          "\"max\": {}, \"kestor\": {}, \"writerPid\": {}, \"writerAlive\": {}, "
+          "\"bytesOnDisk\": {}{}}}",
+          i ? "," : "", jsonString(t.name), jsonString(t.header ? t.header->valueType : ""),
+          t.header ? t.header->occupiedSlots : 0, t.header ? t.header->numSlots.value : 0,
+          t.header ? t.header->maxSlots : 0,
+          jsonString(fmt::format("{}", Parcel::KestorId(t.kestor))), t.writerPid,
+          t.writerAlive ? "true" : "false", t.bytesOnDisk,
+          t.header ? "" : ", \"error\": " + jsonString(t.headerError));
+    }
+    fmt::print("{}\n]\n", out);
+    return kOk;
+  }
+  fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", "TABLE", "VALUE TYPE",
+             "ENTRIES", "CAPACITY", "MAX", "KESTOR", "WRITER", "ALIVE", "BYTES");
+  for (auto const& t : tables) {
+    if (!t.header) {
+      fmt::print("{:<48} unreadable: {}\n", t.name, t.headerError);
+      continue;
+    }
+    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", t.name,
+               t.header->valueType, t.header->occupiedSlots, t.header->numSlots.value,
+               t.header->maxSlots, Parcel::KestorId(t.kestor), t.writerPid,
+               t.writerAlive ? "yes" : "no", t.bytesOnDisk);
+  }
+  if (tables.empty()) fmt::print(stderr, "no tables under {}\n", o.root);
+  return kOk;
+}
+
+// The table named on the command line; a name that names no table is the
+// operator's mistake.
+TableSummary requireTable(Options const& o) {
+  try {
+    return summarize(o.root, o.args.at(0));
+  } catch (Lomi::InvalidInitializeException const& e) {
+    throw UsageError(e.msg());
+  }
+}
+
+// The table named on the command line, attached as a reader.
+std::unique_ptr<AnyTable> attach(Options const& o, TableSummary& summary) {
+  summary = requireTable(o);
+  if (!summary.header) throw Lomi::CorruptionDetectedException("{}", summary.headerError);
+  auto table = openTable(summary.header->valueType, summary.name);
+  std::string why;
+  if (!table->attachReader(why)) throw Lomi::InvalidInitializeException("{}", why);
+  return table;
+}
+
+int cmdShow(Options const& o) {
+  wantArgs(o, 1);
+  allowFlags(o, {});
+  TableSummary s;
+  auto const table = attach(o, s);
+  std::string const headers = table->dumpHeaders();
+  std::string const counters = table->readerCounters();
+  if (o.json) {
+    fmt::print(
+        "{{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"kestor\": {}, \"writerPid\": {}, "
+        "\"writerAlive\": {}, \"headers\": {}, \"readerCounters\": {}}}\n",
+        jsonString(s.name), jsonString(s.header->valueType), table->members(),
+        jsonString(fmt::format("{}", Parcel::KestorId(s.kestor))), s.writerPid,
+        s.writerAlive ? "true" : "false", jsonString(headers), jsonString(counters));
+    return kOk;
+  }
+  fmt::print(
+      "table {}\nvalue type {}\nentries {}\nwriter pid {} ({})\n\n{}\n\nreader counters: {}\n",
+      s.name, s.header->valueType, table->members(), s.writerPid,
+      s.writerAlive ? "alive" : "not alive", headers, counters);
+  return kOk;
+}
+
+int cmdDump(Options const& o) {
+  wantArgs(o, 1);
+  allowFlags(o, {"--limit"});
+  uint64_t const limit =
+      o.flags.count("--limit") ? parseCount("--limit", o.flags.at("--limit")) : 0;
+  TableSummary s;
+  auto const table = attach(o, s);
+  Zeb::ZebTypeBase const& type = table->rowType();
+  Zeb::AttributeInfo const* text = type.attribute("mirakString");
+  bool first = true;
+  if (o.json) fmt::print("[");
+  uint64_t const n = table->walk(limit, [&](void const* record) {
+    Zeb::String const strep = table->strep(record);
+    if (!o.json) {
+      fmt::print("{}\n", strep);
+      return;
+    }
+    Zeb::String trace;
+    if (text) {
+      Zeb::attributeOp(type, &trace, const_cast<void*>(record), text->id, Zeb::GenericIf::opCall);
+    }
+    fmt::print("{}\n  {{\"type\": {}, \"strep\": {}, \"text\": {}}}", first ? "" : ",",
+               jsonString(type.name), jsonString(strep), jsonString(trace));
+    first = false;
+  });
+  if (o.json) fmt::print("\n]\n");
+  fmt::print(stderr, "{} rows of {}\n", n, s.name);
+  return kOk;
+}
+
+int cmdGet(Options const& o) {
+  wantArgs(o, 2);
+  allowFlags(o, {});
+  TableSummary s;
+  auto const table = attach(o, s);
+  std::vector<std::max_align_t> record(table->rowType().size / sizeof(std::max_align_t) + 1);
+  bool found;
+  try {
+    found = table->get(Zeb::String(o.args[1]), record.data());
+  } catch (Zeb::RangeException const& e) {
+    throw UsageError(fmt::format("KEY is not a key of {}: {}", s.name, e.msg()));
+  }
+  if (!found) {
+    fmt::print(stderr, "flowtable: no row with that key in {}\n", s.name);
+    return kFailure;
+  }
+  Zeb::String const strep = table->strep(record.data());
+  if (o.json) {
+    fmt::print("{{\"type\": {}, \"strep\": {}}}\n", jsonString(table->rowType().name),
+               jsonString(strep));
+  } else {
+    fmt::print("{}\n", strep);
+  }
+  return kOk;
+}
+
+// A temporary directory, removed with everything in it.
+class TempDir {
+ public:
+  TempDir() {
+    std::string tmpl = (std::filesystem::temp_directory_path() / "flowtable-check-XXXXXX").string();
+    if (!::mkdtemp(tmpl.data())) {
+      throw Lomi::RuntimeException("cannot make a temporary directory: {}", std::strerror(errno));
+    }
+    path_ = tmpl;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  std::string const& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+int cmdCheck(Options const& o) {
+  wantArgs(o, 1);
+  allowFlags(o, {});
+  TableSummary const s = requireTable(o);
+  std::string error;
+  bool ok = false;
+  if (s.header) {
+    TempDir const copy;
+    copyTable(s.dir, copy.path() + "/" + s.name);
+    // From here on every table path names the copy.
+    Mem::RootPath::baseIs(copy.path());
+    auto table = openTable(s.header->valueType, s.name);
+    ok = table->check(s.header->maxSlots, error);
+    table.reset();
+    Mem::RootPath::baseIs(o.root);
+  } else {
+    error = s.headerError;
+  }
+  if (o.json) {
+    fmt::print("{{\"name\": {}, \"ok\": {}{}}}\n", jsonString(s.name), ok ? "true" : "false",
+               ok ? "" : ", \"error\": " + jsonString(error));
+  } else if (ok) {
+    fmt::print("OK\n");
+  } else {
+    fmt::print("{}\n", error);
+  }
+  if (!ok && s.writerAlive) {
+    fmt::print(stderr,
+               "note: the writer (pid {}) is running; a copy taken during a write may catch it "
+               "mid-change, so check again before acting\n",
+               s.writerPid);
+  }
+  return ok ? kOk : kFailure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  try {
+    o = parse(argc, argv);
+    if (o.help) {
+      usage(stdout, o.command);
+      return kOk;
+    }
+    if (o.command.empty()) throw UsageError("no command given");
+    std::error_code ec;
+    o.root = std::filesystem::absolute(o.root, ec).lexically_normal().string();
+    if (ec || !std::filesystem::is_directory(o.root, ec)) {
+      throw UsageError(fmt::format("--root {} is not a directory", o.root));
+    }
+    while (o.root.size() > 1 && o.root.back() == '/') o.root.pop_back();
+    Mem::RootPath::baseIs(o.root);
+    if (o.command == "ls") return cmdLs(o);
+    if (o.command == "show") return cmdShow(o);
+    if (o.command == "dump") return cmdDump(o);
+    if (o.command == "get") return cmdGet(o);
+    if (o.command == "check") return cmdCheck(o);
+    throw UsageError(fmt::format("unknown command '{}'", o.command));
+  } catch (UsageError const& e) {
+    fmt::print(stderr, "flowtable: {}\n", e.what());
+    bool known = false;
+    for (auto const& c : commands) known = known || o.command == c.name;
+    usage(stderr, known ? o.command : std::string());
+    return kUsage;
+  } catch (Lomi::Exception const& e) {
+    fmt::print(stderr, "flowtable: {}\n", e.msg());
+    return kFailure;
+  } catch (std::exception const& e) {
+    fmt::print(stderr, "flowtable: {}\n", e.what());
+    return kFailure;
+  }
+}
