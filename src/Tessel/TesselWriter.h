@@ -696,7 +696,20 @@ bool TesselWriter<Slot, Pos>::validate(uint32_t kestor, uint32_t mostSlots,
   if (most < mostSlots) {
     return fail(fmt::format("{} mostSlots:{} below the table's {}", name(), most, mostSlots));
   }
-  if (uint64_t need = headerFileSize(most, name()); header_.fileSize() < need) {
+  // A count too large for any file is damage: it fails the validation
+  // instead of escaping as the size check's exception.
+  auto sizeFor = [&](auto size, uint64_t count, uint64_t& need) {
+    try {
+      need = size(count, name());
+      return true;
+    } catch (Lomi::RuntimeException const& e) {
+      error = e.msg();
+      return false;
+    }
+  };
+  uint64_t need = 0;
+  if (!sizeFor(headerFileSize, most, need)) return fail(error);
+  if (header_.fileSize() < need) {
     return fail(fmt::format("{} header maps {} bytes, {} needed for mostSlots:{}", name(),
                             header_.fileSize(), need, most));
   }
@@ -714,7 +727,8 @@ bool TesselWriter<Slot, Pos>::validate(uint32_t kestor, uint32_t mostSlots,
     return fail(
         fmt::format("{} table {} count:{} exceeds capacity:{}", name(), cur, count, capacity));
   }
-  if (uint64_t need = tableFileSize(capacity, name()); tables_[cur].fileSize() < need) {
+  if (!sizeFor(tableFileSize, capacity, need)) return fail(error);
+  if (tables_[cur].fileSize() < need) {
     return fail(fmt::format("{} table {} maps {} bytes, {} needed for capacity:{}", name(), cur,
                             tables_[cur].fileSize(), need, capacity));
   }

@@ -361,6 +361,8 @@ INSTANTIATE_TEST_SUITE_P(Cases, TesselDamagedRestart,
                                            DamageCase{"stamp (died inside a compaction)",
                                                       "tessel.0", 0, 12345},
                                            DamageCase{"count beyond capacity", "tessel.0", 8, 1000},
+                                           DamageCase{"capacity beyond any file", "tessel.0", 4,
+                                                      0xd2000000u},
                                            DamageCase{"back reference", "tessel", 128 + 4 * 3, 7}),
                          [](auto const& info) {
                            std::string n = info.param.name;
