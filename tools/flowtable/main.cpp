@@ -2,7 +2,8 @@
 //
 //   flowtable [--root DIR] [--json] [--trace HANDLER=LEVELS] COMMAND [ARGS]
 //
-// Commands: ls, show TABLE, dump TABLE [--limit N], get TABLE KEY, check TABLE.
+// Commands: ls, show TABLE, dump TABLE [--limit N], get TABLE KEY, check TABLE,
+// demo [--flows N].
 // Every command takes --help. Exit codes: 0 ok, 1 a failure was found (a
 // damaged table, a key not present, a table that can't be read), 2 usage.
 //
@@ -20,6 +21,7 @@
 
 #include <fmt/format.h>
 
+#include "Demo.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
@@ -50,6 +52,11 @@ Command const commands[] = {
     {"get", "TABLE KEY", "the row of TABLE whose key has the strep KEY"},
     {"check", "TABLE",
      "full validation of a private copy of TABLE's files: OK or the first failure"},
+    {"demo", "[--flows N]",
+     "the main job: a writer and a reader process, N flows (default 100000) written, read "
+     "back, updated, half removed, then a quarter left, which compacts the tables; on a "
+     "temporary root unless --root is given, "
+     "where the tables then stay"},
 };
 
 constexpr char kGlobal[] =
@@ -107,6 +114,7 @@ std::string jsonString(std::string_view s) {
 
 struct Options {
   std::string root = Mem::RootPath::kDefaultBase;
+  bool rootGiven = false;
   bool json = false;
   bool help = false;
   std::string command;
@@ -138,6 +146,7 @@ Options parse(int argc, char** argv) {
       o.json = true;
     } else if (a == "--root") {
       o.root = value("--root");
+      o.rootGiven = true;
     } else if (a == "--trace") {
       std::string const spec = value("--trace");
       if (!Lomi::Platform::traceSpecIs(spec)) {
@@ -313,8 +322,9 @@ int cmdGet(Options const& o) {
 // A temporary directory, removed with everything in it.
 class TempDir {
  public:
-  TempDir() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "flowtable-check-XXXXXX").string();
+  TempDir(std::filesystem::path const& parent = std::filesystem::temp_directory_path(),
+          char const* pattern = "flowtable-check-XXXXXX") {
+    std::string tmpl = (parent / pattern).string();
     if (!::mkdtemp(tmpl.data())) {
       throw Lomi::RuntimeException("cannot make a temporary directory: {}", std::strerror(errno));
     }
@@ -365,6 +375,43 @@ int cmdCheck(Options const& o) {
   return ok ? kOk : kFailure;
 }
 
+// The demo's root: the one given, made if missing, or a temporary directory
+// (on the shared-memory file system when there is one) removed afterwards.
+int cmdDemo(Options& o) {
+  wantArgs(o, 0);
+  allowFlags(o, {"--flows"});
+  if (o.json) throw UsageError("demo has no --json output");
+  uint64_t const flows =
+      o.flags.count("--flows") ? parseCount("--flows", o.flags.at("--flows")) : 100000;
+  // Fewer flows than a thousand keep the tables at their smallest size, where
+  // there is nothing to compact.
+  if (flows < 1000 || flows > 10000000) {
+    throw UsageError(fmt::format("--flows wants 1000 to 10000000 flows, not {}", flows));
+  }
+  std::error_code ec;
+  std::unique_ptr<TempDir> temp;
+  if (o.rootGiven) {
+    o.root = std::filesystem::absolute(o.root, ec).lexically_normal().string();
+    while (o.root.size() > 1 && o.root.back() == '/') o.root.pop_back();
+    std::filesystem::create_directories(o.root, ec);
+    if (ec || !std::filesystem::is_directory(o.root)) {
+      throw UsageError(fmt::format("--root {} is not a directory and cannot be made", o.root));
+    }
+  } else {
+    temp = std::make_unique<TempDir>(std::filesystem::is_directory("/dev/shm", ec)
+                                         ? std::filesystem::path("/dev/shm")
+                                         : std::filesystem::temp_directory_path(),
+                                     "flowtable-demo-XXXXXX");
+    o.root = temp->path();
+  }
+  Mem::RootPath::baseIs(o.root);
+  DemoOptions d;
+  d.root = o.root;
+  d.flows = static_cast<uint32_t>(flows);
+  d.keep = o.rootGiven;
+  return runDemo(d);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -376,6 +423,7 @@ int main(int argc, char** argv) {
       return kOk;
     }
     if (o.command.empty()) throw UsageError("no command given");
+    if (o.command == "demo") return cmdDemo(o);
     std::error_code ec;
     o.root = std::filesystem::absolute(o.root, ec).lexically_normal().string();
     if (ec || !std::filesystem::is_directory(o.root, ec)) {
