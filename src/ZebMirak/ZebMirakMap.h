@@ -125,6 +125,9 @@ class ZebMirakMap : public Mirak::MirakMap<OpsT> {
 template <typename E, typename R, typename K, Mirak::TablePolicy O>
 ZebMirakMap<E, R, K, O>::~ZebMirakMap() {
   FMTRACE(*this->debugHandler_, 2, "ZebMirakMap", "deleting state");
+  // The callbacks reach the entity through this object; the front object's
+  // destructor, which runs after this one, must not call them any more.
+  this->notify_ = Mem::Notify<Key, Value>();
 }
 
 template <typename E, typename R, typename K, Mirak::TablePolicy O>

@@ -403,7 +403,10 @@ TEST(ReaderTest, AStoreThroughTheMappingFaults) {
       void const* target =
           file == 0 ? static_cast<void const*>(reader->slotTable().header())
                     : static_cast<void const*>(reader->hashMap().bucketReader().header());
-      // The store a buggy reader might do: it must fault, not land.
+      // The store a buggy reader might do: it must fault, not land. The
+      // default action, so that a sanitizer's handler does not turn the
+      // fault into an ordinary exit.
+      ::signal(SIGSEGV, SIG_DFL);
       *const_cast<volatile char*>(static_cast<char const volatile*>(target)) = 'X';
       return 0;
     });
