@@ -66,8 +66,8 @@ class IpFlowKey {
   void dstPortIs(uint16_t v) { dstPort_ = v; }
   void directionIs(Nimbet::TrafficDirection v) { direction_ = v; }
 
-  // Field by field through Zeb::Hash begun with `seed`: words with hashMix<4>,
-  // the address in 4-byte words, u16 and u8 fields byte by byte.
+  // Field by field (never the bytes between fields), with `seed`: the fields
+  // packed into 64-bit words and folded by 128-bit multiplies.
   uint32_t hash(unsigned int seed) const;
   bool operator==(IpFlowKey const& o) const;
   // Lexicographic in field order; addresses in network byte order.
@@ -135,8 +135,8 @@ class Ip6FlowKey {
   void dstPortIs(uint16_t v) { dstPort_ = v; }
   void directionIs(Nimbet::TrafficDirection v) { direction_ = v; }
 
-  // Field by field through Zeb::Hash begun with `seed`: words with hashMix<4>,
-  // the address in 4-byte words, u16 and u8 fields byte by byte.
+  // Field by field (never the bytes between fields), with `seed`: the fields
+  // packed into 64-bit words and folded by 128-bit multiplies.
   uint32_t hash(unsigned int seed) const;
   bool operator==(Ip6FlowKey const& o) const;
   // Lexicographic in field order; addresses in network byte order.

@@ -1,10 +1,12 @@
 // Zeb::Hash: the hash accumulator that all keys share.
 //
 // Three 32-bit words begun as (seed, 0, 0); each hashMix<N> adds N bytes (N is
-// 1 or 4) to the first word and mixes the three; result() runs the final mix
-// and gives the third word. The mix is Bob Jenkins' lookup3 mix/final pair.
-// This function is part of the table format: every process that shares a
-// table must hash with it.
+// 1 or 4) to the first word, counts N in the second and folds the first into
+// the third; result() runs the final avalanche over the three. The fold is a
+// murmur3 block step: its multiply chain on the new word runs beside the
+// short chain on the third word, so a key of a few fields hashes in a few
+// nanoseconds (lookups hash every key they look for). This function is part
+// of the table format: every process that shares a table must hash with it.
 #pragma once
 
 #include <cstdint>
@@ -27,45 +29,22 @@ class Hash {
   }
 
   uint32_t result() const {
-    uint32_t a = a_, b = b_, c = c_;
-    c ^= b;
-    c -= rot(b, 14);
-    a ^= c;
-    a -= rot(c, 11);
-    b ^= a;
-    b -= rot(a, 25);
-    c ^= b;
-    c -= rot(b, 16);
-    a ^= c;
-    a -= rot(c, 4);
-    b ^= a;
-    b -= rot(a, 14);
-    c ^= b;
-    c -= rot(b, 24);
-    return c;
+    // The first word is the seed if nothing was mixed, else 0.
+    uint32_t h = c_ ^ b_ ^ scramble(a_);
+    h ^= h >> 16;
+    h *= 0x85ebca6bu;
+    h ^= h >> 13;
+    h *= 0xc2b2ae35u;
+    h ^= h >> 16;
+    return h;
   }
 
  private:
   static constexpr uint32_t rot(uint32_t x, int k) { return (x << k) | (x >> (32 - k)); }
+  static constexpr uint32_t scramble(uint32_t k) { return rot(k * 0xcc9e2d51u, 15) * 0x1b873593u; }
   void mix() {
-    a_ -= c_;
-    a_ ^= rot(c_, 4);
-    c_ += b_;
-    b_ -= a_;
-    b_ ^= rot(a_, 6);
-    a_ += c_;
-    c_ -= b_;
-    c_ ^= rot(b_, 8);
-    b_ += a_;
-    a_ -= c_;
-    a_ ^= rot(c_, 16);
-    c_ += b_;
-    b_ -= a_;
-    b_ ^= rot(a_, 19);
-    a_ += c_;
-    c_ -= b_;
-    c_ ^= rot(b_, 4);
-    b_ += a_;
+    c_ = rot(c_ ^ scramble(a_), 13) * 5u + 0xe6546b64u;
+    a_ = 0;
   }
 
   uint32_t a_, b_, c_;
