@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -237,15 +238,6 @@ ReaderResult readUnderLoad(std::string const& system, Load load, uint32_t n,
 
 // --- memory --------------------------------------------------------------------
 
-uint64_t rssBytes() {
-  FILE* f = std::fopen("/proc/self/statm", "r");
-  if (!f) return 0;
-  unsigned long size = 0, resident = 0;
-  int const got = std::fscanf(f, "%lu %lu", &size, &resident);
-  std::fclose(f);
-  return got == 2 ? resident * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE)) : 0;
-}
-
 uint64_t allocatedBytesOf(std::string const& path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) return 0;
@@ -269,15 +261,13 @@ uint64_t allocatedBytesUnder(std::string const& dir) {
   return total;
 }
 
-uint64_t rssGrowthInChild(std::function<void()> const& fill) {
-  ReaderProcess child([&fill] {
-    uint64_t const before = rssBytes();
-    fill();
-    ReaderResult r;
-    r.hit = static_cast<double>(rssBytes() - before);
-    return r;
-  });
-  return static_cast<uint64_t>(child.result("rss").hit);
+uint64_t heapGrowth(std::function<void()> const& fill) {
+  // Resident memory would undercount here: the heap keeps what earlier maps
+  // freed, and a new map reuses it without a single new page.
+  struct mallinfo2 const before = ::mallinfo2();
+  fill();
+  struct mallinfo2 const after = ::mallinfo2();
+  return (after.uordblks + after.hblkhd) - (before.uordblks + before.hblkhd);
 }
 
 // --- progress ------------------------------------------------------------------

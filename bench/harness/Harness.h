@@ -183,14 +183,13 @@ ReaderResult measureLookups(Workload const& w, double minSeconds, Lookup&& looku
 
 // --- memory ------------------------------------------------------------------
 
-// Resident set of this process, bytes.
-uint64_t rssBytes();
 // Allocated blocks of every file under `dir` (recursively), bytes.
 uint64_t allocatedBytesUnder(std::string const& dir);
 // Allocated blocks of one file, bytes.
 uint64_t allocatedBytesOf(std::string const& path);
-// RSS growth of a fresh child process while `fill` runs in it, bytes.
-uint64_t rssGrowthInChild(std::function<void()> const& fill);
+// Bytes the heap hands out (malloc chunks with their headers, and mmapped
+// blocks) while `fill` runs and keeps what it builds.
+uint64_t heapGrowth(std::function<void()> const& fill);
 
 // --- progress ----------------------------------------------------------------
 

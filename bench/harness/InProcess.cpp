@@ -2,6 +2,7 @@
 // absl::flat_hash_map in one process (no sharing, no concurrent writer),
 // measured on the same rows and in the same order as the shared tables.
 #include <cstring>
+#include <memory>
 #include <tuple>
 #include <unordered_map>
 
@@ -82,9 +83,10 @@ Figures runMap(char const* system, Config const& c, Workload const& w, int rep) 
 
   if (rep == 0) {
     step("memory");
-    f.bytes = static_cast<double>(rssGrowthInChild([&w] {
-                Map fresh;
-                for (uint32_t i : w.order) fresh.insert_or_assign(w.keys[i], w.rows[i]);
+    std::unique_ptr<Map> fresh;
+    f.bytes = static_cast<double>(heapGrowth([&] {
+                fresh = std::make_unique<Map>();
+                for (uint32_t i : w.order) fresh->insert_or_assign(w.keys[i], w.rows[i]);
               })) /
               w.n;
   }

@@ -8,7 +8,14 @@
 // package versions and the command), the plot data and, with gnuplot, the
 // plots peers-lookup.png and peers-insert.png into the output directory.
 //
-//   flowtables-peers [--quick] [--reps R] [--sizes N,N,...] [--out DIR] [--no-plot]
+//   flowtables-peers [--quick] [--reps R] [--sizes N,N,...] [--out DIR]
+//                    [--systems NAME,...] [--latency-mib M] [--no-plot]
+//
+// --systems keeps the named systems only (as they are named in the tables:
+// flowtable, std::unordered_map, absl::flat_hash_map, LMDB,
+// Boost.Interprocess, "DPDK rte_hash"), for profiling one of them;
+// --latency-mib sizes the array of the memory latency figure (default 1024,
+// 64 in quick mode, 0 to skip it).
 //
 // --quick is the smoke test: N = 10^4, one repetition, short measurements,
 // every system and every load, output into ./peers-quick unless --out says
@@ -17,6 +24,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -54,13 +62,15 @@ struct Options {
   std::vector<uint32_t> sizes = {10000, 100000, 1000000};
   std::string out = FLOWTABLES_BENCH_DIR;
   bool plot = true;
+  std::vector<std::string> systems;  // empty: all
+  uint64_t latencyMiB = 1024;        // 0: not measured
   std::string command;
 };
 
 [[noreturn]] void usage(std::string const& why) {
   throw Lomi::InvalidInitializeException(
       "flowtables-peers: {}; usage: flowtables-peers [--quick] [--reps R] [--sizes N,N,...] "
-      "[--out DIR] [--no-plot]",
+      "[--out DIR] [--systems NAME,...] [--latency-mib M] [--no-plot]",
       why);
 }
 
@@ -96,6 +106,12 @@ Options parseOptions(int argc, char** argv) {
     } else if (a == "--out") {
       o.out = value();
       outGiven = true;
+    } else if (a == "--systems") {
+      std::stringstream ss(value());
+      for (std::string item; std::getline(ss, item, ',');) o.systems.push_back(item);
+    } else if (a == "--latency-mib") {
+      std::string const v = value();
+      o.latencyMiB = v == "0" ? 0 : parseCount(v, "--latency-mib");
     } else if (a == "--no-plot") {
       o.plot = false;
     } else {
@@ -108,6 +124,7 @@ Options parseOptions(int argc, char** argv) {
     if (o.command.find("--reps") == std::string::npos) o.config.reps = 1;
     o.config.minLookupSeconds = 0.01;
     if (!outGiven) o.out = "peers-quick";
+    if (o.command.find("--latency-mib") == std::string::npos) o.latencyMiB = 64;
   }
   return o;
 }
@@ -300,7 +317,7 @@ void writeResults(Options const& o, std::vector<System> const& systems, Table co
   add("");
   add("Keys: 36-byte HoIpFlowKey, records: 84-byte HoIpFlowConfig (the key inside). Lookups copy "
       "the value out and are checked (a wrong result fails the run). Memory: allocated blocks of "
-      "the files for shared systems, RSS growth of a fresh process for in-process maps. Ratio in "
+      "the files for shared systems, heap growth (mallinfo2) for in-process maps. Ratio in "
       "brackets: the figure divided by the flow table's, so above 1 means the flow table is faster "
       "(or smaller).");
   add("");
@@ -412,6 +429,17 @@ int run(int argc, char** argv) {
   for (uint32_t n : o.sizes) workloads.emplace(n, makeWorkload(n));
 
   Table table;
+  if (!o.systems.empty()) {
+    std::vector<System> chosen;
+    for (std::string const& name : o.systems) {
+      auto it = std::find_if(systems.begin(), systems.end(),
+                             [&](System const& s) { return s.name == name; });
+      if (it == systems.end()) usage("--systems names an unknown system '" + name + "'");
+      chosen.push_back(*it);
+    }
+    systems = chosen;
+  }
+
   for (System& sys : systems) {
     if (sys.name == "DPDK rte_hash") {
       std::string error;
