@@ -27,6 +27,8 @@
 
 #include <cerrno>
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <atomic>
@@ -53,6 +55,7 @@
 #include "Mem/CloneControl.h"
 #include "Mem/WriterLock.h"
 #include "Mirak/Util.h"
+#include "MirakCore/CriticalTaskClock.h"
 #include "MirakCore/WriterHashMap.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/KestorId.h"
@@ -149,6 +152,17 @@ class MirakWriter : public MirakInterface<OpsT> {
   Value* directUpdate(Key const& key) override;
   void directCommit() override;
 
+  // Slot compaction on request: compacts to the target size of a shrink (two
+  // to four times the occupancy, at least minSize()) if fewer than half of
+  // the shrink threshold's slots are in use, and does nothing otherwise, or
+  // for a fixed-size table, a table without shrinkSlots, or while the queue
+  // marks a shrink that is still open. Runs outside a critical section.
+  // Readers keep reading throughout. Precondition: attached, not in direct
+  // mode (asserted). Throws Lomi::CorruptionDetectedException if the free
+  // list and the counters disagree (nothing was moved then), and
+  // Lomi::MemoryResourceException if the file cannot be remapped.
+  void shrink();
+
   bool validateVersionAnchor() const override;
   void validateVersionAnchorHookIs(VersionAnchorHook hook) override { hook_ = hook; }
   Mem::CacheVersionAnchor getCacheVersionAnchor() const override {
@@ -209,7 +223,13 @@ class MirakWriter : public MirakInterface<OpsT> {
   uint32_t allocSlot(uint32_t hash, Link*& prev, Link*& curr);
   // The overwrite of an occupied slot through the lookaside slot.
   void overwrite(SlotT& s, Value const& value);
+  // Slot compaction with shrink threshold `threshold` (0: nothing to do).
   void doMaybeShrinkSlots(uint32_t threshold);
+  // Unlinks every slot at or above `newNumSlots` from the free list.
+  void purgeFreeSlots(uint32_t newNumSlots);
+  // Moves the entry of slot `from` to `to`, the head of the free list;
+  // `prev` is the link that points at `from`.
+  void move(uint32_t from, uint32_t to, Link* prev);
 
   Ops ops_;
   bool localMem_;
@@ -707,9 +727,201 @@ bool MirakWriter<OpsT>::remove(Key const& key, Value& removed) {
 }
 
 template <TablePolicy OpsT>
-void MirakWriter<OpsT>::doMaybeShrinkSlots(uint32_t) {
-  // Slot compaction moves entries to the lower part of the file and releases
-  // the rest; it is not part of this build yet, so a table keeps its capacity.
+void MirakWriter<OpsT>::shrink() {
+  SlotTable::Header const* h = slots_.header();
+  if (!h) throw Lomi::RuntimeException("{}: shrink of a table that is not attached", rootPath_);
+  FMASSERT(!inDirectMode(), handler_, "MirakWriter",
+           "shrink in direct mode, directSlot:{} - Make sure the DirectIs/Commit are properly "
+           "paired!",
+           directSlot_);
+  uint32_t const threshold = slots_.currentShrinkThreshold();
+  doMaybeShrinkSlots(h->occupiedSlots < threshold / 2 ? threshold : 0);
+}
+
+// SLOT COMPACTION
+//
+// A table that emptied out moves the entries of its upper slots into free
+// slots below a target size N and cuts the slot file down to N slots, while
+// readers read and shadows follow the queue. Steps:
+//   1. threshold 0: nothing to do.
+//   2. a shrink that the queue still marks as running (one that was cut short
+//      by an exception) is not run over: skip, the next remove tries again.
+//   3. N = max(minSlots, 2^(floor(log2 O) + 2)) for O occupied slots (0 for
+//      an empty table): two to four times the occupancy, so the table can
+//      grow at once without bouncing back. N < threshold: a SUPER SHRINK, the
+//      table fell past the next power of two in one step (shrinks skipped).
+//   4. purgeFreeSlots(N): the free list keeps only slots below N, in their
+//      order, so every move goes strictly down.
+//   5. the queue opens its corral: index changes from here on are moves, not
+//      key changes.
+//   6. the 10 ms deadline of the critical tasks.
+//   7. every OCCUPIED slot F >= N, ascending, moves to the head of the free
+//      list (move, below). Between two moves the table is consistent, and
+//      the critical tasks may run; they must not call into this table.
+//   8. the queue closes the corral and re-issues the moved entries' live
+//      notifications after it.
+//   9. numSlots = (version + 1, N) in one store, before the cut: readers stop
+//      using the tail before it goes (SlotWriterTable::shrinkTo).
+//  10. the mapping shrinks; the tail's memory goes back as a hole in the file,
+//      which keeps its length: a reader on an older mapping reads zeros there
+//      and never faults.
+//  11. counters. `mostSlots` stays: it is a high-water mark.
+// Cost: linear in capacity - N, paid in one call.
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::doMaybeShrinkSlots(uint32_t threshold) {
+  // 1
+  if (threshold == 0) return;
+  // 2
+  if constexpr (TesselWriter::hasQueue) {
+    if (tessel_.shrinkMarker() != 0) {
+      FMTRACE(handler_, 5, "MirakWriter", "shrink started, ignoring shrinkThreshold:{}", threshold);
+      return;
+    }
+  }
+  SlotTable::Header* const h = slots_.header();
+  // 3: O < threshold / 2 <= 2^30, so the shift stays below 32.
+  uint32_t const occupied = h->occupiedSlots;
+  uint32_t const p = occupied == 0 ? 0 : uint32_t(1) << (std::bit_width(occupied) + 1);
+  uint32_t const n = std::max(slots_.minSlots(), p);
+  FMTRACE(handler_, 5, "MirakWriter", "threshold:{} shrinkThreshold:{}{}", n, threshold,
+          threshold > n ? " SUPER SHRINK!" : "");
+  uint32_t const oldCapacity = slots_.capacity();
+  // 4
+  purgeFreeSlots(n);
+  // 5
+  tessel_.markShrinkStart();
+  // 6
+  MirakCore::CriticalTaskClock clock(criticalTaskCheck_);
+  // 7: the mapping does not move before step 10.
+  uint64_t moved = 0;
+  for (uint32_t from = n; from < oldCapacity; from++) {
+    SlotT& s = slots_.slots()[from];
+    if (!(s.versionFlags & SlotTable::OCCUPIED)) {
+      FMTRACE(handler_, 9, "MirakWriter", "skipping not occupied slot:{}", from);
+      continue;
+    }
+    slots_.versionAnchor().set(s.versionFlags, &s.versionFlags, slots_.base());
+    Key const key = Ops::key(s.value);
+    uint32_t const hash = ops_.hash(key);
+    uint32_t const bucket = map_.bucketOf(hash);
+    Link* prev = nullptr;
+    Link* curr = nullptr;
+    bool const found = map_.find(key, bucket, &prev, &curr, hash);
+    FMASSERT(found, handler_, "MirakWriter", "fromSlot:{} key not found", from);
+    // The key found must be this slot's: relinking a link that points
+    // elsewhere would lose an entry.
+    FMASSERT(prev != nullptr && prev->next == from, handler_, "MirakWriter",
+             "fromSlot:{} not referenced", from);
+    move(from, h->freeSlots, prev);
+    moved++;
+    clock.tick();
+  }
+  // 8
+  tessel_.markShrinkEnd();
+  // 9, 10
+  FMTRACE(handler_, 5, "MirakWriter", "newNumSlots:{}", n);
+  slots_.shrinkTo(n);
+  // 11
+  FMTRACE(handler_, 2, "MirakWriter", "{} from {} slots to {}", slots_.name(), oldCapacity, n);
+  FMTRACE(handler_, 5, "MirakWriter", "at threshold:{} done", threshold);
+  counters_.slotsMoved += moved;
+}
+
+// The free list is the writer's alone (readers never walk it); the link
+// stores keep the version rule of every link all the same.
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::purgeFreeSlots(uint32_t newNumSlots) {
+  SlotTable::Header* const h = slots_.header();
+  uint32_t const capacity = slots_.capacity();
+  // 1
+  FMASSERT(newNumSlots < capacity, handler_, "MirakWriter", "bad threshold: {} numSlots:{}",
+           newNumSlots, capacity);
+  FMASSERT(h->freeSlots != kNoSlot, handler_, "MirakWriter", "free-list is empty");
+  // 2: a list longer than the table has a cycle; the count check below
+  // reports it.
+  uint32_t count = 0;
+  uint32_t prevIndex = kNoSlot;
+  for (uint32_t index = h->freeSlots; index != kNoSlot && count <= capacity;) {
+    count++;
+    SlotT& s = slots_.slots()[index];
+    uint32_t const next = s.link.next;
+    if (index >= newNumSlots) {
+      // 3: unlinked; the predecessor stays.
+      FMTRACE(handler_, 7, "MirakWriter", "removing slot id {} from free-list", index);
+      if (prevIndex != kNoSlot) {
+        Link& p = slots_.slots()[prevIndex].link;
+        Mem::storeRelease(p, Link{p.version + Link::kVersionStep, next});
+      } else {
+        Mem::storeRelease(h->freeSlots, next);
+      }
+    } else {
+      // 4
+      prevIndex = index;
+    }
+    index = next;
+  }
+  // 5
+  uint32_t const stored = h->numSlots.value;
+  if (count + h->occupiedSlots != stored) {
+    throw Lomi::CorruptionDetectedException(
+        "numSlots mismatch, length of freeList: {}, occupiedSlots: {} do not add up to numSlots: "
+        "{}",
+        count, h->occupiedSlots, stored);
+  }
+}
+
+// Store order of a move (readers walk the chain throughout):
+//   2: to.rhash; header freeSlots = to.next (the slot leaves the free list)
+//   3: the value into `to`, which no chain reaches yet
+//   4: to.versionFlags = (word + 4) | OCCUPIED, one store: a reader that held
+//      `to` from an earlier life sees its word move
+//   5: to.link = (version + 4, from.next): the copy points into the chain
+//   6: prev = (version + 4, to): the chain runs through `to`. The entry is
+//      reachable at both places for a reader in flight, with equal contents
+//   7: notify(to): shadows hear of the new place
+//   8: tombstone(from): the old place is retired in the queue, so the next
+//      notification of `from` is not taken for a removal of the key
+//   9: from.versionFlags loses OCCUPIED: a reader inside `from` restarts.
+//      `from` keeps its link, so a reader that passes through it still
+//      reaches the rest of the chain
+//  10: notify(from)
+// `from` does not go back on the free list: it lies beyond the new size.
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::move(uint32_t from, uint32_t to, Link* prev) {
+  // 1: an empty list fails the first test already; the second is a guard.
+  FMASSERT(to < from, handler_, "MirakWriter",
+           "should always move entries to lower section fromSlotId:{} toSlotId:{}", from, to);
+  FMASSERT(to != kNoSlot, handler_, "MirakWriter", "not valid toSlotId:{}", to);
+  SlotTable::Header* const h = slots_.header();
+  SlotT& src = slots_.slots()[from];
+  SlotT& dst = slots_.slots()[to];
+  // 2
+  Mem::storeRelease(dst.rhash, src.rhash);
+  Mem::storeRelease(h->freeSlots, dst.link.next);
+  // 3
+  std::memcpy(static_cast<void*>(&dst.value), &src.value, sizeof(Value));
+  // 4: the release store keeps the copy before the word.
+  if (dst.versionFlags & SlotTable::OCCUPIED) {
+    // Defensive, as in the insert: a free slot is never OCCUPIED.
+    Mem::storeRelease(dst.versionFlags, dst.versionFlags + 2);
+    Mem::storeRelease(dst.versionFlags, dst.versionFlags + 2);
+  } else {
+    Mem::storeRelease(dst.versionFlags, (dst.versionFlags + 4) | SlotTable::OCCUPIED);
+  }
+  // 5
+  Mem::storeRelease(dst.link, Link{dst.link.version + Link::kVersionStep, src.link.next});
+  FMTRACE(handler_, 7, "MirakWriter", "fromSlotId:{} toSlotId:{}", from, to);
+  FMTRACE(handler_, 9, "MirakWriter", "moving fromSlot:{} toSlot:{}", from, to);
+  // 6: from here on the chain runs through the new slot.
+  Mem::storeRelease(*prev, Link{prev->version + Link::kVersionStep, to});
+  // 7
+  tessel_.notify(to);
+  // 8
+  tessel_.tombstone(from);
+  // 9
+  Mem::storeRelease(src.versionFlags, src.versionFlags & ~SlotTable::OCCUPIED);
+  // 10
+  tessel_.notify(from);
 }
 
 template <TablePolicy OpsT>

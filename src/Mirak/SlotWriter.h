@@ -16,6 +16,10 @@
 //     set on purpose: the table may be half-changed.
 //  4. The file is never copied: it grows by remap, and every pointer into it
 //     is stale after `resize`.
+//  5. The capacity falls only at the end of a slot compaction (shrinkTo):
+//     the smaller `numSlots` is published before the mapping is cut, and the
+//     file is never shortened (its tail becomes a hole), so no reader faults
+//     on an older, longer mapping.
 #pragma once
 
 #include <bit>
@@ -127,8 +131,18 @@ class SlotWriterTable {
     }
     return n > c ? n : c + 1;
   }
-  // Remaps the file for `newNumSlots` slots. Updates neither capacity nor slots.
+  // Remaps the file for `newNumSlots` slots. Updates neither capacity nor
+  // slots; the version anchor follows the mapping (rebased, or gone if its
+  // word lies beyond the new size).
   void resize(uint32_t newNumSlots);
+  // The end of a slot compaction: publishes `newNumSlots` in `numSlots`
+  // (version + 1), then cuts the mapping down and releases the file's tail,
+  // then refreshes the cached capacity, slots and shrink threshold.
+  // Precondition: every slot at or above `newNumSlots` is unused and off the
+  // free list, and `newNumSlots` is below the capacity. Throws
+  // Lomi::MemoryResourceException if the remap fails; `numSlots` holds the
+  // new count then, and the caller's critical section stays marked.
+  void shrinkTo(uint32_t newNumSlots);
   // Puts `index` on the free list. Returns the shrink threshold if a shrink is
   // due, else 0.
   uint32_t dealloc(uint32_t index);
@@ -378,7 +392,36 @@ void SlotWriterTable<Value>::resize(uint32_t newNumSlots) {
             newBase);
     counters_.remaps++;
   }
+  // The old base may be unmapped now; an anchor on a slot that was cut off
+  // can never be current again.
+  if (!anchor_.neverSet() && !anchor_.isGone()) {
+    if (uint64_t(anchor_.offset) + sizeof(uint32_t) <= size) {
+      anchor_.base = newBase;
+    } else {
+      anchor_.gone();
+    }
+  }
   FMTRACE(handler_, 5, "SlotWriterTable", "to {} successfully", newNumSlots);
+}
+
+// Store order of a shrink's end (slot compaction, steps 9 and 10):
+//   9: `numSlots` = (version + 1, N), one 8-byte release store. Readers learn
+//      of the smaller size here, before anything is taken away: a reader that
+//      still maps the tail finds the version moved and remaps.
+//  10: the mapping shrinks to N slots; the tail's memory goes back by a hole
+//      punched into the file, whose length stays, so a reader that still maps
+//      the older, longer range reads zeros there and never faults.
+template <typename Value>
+void SlotWriterTable<Value>::shrinkTo(uint32_t newNumSlots) {
+  FMASSERT(newNumSlots < capacity_ && newNumSlots != 0, handler_, "SlotWriterTable",
+           "bad threshold: {} numSlots:{}", newNumSlots, capacity_);
+  // 9
+  Mem::storeRelease(header_->numSlots,
+                    Mem::VersionedRef<unsigned int>{header_->numSlots.version + 1, newNumSlots});
+  // 10
+  resize(newNumSlots);
+  refresh();
+  counters_.slotShrinks++;
 }
 
 template <typename Value>

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Lomi/Trace.h"
@@ -24,8 +25,23 @@ struct RecordingQueueWriter {
     ++sequence_;
     lastSequence[slot] = sequence_;
     notified.push_back(slot);
+    events.push_back({'n', slot});
   }
-  void tombstone(uint32_t slot) { lastSequence.erase(slot); }
+  void tombstone(uint32_t slot) {
+    lastSequence.erase(slot);
+    events.push_back({'t', slot});
+  }
+  // A slot compaction's corral: the marker is the sequence it opened at, and
+  // 0 while no shrink runs.
+  void markShrinkStart() {
+    marker = sequence_ + 1;
+    events.push_back({'s', 0});
+  }
+  void markShrinkEnd() {
+    marker = 0;
+    events.push_back({'e', 0});
+  }
+  uint64_t shrinkMarker() const { return marker; }
   uint64_t sequence() const { return sequence_; }
   void onDetach() {}
   void cleanup() {}
@@ -35,6 +51,10 @@ struct RecordingQueueWriter {
   uint64_t sequence_ = 0;
   std::map<uint32_t, uint64_t> lastSequence;  // the one live entry of each slot
   std::vector<uint32_t> notified;
+  uint64_t marker = 0;
+  // Every call in order: 'n' notify, 't' tombstone (with the slot), 's' and
+  // 'e' the shrink marks.
+  std::vector<std::pair<char, uint32_t>> events;
 };
 
 using WriterOps = Mirak::Ops<
