@@ -1,0 +1,298 @@
+// Mounting through the entities, as agents do it, with two real processes:
+// a reader agent started before its writer waits on its placeholders and
+// attaches by itself from its event loop; it follows the writer's re-mount
+// and keeps reading after the writer's death. Also the refusal of counter
+// tables as shadows, with the exact words.
+#include <time.h>
+
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/Factories.h"
+#include "FlowTracking/ReaderTestUtil.h"
+#include "FlowTracking/TableRows.h"
+#include "Lomi/EventLoop.h"
+#include "Mirak/MapDescriptor.h"
+#include "Mirak/TempRoot.h"
+#include "Parcel/KestorFile.h"
+
+namespace {
+
+using namespace FlowTracking;
+using FlowTrackingTest::forkChild;
+using FlowTrackingTest::reap;
+using FlowTrackingTest::RecordPipe;
+using Mirak::MapDescriptor;
+using Mirak::MirakType;
+
+constexpr double kWait = 30;  // seconds of event loop before a step fails
+constexpr uint32_t kRows = 200;
+constexpr uint32_t kFirstRemounted = 5000;
+
+enum Code : int32_t {
+  waiting = 1,
+  written,
+  attached,
+  rows,
+  verified,
+  remount,
+  reattached,
+  writerDead,
+  stillReading,
+};
+
+struct Msg {
+  int32_t code = 0;
+  int32_t value = 0;
+  double seconds = 0;
+};
+
+MapDescriptor descriptor(MirakType type, uint32_t size) {
+  MapDescriptor d(size);
+  d.type = type;
+  return d;
+}
+
+double wallNow() {
+  timespec ts;
+  ::clock_gettime(CLOCK_REALTIME, &ts);
+  return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
+}
+
+// The agent's entity, under a parent, as both processes build it: the same
+// names give the same table directories.
+struct Agent {
+  Zeb::Ptr<HoFlowConfig> root = hoFlowConfigFactory("agent");
+  Zeb::Ptr<HoFlowConfig> e = hoFlowConfigFactory("ftr");
+  Agent() { e->parentIs(root.get()); }
+  ~Agent() { e->parentIs(nullptr); }
+
+  void init(MirakType type, uint32_t size) {
+    e->hoIp6FlowConfigControl()->init(descriptor(type, size));
+    e->hoIpFlowConfigControl()->init(descriptor(type, size));
+  }
+  ZebMirak::CollectionControl& c4() const { return *e->hoIpFlowConfigControlRaw(); }
+  ZebMirak::CollectionControl& c6() const { return *e->hoIp6FlowConfigControlRaw(); }
+  bool mounted() const { return c4().mountStatus() == 1 && c6().mountStatus() == 1; }
+  // Seconds from the kestor file's write to now.
+  double sinceKestor() const {
+    return wallNow() - Parcel::KestorFile(e->hoIpFlowConfig().debugHandler(),
+                                          e->hoIpFlowConfig().rootPath(), false)
+                           .mtime();
+  }
+
+  // Rows first..first+n of version v, in both collections, by lookup and by
+  // walk; nothing else in the tables.
+  bool holds(uint32_t first, uint32_t n, uint32_t v) const {
+    auto& m4 = e->hoIpFlowConfig();
+    auto& m6 = e->hoIp6FlowConfig();
+    for (uint32_t i = first; i < first + n; i++) {
+      bool found = false;
+      auto const want4 = FlowTrackingTest::row<HoIpFlowConfig>(i, v);
+      auto const* got4 = m4.safeLookup(want4.key(), found, nullptr);
+      if (!found || !(*got4 == want4)) return false;
+      auto const want6 = FlowTrackingTest::row<HoIp6FlowConfig>(i, v);
+      auto const* got6 = m6.safeLookup(want6.key(), found, nullptr);
+      if (!found || !(*got6 == want6)) return false;
+    }
+    uint32_t walked = 0;
+    for (HoFlowConfig::HoIpFlowConfigMap::IteratorConst it(&m4); it.valid(); it.advance()) {
+      uint32_t const i = index(it.row().key().ipFlowKey());
+      if (i < first || i >= first + n) return false;
+      if (!(it.row() == FlowTrackingTest::row<HoIpFlowConfig>(i, v))) return false;
+      ++walked;
+    }
+    uint32_t walked6 = 0;
+    for (HoFlowConfig::HoIp6FlowConfigMap::IteratorConst it(&m6); it.valid(); it.advance()) {
+      uint32_t const i = index(it.row().key().ipFlowKey());
+      if (i < first || i >= first + n) return false;
+      if (!(it.row() == FlowTrackingTest::row<HoIp6FlowConfig>(i, v))) return false;
+      ++walked6;
+    }
+    return walked == n && walked6 == n;
+  }
+  // The row number a key was made from: its ports carry it (TableRows.h).
+  template <typename FlowKey>
+  static uint32_t index(FlowKey const& k) {
+    return uint32_t(k.srcPort()) | (uint32_t(k.dstPort()) << 16);
+  }
+
+  void write(uint32_t first, uint32_t n, uint32_t v) {
+    for (uint32_t i = first; i < first + n; i++) {
+      e->hoIpFlowConfigIs(FlowTrackingTest::row<HoIpFlowConfig>(i, v));
+      e->hoIp6FlowConfigIs(FlowTrackingTest::row<HoIp6FlowConfig>(i, v));
+    }
+  }
+};
+
+// Waits for one message on `in`, running the process's event loop meanwhile
+// (the pipe is one more descriptor of the loop).
+bool await(RecordPipe const& in, Msg& msg) {
+  Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+  bool got = false, ok = false;
+  loop.fdWatcherIs(in.readFd(), EPOLLIN, [&](uint32_t) {
+    ok = in.receive(msg);
+    got = true;
+  });
+  bool const done = loop.runUntil([&] { return got; }, kWait);
+  loop.fdWatcherDel(in.readFd());
+  return done && ok;
+}
+
+int readerAgent(RecordPipe& out, RecordPipe& in) {
+  Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+  Agent a;
+  a.init(MirakType::reader, 0);
+  auto& m4 = a.e->hoIpFlowConfig();
+  if (!m4.initialized() || m4.mountStatus() != 0 || a.c4().mountStatusReports() != 0 ||
+      a.c4().quiescedReports() != 0 || a.c6().mountStatusReports() != 0) {
+    return 10;
+  }
+  if (!out.send(Msg{waiting})) return 11;
+
+  // No writer yet: the sentries watch the base directory. Nothing but the
+  // loop brings the mount.
+  if (!loop.runUntil([&] { return a.mounted(); }, kWait)) return 12;
+  double const firstDelay = a.sinceKestor();
+  // Told once each, quiesced before the mount status.
+  if (!a.c4().quiesced() || a.c4().quiescedReports() != 1 || a.c4().mountStatusReports() != 1 ||
+      !a.c6().quiesced() || a.c6().quiescedReports() != 1 || a.c6().mountStatusReports() != 1) {
+    return 13;
+  }
+  if (!out.send(Msg{attached, 0, firstDelay})) return 14;
+
+  Msg cmd;
+  if (!await(in, cmd) || cmd.code != rows) return 15;
+  if (!a.holds(0, kRows, 1)) return 16;
+  auto& m6 = a.e->hoIp6FlowConfig();
+  Parcel::KestorId const firstKestor4 = m4.kestorId();
+  Parcel::KestorId const firstKestor6 = m6.kestorId();
+  if (!out.send(Msg{verified})) return 17;
+
+  // The writer cleans up and mounts anew: detach, then attach, by itself.
+  if (!loop.runUntil(
+          [&] {
+            return a.mounted() && m4.kestorId() != firstKestor4 && m6.kestorId() != firstKestor6;
+          },
+          kWait)) {
+    return 18;
+  }
+  double const secondDelay = a.sinceKestor();
+  // true, false, true; and a mount status after each.
+  if (a.c4().quiescedReports() != 3 || a.c4().mountStatusReports() != 3 ||
+      a.c6().quiescedReports() != 3) {
+    return 19;
+  }
+  if (!out.send(Msg{reattached, 0, secondDelay})) return 20;
+  if (!await(in, cmd) || cmd.code != rows) return 21;
+  if (!a.holds(kFirstRemounted, kRows / 2, 2)) return 22;
+  if (!out.send(Msg{verified})) return 23;
+
+  // The writer is killed: the files stay and so does this reader.
+  if (!await(in, cmd) || cmd.code != writerDead) return 24;
+  loop.runOnce(0);
+  if (!a.mounted() || !a.holds(kFirstRemounted, kRows / 2, 2)) return 25;
+  if (a.c4().quiescedReports() != 3) return 26;
+  if (!out.send(Msg{stillReading})) return 27;
+  // The agent's destructor takes the entity out of the tree, which detaches
+  // both collections, as an agent's shutdown does.
+  return 0;
+}
+
+int writerAgent(RecordPipe& out, RecordPipe& in) {
+  Agent a;
+  a.init(MirakType::writer, 1000);
+  if (a.c4().mountStatus() != 1 || a.c4().quiescedReports() != 1) return 30;
+  a.write(0, kRows, 1);
+  if (!out.send(Msg{written})) return 31;
+  Msg cmd;
+  if (!in.receive(cmd) || cmd.code != remount) return 32;
+  a.e->hoIp6FlowConfigControl()->collection()->cleanupAndDetach();
+  a.e->hoIpFlowConfigControl()->collection()->cleanupAndDetach();
+  a.init(MirakType::writer, 1000);
+  a.write(kFirstRemounted, kRows / 2, 2);
+  if (!out.send(Msg{written})) return 33;
+  // Waits to be killed.
+  in.receive(cmd);
+  return 34;
+}
+
+TEST(Mounting, AReaderAgentAttachesByItselfFollowsARemountAndOutlivesItsWriter) {
+  MirakTest::TempRoot root;
+  RecordPipe fromB, toB, fromA, toA;
+  pid_t const b = forkChild([&] { return readerAgent(fromB, toB); });
+  ASSERT_GT(b, 0);
+  Msg m;
+  ASSERT_TRUE(fromB.receive(m));
+  ASSERT_EQ(m.code, waiting);
+
+  pid_t const a = forkChild([&] { return writerAgent(fromA, toA); });
+  ASSERT_GT(a, 0);
+  ASSERT_TRUE(fromA.receive(m));
+  ASSERT_EQ(m.code, written);
+  ASSERT_TRUE(fromB.receive(m));
+  ASSERT_EQ(m.code, attached);
+  double const firstDelay = m.seconds;
+  ASSERT_TRUE(toB.send(Msg{rows}));
+  ASSERT_TRUE(fromB.receive(m));
+  ASSERT_EQ(m.code, verified);
+
+  ASSERT_TRUE(toA.send(Msg{remount}));
+  ASSERT_TRUE(fromA.receive(m));
+  ASSERT_EQ(m.code, written);
+  ASSERT_TRUE(fromB.receive(m));
+  ASSERT_EQ(m.code, reattached);
+  double const secondDelay = m.seconds;
+  ASSERT_TRUE(toB.send(Msg{rows}));
+  ASSERT_TRUE(fromB.receive(m));
+  ASSERT_EQ(m.code, verified);
+
+  ::kill(a, SIGKILL);
+  int const statusA = reap(a);
+  EXPECT_TRUE(WIFSIGNALED(statusA) && WTERMSIG(statusA) == SIGKILL);
+  ASSERT_TRUE(toB.send(Msg{writerDead}));
+  ASSERT_TRUE(fromB.receive(m));
+  EXPECT_EQ(m.code, stillReading);
+  int const statusB = reap(b);
+  EXPECT_TRUE(FlowTrackingTest::exitedWith(statusB, 0)) << "reader agent status " << statusB;
+  std::printf("kestor write to reader attach: first mount %.3f ms, after re-mount %.3f ms\n",
+              firstDelay * 1e3, secondDelay * 1e3);
+}
+
+// Tables without a change queue can be read, never shadowed.
+template <typename Control>
+void expectRefusedAsShadow(Control& control, std::string const& name, bool synchronous) {
+  for (MirakType type : {MirakType::shadow, MirakType::keyshadow}) {
+    MapDescriptor d = descriptor(type, 0);
+    d.synchronous = synchronous;
+    try {
+      control.init(d);
+      ADD_FAILURE() << "no exception for " << name;
+    } catch (Lomi::InvalidInitializeException const& e) {
+      EXPECT_EQ(e.msg(), "cannot initialize collection " + name + " with DummyTesselWriter not " +
+                             "supported in " + Mirak::formatMirakType(type) + " mode");
+    }
+  }
+}
+
+TEST(Mounting, CounterAndHosStateCollectionsAreRefusedAsShadowsAndMountAsReaders) {
+  MirakTest::TempRoot root;
+  auto counters = hoFlowCounterFactory("ctr");
+  auto states = hosStateCounterFactory("hos");
+  expectRefusedAsShadow(*counters->hoIpFlowCounterControl(), "ctr/hoIpFlowCounter", true);
+  expectRefusedAsShadow(*counters->hoIp6FlowCounterControl(), "ctr/hoIp6FlowCounter", true);
+  expectRefusedAsShadow(*states->hosStateIpCounterControl(), "hos/hosStateIpCounter", true);
+  // Asynchronous, with notifications on as such a mount requires.
+  states->hosStateIp6Counter().notifyingIs(true);
+  expectRefusedAsShadow(*states->hosStateIp6CounterControl(), "hos/hosStateIp6Counter", false);
+  EXPECT_FALSE(counters->hoIpFlowCounter().initialized());
+
+  counters->hoIpFlowCounterControl()->init(descriptor(MirakType::reader, 0));
+  EXPECT_TRUE(counters->hoIpFlowCounter().initialized());
+  EXPECT_EQ(counters->hoIpFlowCounter().mountStatus(), 0u);
+  counters->hoIpFlowCounter().controlDetach();
+}
+
+}  // namespace
