@@ -18,7 +18,7 @@ using HosStateCounterWriter = Mirak::MirakWriter<HosStateCounterOps>;
 
 }  // namespace FlowTracking
 
-#define FLOWTRACKING_WRITER_TEMPLATES(Prefix)                                \
+#define FLOWTRACKING_WRITER_TEMPLATES(Prefix)                                  \
   Prefix template class Mirak::MirakWriter<FlowTracking::HoIpFlowConfigOps>;   \
   Prefix template class Mirak::MirakWriter<FlowTracking::HoIp6FlowConfigOps>;  \
   Prefix template class Mirak::MirakWriter<FlowTracking::HoIpFlowStatusOps>;   \

@@ -66,7 +66,9 @@ bool traceSpecIs(std::string_view spec) {
     if (levels.empty()) return false;
     size_t i = 0;
     while (i < levels.size()) {
-      auto digit = [&](size_t k) { return k < levels.size() && levels[k] >= '0' && levels[k] <= '9'; };
+      auto digit = [&](size_t k) {
+        return k < levels.size() && levels[k] >= '0' && levels[k] <= '9';
+      };
       if (!digit(i)) return false;
       int lo = levels[i] - '0', hi = lo;
       i++;
@@ -98,8 +100,8 @@ void emit(DebugHandler const& handler, int level, char const* cls, char const* f
           std::string_view text) {
   using namespace std::chrono;
   double now = duration<double>(system_clock::now().time_since_epoch()).count();
-  std::string line = fmt::format("{:.6f} {} {} {}::{} {}", now, handler.name(), level, cls,
-                                 func, text);
+  std::string line =
+      fmt::format("{:.6f} {} {} {}::{} {}", now, handler.name(), level, cls, func, text);
   Registry& r = registry();
   TraceSink sink;
   {

@@ -26,7 +26,8 @@ class DebugHandler {
  public:
   static constexpr uint16_t kAllLevels = 0x3ff;
 
-  explicit DebugHandler(std::string name, uint16_t mask = 0) : name_(std::move(name)), mask_(mask) {}
+  explicit DebugHandler(std::string name, uint16_t mask = 0)
+      : name_(std::move(name)), mask_(mask) {}
   DebugHandler(DebugHandler const&) = delete;
   DebugHandler& operator=(DebugHandler const&) = delete;
 
@@ -90,18 +91,18 @@ template <typename... Args>
 
 // FMTRACE(handler, level, "Class", "format {}", args...): the arguments are
 // evaluated only when the level is on.
-#define FMTRACE(handler, level, cls, ...)                                               \
-  do {                                                                                  \
-    auto const& lomiTraceHandler_ = (handler);                                          \
-    if (lomiTraceHandler_.enabled(level))                                               \
-      ::Lomi::Platform::emit(lomiTraceHandler_, (level), (cls), __func__,               \
-                             ::fmt::format(__VA_ARGS__));                               \
+#define FMTRACE(handler, level, cls, ...)                                 \
+  do {                                                                    \
+    auto const& lomiTraceHandler_ = (handler);                            \
+    if (lomiTraceHandler_.enabled(level))                                 \
+      ::Lomi::Platform::emit(lomiTraceHandler_, (level), (cls), __func__, \
+                             ::fmt::format(__VA_ARGS__));                 \
   } while (0)
 
 // FMASSERT(cond, handler, "Class", "format {}", args...): stops the process with
 // the message when `cond` is false; the message is built only then.
-#define FMASSERT(cond, handler, cls, ...)                                               \
-  do {                                                                                  \
-    if (__builtin_expect(!(cond), 0))                                                   \
-      ::Lomi::assertFailed(&(handler), (cls), __func__, ::fmt::format(__VA_ARGS__));    \
+#define FMASSERT(cond, handler, cls, ...)                                            \
+  do {                                                                               \
+    if (__builtin_expect(!(cond), 0))                                                \
+      ::Lomi::assertFailed(&(handler), (cls), __func__, ::fmt::format(__VA_ARGS__)); \
   } while (0)

@@ -41,10 +41,14 @@ inline void storeRelaxed(T& word, T value) {
 
 // Orders a value copy (plain memcpy) before the re-check of its version word
 // in a seqlock read: load word (acquire), copy, acquireFence(), load word.
-inline void acquireFence() { std::atomic_thread_fence(std::memory_order_acquire); }
+inline void acquireFence() {
+  std::atomic_thread_fence(std::memory_order_acquire);
+}
 // Orders a value copy before the store that publishes it, where the publishing
 // store is not itself a release (see the writer's store orders).
-inline void releaseFence() { std::atomic_thread_fence(std::memory_order_release); }
+inline void releaseFence() {
+  std::atomic_thread_fence(std::memory_order_release);
+}
 
 struct Atomics {
   // The protocol needs single-copy atomic, naturally aligned 8-byte loads and

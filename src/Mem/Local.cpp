@@ -35,7 +35,8 @@ void* Local::resize(uint64_t size) {
   if (size == size_) return base_;
   void* p = ::mremap(base_, size_, size, MREMAP_MAYMOVE);
   if (p == MAP_FAILED) {
-    lastError_ = posixError(fmt::format("mremap of private memory from {} to {} bytes", size_, size), errno);
+    lastError_ =
+        posixError(fmt::format("mremap of private memory from {} to {} bytes", size_, size), errno);
     return nullptr;
   }
   base_ = p;

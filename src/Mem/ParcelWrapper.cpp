@@ -15,7 +15,9 @@ namespace Mem {
 
 ParcelWrapper::ParcelWrapper(std::string path) : path_(std::move(path)) {}
 
-ParcelWrapper::~ParcelWrapper() { detach(); }
+ParcelWrapper::~ParcelWrapper() {
+  detach();
+}
 
 void* ParcelWrapper::attach(uint64_t size, Mode mode, void* address) {
   detach();
@@ -27,7 +29,8 @@ void* ParcelWrapper::attach(uint64_t size, Mode mode, void* address) {
     return base_;
   }
   bool const rw = mode == Mode::ReadWrite;
-  int fd = ::open(path_.c_str(), rw ? (O_RDWR | O_CREAT | O_CLOEXEC) : (O_RDONLY | O_CLOEXEC), 0644);
+  int fd =
+      ::open(path_.c_str(), rw ? (O_RDWR | O_CREAT | O_CLOEXEC) : (O_RDONLY | O_CLOEXEC), 0644);
   if (fd < 0) {
     lastError_ = posixError(fmt::format("open {}", path_), errno);
     return nullptr;
@@ -120,7 +123,8 @@ void* ParcelWrapper::resize(uint64_t size) {
   }
   void* p = ::mremap(base_, mapped_, size, MREMAP_MAYMOVE);
   if (p == MAP_FAILED) {
-    lastError_ = posixError(fmt::format("mremap {} from {} to {} bytes", path_, mapped_, size), errno);
+    lastError_ =
+        posixError(fmt::format("mremap {} from {} to {} bytes", path_, mapped_, size), errno);
     return nullptr;
   }
   base_ = p;

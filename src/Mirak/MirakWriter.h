@@ -28,10 +28,10 @@
 #include <cerrno>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <cstring>
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -43,18 +43,18 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Atomics.h"
+#include "Mem/CloneControl.h"
 #include "Mem/RootPath.h"
 #include "Mem/VersionAnchor.h"
+#include "Mem/WriterLock.h"
 #include "Mirak/Counters.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/MirakInterface.h"
 #include "Mirak/Operations.h"
 #include "Mirak/SlotTable.h"
 #include "Mirak/SlotWriter.h"
-#include "Mirak/Validator.h"
-#include "Mem/CloneControl.h"
-#include "Mem/WriterLock.h"
 #include "Mirak/Util.h"
+#include "Mirak/Validator.h"
 #include "MirakCore/CriticalTaskClock.h"
 #include "MirakCore/WriterHashMap.h"
 #include "Parcel/KestorFile.h"
@@ -653,8 +653,8 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
   if (map_.find(key, bucket, &prev, &curr, hash)) {
     uint32_t const index = prev->next;
     SlotT& s = *Map::slotOf(curr);
-    FMTRACE(handler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}",
-            Ops::keyText(key), bucket, index, s.link.next);
+    FMTRACE(handler_, 9, "MirakWriter", "existing {} bucket:{} slot:{} next:{}", Ops::keyText(key),
+            bucket, index, s.link.next);
     if (!overwriteIt) return &s.value;
     overwrite(s, value);
     counters_.overwrites++;
@@ -680,8 +680,8 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
   Mem::storeRelease(s.versionFlags, (s.versionFlags + 2) | SlotTable::OCCUPIED);
   // 8: publish the entry.
   Mem::storeRelease(*prev, Link{prev->version + Link::kVersionStep, index});
-  FMTRACE(handler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Ops::keyText(key),
-          bucket, index, s.link.next);
+  FMTRACE(handler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Ops::keyText(key), bucket,
+          index, s.link.next);
   counters_.inserts++;
   // 9: buckets grow after the entry is visible.
   if (members() > map_.growThreshold()) map_.growBuckets();
@@ -981,10 +981,11 @@ auto MirakWriter<OpsT>::directWrite(Value const& value) -> Value* {
   counters_.directWrites++;
   // 6: an occupied slot is built in the lookaside slot; a new one in place.
   SlotT& s = slots_.slots()[index];
-  Value* destination = (s.versionFlags & SlotTable::OCCUPIED)
-                           ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
-                                                      sizeof(SlotTable::SlotHead))
-                           : &s.value;
+  Value* destination =
+      (s.versionFlags & SlotTable::OCCUPIED)
+          ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
+                                     sizeof(SlotTable::SlotHead))
+          : &s.value;
   std::memcpy(static_cast<void*>(destination), &value, sizeof(Value));
   FMTRACE(handler_, 9, "MirakWriter", "{}{} bucket:{} slot:{} next:{}",
           existing ? " existing " : " new ", Ops::keyText(key), bucket, index, s.link.next);
@@ -1026,10 +1027,11 @@ auto MirakWriter<OpsT>::directUpdate(Key const& key) -> Value* {
   directSlot_ = index;
   directNew_ = false;
   SlotT& s = slots_.slots()[index];
-  Value* destination = (s.versionFlags & SlotTable::OCCUPIED)
-                           ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
-                                                      sizeof(SlotTable::SlotHead))
-                           : &s.value;
+  Value* destination =
+      (s.versionFlags & SlotTable::OCCUPIED)
+          ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
+                                     sizeof(SlotTable::SlotHead))
+          : &s.value;
   // 5: the mode stays open without the marker.
   slots_.leaveCriticalSection();
   return destination;
@@ -1055,7 +1057,8 @@ void MirakWriter<OpsT>::directCommit() {
     Mem::storeRelease(look->rhash, s.rhash);
     Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
     Mem::releaseFence();
-    std::memcpy(&s.value, reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), sizeof(Value));
+    std::memcpy(&s.value, reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead),
+                sizeof(Value));
     Mem::storeRelease(s.versionFlags, s.versionFlags + 2);
   } else {
     Mem::storeRelease(s.versionFlags, (s.versionFlags + 4) | SlotTable::OCCUPIED);

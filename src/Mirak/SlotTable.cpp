@@ -25,8 +25,8 @@ Header* Header::format(void* mem, Lomi::Platform::DebugHandler const& handler, u
                        std::string const& valueTypeName, uint32_t valueSize, uint32_t hashSeed,
                        void const* defaultValue) {
   if (valueTypeName.size() >= kValueTypeLen) {
-    throw Lomi::InvalidInitializeException("value typename {} exceeds {} characters",
-                                           valueTypeName, kValueTypeLen);
+    throw Lomi::InvalidInitializeException("value typename {} exceeds {} characters", valueTypeName,
+                                           kValueTypeLen);
   }
   auto* h = static_cast<Header*>(mem);
   std::memcpy(h->magic, kMagic, sizeof kMagic);
@@ -111,7 +111,8 @@ bool Header::validate(Lomi::Platform::DebugHandler const& handler, uint64_t file
   if (fileSize < tableHeaderSize) {
     return fail(fmt::format("bad header file size: {} wanted:{}", fileSize, tableHeaderSize));
   }
-  if (fileSize >= Mem::Local::maxMappingSize()) return fail(fmt::format("bad file size:{}", fileSize));
+  if (fileSize >= Mem::Local::maxMappingSize())
+    return fail(fmt::format("bad file size:{}", fileSize));
   uint64_t wanted;
   try {
     wanted = Lomi::Util::fileSizeHelper(capacity, tableSlotSize, tableHeaderSize);
@@ -119,7 +120,8 @@ bool Header::validate(Lomi::Platform::DebugHandler const& handler, uint64_t file
     return fail(fmt::format("bad numSlots: {} message: {}", capacity, e.msg()));
   }
   if (fileSize < wanted) {
-    return fail(fmt::format("bad shmem size:{} wanted:{} for {} slots", fileSize, wanted, capacity));
+    return fail(
+        fmt::format("bad shmem size:{} wanted:{} for {} slots", fileSize, wanted, capacity));
   }
   return true;
 }

@@ -74,7 +74,9 @@ constexpr uint16_t kConstFlagQueue = 2;
 // runtimeFlags bits.
 constexpr uint16_t kRuntimeFlagCritical = 1;
 
-constexpr uint32_t slotSizeFor(uint32_t valueSize) { return (16 + valueSize + 7) / 8 * 8; }
+constexpr uint32_t slotSizeFor(uint32_t valueSize) {
+  return (16 + valueSize + 7) / 8 * 8;
+}
 constexpr uint32_t headerSizeFor(uint32_t valueSize) {
   return kHeaderFixedSize + slotSizeFor(valueSize);
 }
@@ -146,7 +148,8 @@ struct Header {
     return reinterpret_cast<SlotHead*>(reinterpret_cast<char*>(this) + kHeaderFixedSize);
   }
   SlotHead const* lookaside() const {
-    return reinterpret_cast<SlotHead const*>(reinterpret_cast<char const*>(this) + kHeaderFixedSize);
+    return reinterpret_cast<SlotHead const*>(reinterpret_cast<char const*>(this) +
+                                             kHeaderFixedSize);
   }
 };
 

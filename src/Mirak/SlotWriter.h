@@ -186,7 +186,9 @@ class SlotWriterTable {
   Slots const& slots() const { return slots_; }
   char* base() const { return static_cast<char*>(wrapper_.base()); }
   // Bytes of the mapping that hold the header and the current capacity.
-  uint64_t usedBytes() const { return uint64_t(Geometry::headerSize) + uint64_t(capacity_) * Geometry::slotSize; }
+  uint64_t usedBytes() const {
+    return uint64_t(Geometry::headerSize) + uint64_t(capacity_) * Geometry::slotSize;
+  }
   Mem::ParcelWrapper& wrapper() { return wrapper_; }
   Mem::ParcelWrapper const& wrapper() const { return wrapper_; }
   Mem::VersionAnchor& versionAnchor() { return anchor_; }
@@ -250,7 +252,8 @@ template <typename Value>
 int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   detach();
   uint64_t const existing = wrapper_.memSize();
-  uint64_t const size = Lomi::Util::fileSizeHelper(minSlots_, Geometry::slotSize, Geometry::headerSize);
+  uint64_t const size =
+      Lomi::Util::fileSizeHelper(minSlots_, Geometry::slotSize, Geometry::headerSize);
   if (!wrapper_.attach(size, Mem::ParcelWrapper::Mode::ReadWrite)) {
     throw Lomi::InvalidInitializeException("cannot attach to shmem {} size:{}: {}",
                                            wrapper_.getFilename(), size, wrapper_.lastError());
@@ -276,8 +279,8 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   }
   if (!reformat) {
     hashSeed_ = header_->hashSeed;
-    uint64_t const storedSize = Lomi::Util::fileSizeHelper(header_->numSlots.value, Geometry::slotSize,
-                                                           Geometry::headerSize);
+    uint64_t const storedSize = Lomi::Util::fileSizeHelper(
+        header_->numSlots.value, Geometry::slotSize, Geometry::headerSize);
     if (!wrapper_.resize(storedSize)) {
       throw Lomi::MemoryResourceException("failed to resize {} to size {} : {}",
                                           wrapper_.getFilename(), storedSize, wrapper_.lastError());
@@ -298,9 +301,9 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   }
   uint32_t const seed = static_cast<uint32_t>(std::rand());
   hashSeed_ = seed;
-  SlotTable::Header::format(wrapper_.base(), handler_, minSlots_, config_.maxSlots, config_.constFlags,
-                            kestor, config_.valueTypeName, Geometry::valueSize, seed,
-                            &defaultValue());
+  SlotTable::Header::format(wrapper_.base(), handler_, minSlots_, config_.maxSlots,
+                            config_.constFlags, kestor, config_.valueTypeName, Geometry::valueSize,
+                            seed, &defaultValue());
   refresh();
   addFreeSlots(0, minSlots_);
   Mem::storeRelease(header_->freeSlots, 0u);
@@ -326,7 +329,8 @@ void SlotWriterTable<Value>::detach() {
 
 template <typename Value>
 void SlotWriterTable<Value>::addFreeSlots(uint32_t start, uint32_t end) {
-  FMASSERT(start < end, handler_, "SlotWriterTable", "bad index range, start: {} end: {}", start, end);
+  FMASSERT(start < end, handler_, "SlotWriterTable", "bad index range, start: {} end: {}", start,
+           end);
   FMASSERT(header_->freeSlots == kNoSlot, handler_, "SlotWriterTable", "free-list is not empty");
   uint32_t next = kNoSlot;
   for (uint32_t i = end; i-- > start;) {
@@ -377,9 +381,11 @@ template <typename Value>
 void SlotWriterTable<Value>::resize(uint32_t newNumSlots) {
   FMTRACE(handler_, 5, "SlotWriterTable", "{} from {} to {} slots", name_, capacity_, newNumSlots);
   if (newNumSlots > config_.maxSlots) {
-    FMTRACE(handler_, 5, "SlotWriterTable", "overflowing by {} slots", newNumSlots - config_.maxSlots);
+    FMTRACE(handler_, 5, "SlotWriterTable", "overflowing by {} slots",
+            newNumSlots - config_.maxSlots);
   }
-  uint64_t const size = Lomi::Util::fileSizeHelper(newNumSlots, Geometry::slotSize, Geometry::headerSize);
+  uint64_t const size =
+      Lomi::Util::fileSizeHelper(newNumSlots, Geometry::slotSize, Geometry::headerSize);
   void* const oldBase = wrapper_.base();
   void* const newBase = wrapper_.resize(size);
   if (!newBase) {
@@ -447,8 +453,8 @@ void SlotWriterTable<Value>::alloc() {
   // A refused insert changed nothing: the critical bit is cleared before the
   // throw, unlike any other exception of a critical section.
   leaveCriticalSection();
-  throw TableFullException("Mirak table full (occupancy:{} tableSize:{}) {}", header_->occupiedSlots,
-                           config_.maxSlots, name_);
+  throw TableFullException("Mirak table full (occupancy:{} tableSize:{}) {}",
+                           header_->occupiedSlots, config_.maxSlots, name_);
 }
 
 template <typename Value>

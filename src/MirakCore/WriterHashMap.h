@@ -50,13 +50,13 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Atomics.h"
-#include "MirakCore/BitReverse.h"
-#include "MirakCore/BucketWriter.h"
-#include "MirakCore/CriticalTaskClock.h"
 #include "Mirak/Counters.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/SlotLink.h"
 #include "Mirak/SlotWriter.h"
+#include "MirakCore/BitReverse.h"
+#include "MirakCore/BucketWriter.h"
+#include "MirakCore/CriticalTaskClock.h"
 
 namespace MirakCore {
 
@@ -195,8 +195,8 @@ void WriterHashMap<Access>::verifyNextBucket(uint32_t bucket, uint32_t next) con
     ok = next == bitReversePermute(bucket, buckets_.bucketFactor()) % n;
   }
   if (!ok) {
-    throw Lomi::CorruptionDetectedException("has bucket: {} with next bucket: {} and numBuckets: {}",
-                                            bucket, next, n);
+    throw Lomi::CorruptionDetectedException(
+        "has bucket: {} with next bucket: {} and numBuckets: {}", bucket, next, n);
   }
 }
 
@@ -332,8 +332,8 @@ bool WriterHashMap<Access>::nextSlow(Key const& key, Value& value, Mirak::IterHi
     SlotT const& s = slots_.slots()[index];
     if (!(s.versionFlags & Mirak::SlotTable::OCCUPIED)) {
       throw Lomi::CorruptionDetectedException(
-          "slow-path slot:{} not marked as occupied key:{} slotCount:{}", index, Access::keyText(key),
-          count);
+          "slow-path slot:{} not marked as occupied key:{} slotCount:{}", index,
+          Access::keyText(key), count);
     }
     Key const slotKey = Access::key(s.value);
     uint32_t const slotHash = access_.hash(slotKey);

@@ -17,7 +17,8 @@ class KestorId {
  public:
   constexpr KestorId() = default;
   constexpr explicit KestorId(uint32_t value) : value_(value) {}
-  constexpr KestorId(uint16_t low, uint16_t high) : value_(uint32_t(low) | (uint32_t(high) << 16)) {}
+  constexpr KestorId(uint16_t low, uint16_t high)
+      : value_(uint32_t(low) | (uint32_t(high) << 16)) {}
 
   constexpr uint32_t value() const { return value_; }
   constexpr uint16_t low() const { return static_cast<uint16_t>(value_ & 0xffffu); }
@@ -25,7 +26,9 @@ class KestorId {
   constexpr bool isZero() const { return value_ == 0; }
 
   // The id of the next re-format: high half + 1 (mod 2^16), low half kept.
-  constexpr KestorId reformatted() const { return KestorId(low(), static_cast<uint16_t>(high() + 1)); }
+  constexpr KestorId reformatted() const {
+    return KestorId(low(), static_cast<uint16_t>(high() + 1));
+  }
 
   friend constexpr bool operator==(KestorId, KestorId) = default;
 

@@ -24,11 +24,21 @@ void* operator new(size_t size) {
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }
-void* operator new[](size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+void* operator new[](size_t size) {
+  return operator new(size);
+}
+void operator delete(void* p) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p) noexcept {
+  std::free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p, size_t) noexcept {
+  std::free(p);
+}
 #pragma GCC diagnostic pop
 
 namespace FlowTrackingTest {
@@ -42,8 +52,8 @@ TYPED_TEST(NoAllocationTest, HotPathOfAGrownTableAllocatesNothing) {
   using Ops = typename OpsOf<TypeParam>::type;
   MirakTest::TempRoot root;
   Mirak::MapDescriptor d(4096);
-  Mirak::MirakWriter<Ops> w(Lomi::Platform::getDebugHandler("NoAllocationTest"), "flowtracking/noalloc",
-                            d, Ops(0));
+  Mirak::MirakWriter<Ops> w(Lomi::Platform::getDebugHandler("NoAllocationTest"),
+                            "flowtracking/noalloc", d, Ops(0));
   w.initialize("test");
   uint32_t const n = std::min<uint32_t>(keySpace<TypeParam>(), 3000);
   // Grow the table first: growth may allocate (remaps, bucket files).

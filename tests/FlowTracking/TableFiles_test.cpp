@@ -58,13 +58,34 @@ struct Expected {
 
 template <typename Record>
 Expected expected();
-template <> Expected expected<HoIpFlowConfig>() { return {"FlowTracking::HoIpFlowConfig", 84, 104, 688, 2}; }
-template <> Expected expected<HoIp6FlowConfig>() { return {"FlowTracking::HoIp6FlowConfig", 108, 128, 712, 2}; }
-template <> Expected expected<HoIpFlowStatus>() { return {"FlowTracking::HoIpFlowStatus", 56, 72, 656, 2}; }
-template <> Expected expected<HoIp6FlowStatus>() { return {"FlowTracking::HoIp6FlowStatus", 80, 96, 680, 2}; }
-template <> Expected expected<HoIpFlowCounter>() { return {"FlowTracking::HoIpFlowCounter", 72, 88, 672, 0}; }
-template <> Expected expected<HoIp6FlowCounter>() { return {"FlowTracking::HoIp6FlowCounter", 96, 112, 696, 0}; }
-template <> Expected expected<HosStateCounterEntry>() { return {"FlowTracking::HosStateCounterEntry", 8, 24, 608, 0}; }
+template <>
+Expected expected<HoIpFlowConfig>() {
+  return {"FlowTracking::HoIpFlowConfig", 84, 104, 688, 2};
+}
+template <>
+Expected expected<HoIp6FlowConfig>() {
+  return {"FlowTracking::HoIp6FlowConfig", 108, 128, 712, 2};
+}
+template <>
+Expected expected<HoIpFlowStatus>() {
+  return {"FlowTracking::HoIpFlowStatus", 56, 72, 656, 2};
+}
+template <>
+Expected expected<HoIp6FlowStatus>() {
+  return {"FlowTracking::HoIp6FlowStatus", 80, 96, 680, 2};
+}
+template <>
+Expected expected<HoIpFlowCounter>() {
+  return {"FlowTracking::HoIpFlowCounter", 72, 88, 672, 0};
+}
+template <>
+Expected expected<HoIp6FlowCounter>() {
+  return {"FlowTracking::HoIp6FlowCounter", 96, 112, 696, 0};
+}
+template <>
+Expected expected<HosStateCounterEntry>() {
+  return {"FlowTracking::HosStateCounterEntry", 8, 24, 608, 0};
+}
 
 template <typename Record>
 class TableFilesTest : public ::testing::Test {

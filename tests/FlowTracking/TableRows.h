@@ -41,7 +41,9 @@ inline Ip6FlowKey ip6FlowKey(uint32_t i) {
   return k;
 }
 
-inline Nimbet::IntfId intf(uint32_t i) { return Nimbet::IntfId(1000 + i % 48, 0); }
+inline Nimbet::IntfId intf(uint32_t i) {
+  return Nimbet::IntfId(1000 + i % 48, 0);
+}
 
 // Row i of table Record, version v.
 template <typename Record>
@@ -113,15 +115,37 @@ constexpr uint32_t keySpace() {
 // The policy of each record's table.
 template <typename Record>
 struct OpsOf;
-template <> struct OpsOf<HoIpFlowConfig> { using type = HoIpFlowConfigOps; };
-template <> struct OpsOf<HoIp6FlowConfig> { using type = HoIp6FlowConfigOps; };
-template <> struct OpsOf<HoIpFlowStatus> { using type = HoIpFlowStatusOps; };
-template <> struct OpsOf<HoIp6FlowStatus> { using type = HoIp6FlowStatusOps; };
-template <> struct OpsOf<HoIpFlowCounter> { using type = HoIpFlowCounterOps; };
-template <> struct OpsOf<HoIp6FlowCounter> { using type = HoIp6FlowCounterOps; };
-template <> struct OpsOf<HosStateCounterEntry> { using type = HosStateCounterOps; };
+template <>
+struct OpsOf<HoIpFlowConfig> {
+  using type = HoIpFlowConfigOps;
+};
+template <>
+struct OpsOf<HoIp6FlowConfig> {
+  using type = HoIp6FlowConfigOps;
+};
+template <>
+struct OpsOf<HoIpFlowStatus> {
+  using type = HoIpFlowStatusOps;
+};
+template <>
+struct OpsOf<HoIp6FlowStatus> {
+  using type = HoIp6FlowStatusOps;
+};
+template <>
+struct OpsOf<HoIpFlowCounter> {
+  using type = HoIpFlowCounterOps;
+};
+template <>
+struct OpsOf<HoIp6FlowCounter> {
+  using type = HoIp6FlowCounterOps;
+};
+template <>
+struct OpsOf<HosStateCounterEntry> {
+  using type = HosStateCounterOps;
+};
 
-using AllRecords = ::testing::Types<HoIpFlowConfig, HoIp6FlowConfig, HoIpFlowStatus, HoIp6FlowStatus,
-                                    HoIpFlowCounter, HoIp6FlowCounter, HosStateCounterEntry>;
+using AllRecords =
+    ::testing::Types<HoIpFlowConfig, HoIp6FlowConfig, HoIpFlowStatus, HoIp6FlowStatus,
+                     HoIpFlowCounter, HoIp6FlowCounter, HosStateCounterEntry>;
 
 }  // namespace FlowTrackingTest

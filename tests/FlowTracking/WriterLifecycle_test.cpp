@@ -404,7 +404,8 @@ TEST(OwnershipTest, CleanupRemovesEveryFileEvenWithADamagedOwnerFile) {
   Writer w(handler(), kTable, descriptor(), HoIpFlowConfigOps(0));
   w.cleanup();
   std::vector<std::string> left;
-  for (auto const& e : std::filesystem::directory_iterator(dir)) left.push_back(e.path().filename());
+  for (auto const& e : std::filesystem::directory_iterator(dir))
+    left.push_back(e.path().filename());
   EXPECT_TRUE(left.empty()) << "left: " << ::testing::PrintToString(left);
 }
 

@@ -40,7 +40,9 @@ TestValue value(uint32_t id, uint64_t count = 1, uint16_t zone = 0) {
   return TestValue(r);
 }
 
-TestKey key(uint32_t id, uint16_t zone = 0) { return TestKey{id, zone}; }
+TestKey key(uint32_t id, uint16_t zone = 0) {
+  return TestKey{id, zone};
+}
 
 Mirak::MapDescriptor descriptor(uint32_t size, bool local = true) {
   Mirak::MapDescriptor d(size);
@@ -157,7 +159,8 @@ TEST_P(WriterModelTest, AgreesWithAMapAndKeepsItsInvariants) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Tables, WriterModelTest,
-                         ::testing::Values(ModelCase{true, false, 3000}, ModelCase{true, true, 3000},
+                         ::testing::Values(ModelCase{true, false, 3000},
+                                           ModelCase{true, true, 3000},
                                            ModelCase{false, true, 5000}));
 
 // ---------------------------------------------------------------------------
@@ -184,7 +187,8 @@ TEST(SlotGrowth, ATableGrowsByTheRuleWhenItsFreeListRunsOut) {
     if (w->capacity() != capacities.back()) capacities.push_back(w->capacity());
   }
   for (size_t i = 1; i < capacities.size(); i++) {
-    EXPECT_EQ(capacities[i], Mirak::SlotWriterTable<TestValue>::nextCapacity(capacities[i - 1], 100));
+    EXPECT_EQ(capacities[i],
+              Mirak::SlotWriterTable<TestValue>::nextCapacity(capacities[i - 1], 100));
   }
   EXPECT_GT(capacities.back(), 100u) << "growth goes on past maxSlots";
   EXPECT_EQ(w->slotTable().header()->mostSlots, capacities.back());
@@ -228,7 +232,8 @@ TEST(SlotGrowth, AFailedGrowLeavesTheCriticalBitSet) {
       for (;; i++) w->write(value(i), true);
     } catch (Lomi::MemoryResourceException const& e) {
       bool const bitSet = w->slotTable().header()->runtimeFlags & 1;
-      bool const textOk = e.msg().find("failed to resize") == 0 && e.msg().find("Reason:") != std::string::npos;
+      bool const textOk =
+          e.msg().find("failed to resize") == 0 && e.msg().find("Reason:") != std::string::npos;
       // The failed insert is not in the table; everything before it is.
       bool found;
       w->lookup(key(i), found, nullptr);
@@ -375,7 +380,8 @@ using DirectModeDeathTest = ::testing::Test;
 
 TEST(DirectModeDeathTest, UnpairedCallsStopTheProcess) {
   auto w = makeWriter(descriptor(100));
-  EXPECT_DEATH(w->directCommit(), "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
+  EXPECT_DEATH(w->directCommit(),
+               "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
   w->directWrite(value(1));
   EXPECT_DEATH(w->write(value(2), true), "unbalanced directSlot:.* when writing value:");
   TestValue removed;

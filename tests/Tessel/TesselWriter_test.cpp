@@ -354,22 +354,21 @@ TEST_P(TesselDamagedRestart, IsReformatted) {
   EXPECT_EQ(w.entryCount(), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, TesselDamagedRestart,
-                         ::testing::Values(DamageCase{"magic", "tessel", 0, 0x21212121},
-                                           DamageCase{"version", "tessel", 8, 9},
-                                           DamageCase{"current table", "tessel", 44, 2},
-                                           DamageCase{"stamp (died inside a compaction)",
-                                                      "tessel.0", 0, 12345},
-                                           DamageCase{"count beyond capacity", "tessel.0", 8, 1000},
-                                           DamageCase{"capacity beyond any file", "tessel.0", 4,
-                                                      0xd2000000u},
-                                           DamageCase{"back reference", "tessel", 128 + 4 * 3, 7}),
-                         [](auto const& info) {
-                           std::string n = info.param.name;
-                           std::replace_if(
-                               n.begin(), n.end(), [](char c) { return !std::isalnum(c); }, '_');
-                           return n;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Cases, TesselDamagedRestart,
+    ::testing::Values(DamageCase{"magic", "tessel", 0, 0x21212121},
+                      DamageCase{"version", "tessel", 8, 9},
+                      DamageCase{"current table", "tessel", 44, 2},
+                      DamageCase{"stamp (died inside a compaction)", "tessel.0", 0, 12345},
+                      DamageCase{"count beyond capacity", "tessel.0", 8, 1000},
+                      DamageCase{"capacity beyond any file", "tessel.0", 4, 0xd2000000u},
+                      DamageCase{"back reference", "tessel", 128 + 4 * 3, 7}),
+    [](auto const& info) {
+      std::string n = info.param.name;
+      std::replace_if(
+          n.begin(), n.end(), [](char c) { return !std::isalnum(c); }, '_');
+      return n;
+    });
 
 TEST(TesselRestart, MissingTableFileIsReformatted) {
   TempDir dir;

@@ -1,6 +1,7 @@
 // Options, rows and the re-attaching reader loop of the reliability harness.
 #include "stress/Stress.h"
 
+#include <chrono>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -190,8 +191,20 @@ ReaderFigures readUntil(std::string const& name, uint32_t ids, uint32_t pinned, 
       FlowTrackingTest::readerTestHandler(),
       Mem::NaoRootPath(FlowTrackingTest::readerTestHandler(), name, false), false);
   uint64_t n = 0;
+  // After damage a reader waits for the next generation before it attaches
+  // again, as a sentry does: the damaged files are only replaced when the next
+  // writer re-formats them. It gives up waiting after a while, so that damage
+  // that is never re-formatted shows as more exceptions than re-formats.
+  Parcel::KestorId damaged;
+  std::chrono::steady_clock::time_point damagedAt;
   while (!stop()) {
+    if (!reader && !damaged.isZero() && kestorFile.read() == damaged &&
+        std::chrono::steady_clock::now() - damagedAt < std::chrono::seconds(5)) {
+      ::poll(nullptr, 0, 1);
+      continue;
+    }
     if (!reader) {
+      damaged = Parcel::KestorId();
       reader = FlowTrackingTest::makeReader<Record>(name);
       if (!reader->initialize("stress")) {
         // The writer is formatting: its kestor file comes last.
@@ -240,6 +253,8 @@ ReaderFigures readUntil(std::string const& name, uint32_t ids, uint32_t pinned, 
       f.corruptionExceptions++;
       f.note(e.what());
       takeCounters(*reader, f);
+      damaged = reader->kestorId();
+      damagedAt = std::chrono::steady_clock::now();
       reader.reset();
     } catch (std::exception const& e) {
       f.otherExceptions++;

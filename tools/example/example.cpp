@@ -23,7 +23,8 @@ int main() {
     flow.ipProtocolIs(Nimbet::ipProtoTcp);
     flow.srcPortIs(static_cast<uint16_t>(40000 + i));
     flow.dstPortIs(443);
-    HoIpFlowConfig row(HoIpFlowKey(flow, Nimbet::IntfId(Zeb::String("Ethernet" + std::to_string(i)))));
+    HoIpFlowConfig row(
+        HoIpFlowKey(flow, Nimbet::IntfId(Zeb::String("Ethernet" + std::to_string(i)))));
     row.createTimeIs(1700000000.25 + i);
     row.updateTimeIs(1700000000.75 + i);
     table.write(row, true);
