@@ -141,18 +141,13 @@ void ZebMirakMap<E, R, K, O>::entity(Zeb::String attributeName, Entity* e, Zeb::
   this->debugHandler_ = &Lomi::Platform::getDebugHandler("MirakTemp", true);
   this->name_ = fmt::format("{}/{}", e->name(), this->traceName_);
 
-  // Each callback reads entity_ when it runs, never a copy made here. The
-  // adapter is captured as a named pointer rather than as `this`: g++ 12's
-  // -fsanitize=vptr checks the closure object itself as the adapter when an
-  // implicit `this` capture meets a member-pointer call, a false report.
+  // Each callback reads entity_ when it runs, never a copy made here.
   Mem::Notify<Key, Value> n;
-  n.changeFn = [self = this, notify](Value const& row) {
-    (self->entity_->*notify)(Ops::key(row));
-  };
-  n.keyFn = [self = this, notify](Key const& key) { (self->entity_->*notify)(key); };
-  n.keyDelFn = [self = this, notify](Key const& key) { (self->entity_->*notify)(key); };
-  n.mountStatusFn = [self = this, mountStatusChanged] { (self->entity_->*mountStatusChanged)(); };
-  n.quiescedFn = [self = this, quiescedChanged](bool q) { (self->entity_->*quiescedChanged)(q); };
+  n.changeFn = [this, notify](Value const& row) { (entity_->*notify)(Ops::key(row)); };
+  n.keyFn = [this, notify](Key const& key) { (entity_->*notify)(key); };
+  n.keyDelFn = [this, notify](Key const& key) { (entity_->*notify)(key); };
+  n.mountStatusFn = [this, mountStatusChanged] { (entity_->*mountStatusChanged)(); };
+  n.quiescedFn = [this, quiescedChanged](bool q) { (entity_->*quiescedChanged)(q); };
   n.notifyLive = true;
   this->notify_ = std::move(n);
 
