@@ -151,7 +151,7 @@ bool EventLoop::timerDel(TimerId id) {
 }
 
 void EventLoop::timerArm() {
-  itimerspec spec{};
+  itimerspec deadline{};  // the kernel's timer value type
   if (!timers_.empty()) {
     // steady_clock is CLOCK_MONOTONIC on Linux, so its epoch is the timerfd's.
     auto const ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -160,10 +160,10 @@ void EventLoop::timerArm() {
     // An absolute time of 0 would disarm the timer; anything in the past
     // fires at once, which is what a due timer wants.
     int64_t const at = ns > 0 ? ns : 1;
-    spec.it_value.tv_sec = at / 1000000000;
-    spec.it_value.tv_nsec = at % 1000000000;
+    deadline.it_value.tv_sec = at / 1000000000;
+    deadline.it_value.tv_nsec = at % 1000000000;
   }
-  if (::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr) != 0) {
+  if (::timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &deadline, nullptr) != 0) {
     throwSystem("timerfd_settime", timerFd_, errno);
   }
 }

@@ -54,11 +54,11 @@ void traceMaskIs(std::string const& name, uint16_t mask) {
   }
 }
 
-bool traceSpecIs(std::string_view spec) {
-  auto eq = spec.find('=');
+bool traceSettingIs(std::string_view setting) {
+  auto eq = setting.find('=');
   if (eq == std::string_view::npos || eq == 0) return false;
-  std::string name(spec.substr(0, eq));
-  std::string_view levels = spec.substr(eq + 1);
+  std::string name(setting.substr(0, eq));
+  std::string_view levels = setting.substr(eq + 1);
   uint16_t mask = 0;
   if (levels == "all") {
     mask = DebugHandler::kAllLevels;

@@ -44,7 +44,7 @@ class DebugHandler {
 };
 
 // The handler of `name` in the process registry, created with mask 0 (or the
-// mask given by a pending `traceSpecIs`) on first use. With `shared` false a
+// mask given by a pending `traceSettingIs`) on first use. With `shared` false a
 // new private handler is made on every call; the caller owns it.
 DebugHandler& getDebugHandler(std::string const& name, bool shared = true);
 
@@ -54,7 +54,7 @@ void traceMaskIs(std::string const& name, uint16_t mask);
 
 // Parses "HANDLER=LEVELS" (LEVELS: digits "0-9" and ranges like "0-3,5", or
 // "all") and applies it with traceMaskIs. Returns false if it does not parse.
-bool traceSpecIs(std::string_view spec);
+bool traceSettingIs(std::string_view setting);
 
 // The sink that receives every emitted line (without a newline). The default
 // writes to stderr. An empty function restores the default.

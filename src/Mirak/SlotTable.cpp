@@ -91,8 +91,7 @@ bool Header::validate(Lomi::Platform::DebugHandler const& handler, uint64_t file
     return fail(fmt::format("bad kestor:{} wanted:{}", Parcel::KestorId(kestor), wantedKestor));
   }
   if (platform != Compatibility::kPlatform) {
-    return fail(fmt::format("bad platform specification: {} expecting: {}",
-                            Compatibility::platformType(platform),
+    return fail(fmt::format("bad platform: {} expecting: {}", Compatibility::platformType(platform),
                             Compatibility::platformType(Compatibility::kPlatform)));
   }
   uint32_t computed = checksum();

@@ -87,35 +87,35 @@ TEST(TraceSpec, ParsesLevelsRangesListsAndAll) {
   for (Case c :
        {Case{"0", 0x001}, Case{"9", 0x200}, Case{"0-3", 0x00f}, Case{"0-3,5", 0x02f},
         Case{"1,3,5-7", 0x0ea}, Case{"4-4", 0x010}, Case{"all", 0x3ff}, Case{"0-9", 0x3ff}}) {
-    std::string name = std::string("spec_") + c.levels;
+    std::string name = std::string("setting_") + c.levels;
     DebugHandler& h = Lomi::Platform::getDebugHandler(name);
-    ASSERT_TRUE(Lomi::Platform::traceSpecIs(name + "=" + c.levels)) << c.levels;
+    ASSERT_TRUE(Lomi::Platform::traceSettingIs(name + "=" + c.levels)) << c.levels;
     EXPECT_EQ(h.mask(), c.mask) << c.levels;
   }
 }
 
 TEST(TraceSpec, RefusesBadSpecsAndChangesNothing) {
-  DebugHandler& h = Lomi::Platform::getDebugHandler("specBad");
+  DebugHandler& h = Lomi::Platform::getDebugHandler("settingBad");
   h.maskIs(0x011);
-  for (char const* bad :
-       {"specBad", "=3", "specBad=", "specBad=a", "specBad=3-1", "specBad=1,", "specBad=1-",
-        "specBad=10", "specBad=1,,2", "specBad=-1", "specBad= 1", "specBad=ALL"}) {
-    EXPECT_FALSE(Lomi::Platform::traceSpecIs(bad)) << bad;
+  for (char const* bad : {"settingBad", "=3", "settingBad=", "settingBad=a", "settingBad=3-1",
+                          "settingBad=1,", "settingBad=1-", "settingBad=10", "settingBad=1,,2",
+                          "settingBad=-1", "settingBad= 1", "settingBad=ALL"}) {
+    EXPECT_FALSE(Lomi::Platform::traceSettingIs(bad)) << bad;
   }
   EXPECT_EQ(h.mask(), 0x011);
 }
 
 TEST(TraceSpec, AppliesToHandlersMadeLaterAndStarToAll) {
-  ASSERT_TRUE(Lomi::Platform::traceSpecIs("specLater=2"));
-  EXPECT_EQ(Lomi::Platform::getDebugHandler("specLater").mask(), 0x004);
-  DebugHandler& existing = Lomi::Platform::getDebugHandler("specStarExisting");
-  ASSERT_TRUE(Lomi::Platform::traceSpecIs("*=0"));
+  ASSERT_TRUE(Lomi::Platform::traceSettingIs("settingLater=2"));
+  EXPECT_EQ(Lomi::Platform::getDebugHandler("settingLater").mask(), 0x004);
+  DebugHandler& existing = Lomi::Platform::getDebugHandler("settingStarExisting");
+  ASSERT_TRUE(Lomi::Platform::traceSettingIs("*=0"));
   EXPECT_EQ(existing.mask(), 0x001);
-  EXPECT_EQ(Lomi::Platform::getDebugHandler("specStarNew").mask(), 0x001);
-  EXPECT_EQ(Lomi::Platform::getDebugHandler("specLater").mask(), 0x001);
+  EXPECT_EQ(Lomi::Platform::getDebugHandler("settingStarNew").mask(), 0x001);
+  EXPECT_EQ(Lomi::Platform::getDebugHandler("settingLater").mask(), 0x001);
   Lomi::Platform::traceMaskIs("*", 0);
   EXPECT_EQ(existing.mask(), 0);
-  EXPECT_EQ(Lomi::Platform::getDebugHandler("specStarNew2").mask(), 0);
+  EXPECT_EQ(Lomi::Platform::getDebugHandler("settingStarNew2").mask(), 0);
 }
 
 TEST(AssertDeathTest, FmassertLogsTheMessageAndAborts) {

@@ -148,9 +148,9 @@ Options parse(int argc, char** argv) {
       o.root = value("--root");
       o.rootGiven = true;
     } else if (a == "--trace") {
-      std::string const spec = value("--trace");
-      if (!Lomi::Platform::traceSpecIs(spec)) {
-        throw UsageError(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", spec));
+      std::string const setting = value("--trace");
+      if (!Lomi::Platform::traceSettingIs(setting)) {
+        throw UsageError(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", setting));
       }
     } else if (a == "--limit" || a == "--flows") {
       o.flags[a] = value(a.c_str());
