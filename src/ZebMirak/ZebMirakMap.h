@@ -141,13 +141,16 @@ void ZebMirakMap<E, R, K, O>::entity(Zeb::String attributeName, Entity* e, Zeb::
   this->debugHandler_ = &Lomi::Platform::getDebugHandler("MirakTemp", true);
   this->name_ = fmt::format("{}/{}", e->name(), this->traceName_);
 
-  // Each callback reads entity_ when it runs, never a copy made here.
+  // The callbacks hold the entity itself, not this adapter: entity_ is set
+  // here once and never changes, and a callback that reached the entity
+  // through a captured `this` was checked by g++ 12's vptr sanitizer against
+  // the closure's own address (a false "not an object of type ZebMirakMap").
   Mem::Notify<Key, Value> n;
-  n.changeFn = [this, notify](Value const& row) { (entity_->*notify)(Ops::key(row)); };
-  n.keyFn = [this, notify](Key const& key) { (entity_->*notify)(key); };
-  n.keyDelFn = [this, notify](Key const& key) { (entity_->*notify)(key); };
-  n.mountStatusFn = [this, mountStatusChanged] { (entity_->*mountStatusChanged)(); };
-  n.quiescedFn = [this, quiescedChanged](bool q) { (entity_->*quiescedChanged)(q); };
+  n.changeFn = [e, notify](Value const& row) { (e->*notify)(Ops::key(row)); };
+  n.keyFn = [e, notify](Key const& key) { (e->*notify)(key); };
+  n.keyDelFn = [e, notify](Key const& key) { (e->*notify)(key); };
+  n.mountStatusFn = [e, mountStatusChanged] { (e->*mountStatusChanged)(); };
+  n.quiescedFn = [e, quiescedChanged](bool q) { (e->*quiescedChanged)(q); };
   n.notifyLive = true;
   this->notify_ = std::move(n);
 
