@@ -1,12 +1,17 @@
 #!/bin/sh
 # Installs the Debian 12 packages the build needs, if any is missing.
-# With --peers, also the systems the peer benchmark measures us against
-# (LMDB, Boost.Interprocess, abseil, DPDK) and gnuplot for its plots.
+#   --peers  also the systems the peer benchmark measures us against (LMDB,
+#            Boost.Interprocess, abseil, DPDK) and gnuplot for its plots
+#   --fuzz   also clang and its runtime libraries (libFuzzer, sanitizers)
 set -eu
 pkgs="g++ cmake make pkg-config libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev"
-if [ "${1:-}" = "--peers" ]; then
-  pkgs="$pkgs liblmdb-dev libboost-dev libabsl-dev libdpdk-dev gnuplot-nox"
-fi
+for arg in "$@"; do
+  case "$arg" in
+    --peers) pkgs="$pkgs liblmdb-dev libboost-dev libabsl-dev libdpdk-dev gnuplot-nox" ;;
+    --fuzz) pkgs="$pkgs clang libclang-rt-14-dev" ;;
+    *) echo "setup: unknown option $arg (expecting --peers or --fuzz)" >&2; exit 2 ;;
+  esac
+done
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
