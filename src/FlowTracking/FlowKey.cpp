@@ -1,6 +1,5 @@
-// FlowTracking::IpFlowKey and Ip6FlowKey: hash, order, texts and parsers. The
-// two keys differ only in their address type, so each operation is written
-// once as a template over the key.
+// FlowTracking::IpFlowKey and Ip6FlowKey: hash, order, texts and parsers,
+// written once in FlowKeyFields and instantiated for the two keys.
 #include "FlowTracking/FlowKey.h"
 
 #include <algorithm>
@@ -13,22 +12,18 @@ namespace FlowTracking {
 
 namespace {
 
+// The opening of the text form, which names the type, and the text of an
+// address and port in str(): an IPv6 address is bracketed.
 template <typename K>
 struct Names;
 template <>
 struct Names<IpFlowKey> {
   static constexpr char const* kOpen = "Value('FlowTracking::IpFlowKey', ** {";
-  static constexpr char const* kFormat =
-      "Value('FlowTracking::IpFlowKey', ** {'vrfId': %u, 'vlanId': %u, 'srcAddr': %s, "
-      "'dstAddr': %s, 'ipProtocol': %s, 'srcPort': %u, 'dstPort': %u, 'direction': %s})";
   static constexpr char const* kEndpoint = "{}:{}";
 };
 template <>
 struct Names<Ip6FlowKey> {
   static constexpr char const* kOpen = "Value('FlowTracking::Ip6FlowKey', ** {";
-  static constexpr char const* kFormat =
-      "Value('FlowTracking::Ip6FlowKey', ** {'vrfId': %u, 'vlanId': %u, 'srcAddr': %s, "
-      "'dstAddr': %s, 'ipProtocol': %s, 'srcPort': %u, 'dstPort': %u, 'direction': %s})";
   static constexpr char const* kEndpoint = "[{}]:{}";
 };
 
@@ -84,16 +79,18 @@ auto fieldTuple(K const& k) {
 }
 
 template <typename K>
-Zeb::String keyStrep(K const& k) {
-  return Zeb::format(Names<K>::kFormat, static_cast<unsigned>(k.vrfId()),
-                     static_cast<unsigned>(k.vlanId()), valueToStrep(k.srcAddr()).c_str(),
-                     valueToStrep(k.dstAddr()).c_str(), valueToStrep(k.ipProtocol()).c_str(),
-                     static_cast<unsigned>(k.srcPort()), static_cast<unsigned>(k.dstPort()),
-                     valueToStrep(k.direction()).c_str());
+Zeb::String keyStrep(typename K::FlowKeyFields const& k) {
+  return Zeb::format(
+      "%s'vrfId': %u, 'vlanId': %u, 'srcAddr': %s, 'dstAddr': %s, 'ipProtocol': %s, "
+      "'srcPort': %u, 'dstPort': %u, 'direction': %s})",
+      Names<K>::kOpen, static_cast<unsigned>(k.vrfId()), static_cast<unsigned>(k.vlanId()),
+      valueToStrep(k.srcAddr()).c_str(), valueToStrep(k.dstAddr()).c_str(),
+      valueToStrep(k.ipProtocol()).c_str(), static_cast<unsigned>(k.srcPort()),
+      static_cast<unsigned>(k.dstPort()), valueToStrep(k.direction()).c_str());
 }
 
 template <typename K>
-void parseKey(K& k, Zeb::StrepIt& it, Zeb::StrepIt const& end) {
+void parseKey(typename K::FlowKeyFields& k, Zeb::StrepIt& it, Zeb::StrepIt const& end) {
   using Addr = typename K::Addr;
   Zeb::needString(it, end, Names<K>::kOpen);
   Zeb::needString(it, end, "'vrfId': ");
@@ -116,7 +113,7 @@ void parseKey(K& k, Zeb::StrepIt& it, Zeb::StrepIt const& end) {
 }
 
 template <typename K>
-Zeb::String keyStr(K const& k) {
+Zeb::String keyStr(typename K::FlowKeyFields const& k) {
   return Zeb::String(fmt::format(
       "vrf {} vlan {} {} {} -> {} {}", k.vrfId(), k.vlanId(), k.ipProtocol(),
       fmt::format(fmt::runtime(Names<K>::kEndpoint), k.srcAddr(), k.srcPort()),
@@ -125,45 +122,39 @@ Zeb::String keyStr(K const& k) {
 
 }  // namespace
 
-IpFlowKey::IpFlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
-  parseKey(*this, it, end);
-}
-Ip6FlowKey::Ip6FlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
-  parseKey(*this, it, end);
+template <typename Self, typename A>
+FlowKeyFields<Self, A>::FlowKeyFields(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
+  parseKey<Self>(*this, it, end);
 }
 
-uint32_t IpFlowKey::hash(unsigned int seed) const {
-  return hashKey(*this, seed);
-}
-uint32_t Ip6FlowKey::hash(unsigned int seed) const {
+template <typename Self, typename A>
+uint32_t FlowKeyFields<Self, A>::hash(unsigned int seed) const {
   return hashKey(*this, seed);
 }
 
-bool IpFlowKey::operator==(IpFlowKey const& o) const {
+template <typename Self, typename A>
+bool FlowKeyFields<Self, A>::operator==(FlowKeyFields const& o) const {
   return fieldTuple(*this) == fieldTuple(o);
 }
-bool Ip6FlowKey::operator==(Ip6FlowKey const& o) const {
-  return fieldTuple(*this) == fieldTuple(o);
-}
-bool IpFlowKey::operator<(IpFlowKey const& o) const {
-  return fieldTuple(*this) < fieldTuple(o);
-}
-bool Ip6FlowKey::operator<(Ip6FlowKey const& o) const {
+
+template <typename Self, typename A>
+bool FlowKeyFields<Self, A>::operator<(FlowKeyFields const& o) const {
   return fieldTuple(*this) < fieldTuple(o);
 }
 
-Zeb::String IpFlowKey::str() const {
-  return keyStr(*this);
+template <typename Self, typename A>
+Zeb::String FlowKeyFields<Self, A>::str() const {
+  return keyStr<Self>(*this);
 }
-Zeb::String Ip6FlowKey::str() const {
-  return keyStr(*this);
-}
+
+template class FlowKeyFields<IpFlowKey, Nimbet::IpAddr>;
+template class FlowKeyFields<Ip6FlowKey, Nimbet::Ip6Addr>;
 
 Zeb::String valueToStrep(IpFlowKey const& v) {
-  return keyStrep(v);
+  return keyStrep<IpFlowKey>(v);
 }
 Zeb::String valueToStrep(Ip6FlowKey const& v) {
-  return keyStrep(v);
+  return keyStrep<Ip6FlowKey>(v);
 }
 
 std::ostream& operator<<(std::ostream& os, IpFlowKey const& v) {

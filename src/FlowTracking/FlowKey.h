@@ -31,20 +31,20 @@ using VlanId = uint16_t;
 
 inline constexpr VrfId kDefaultVrfId = 0xffffff;
 
-// IpFlowKey, 28 bytes. Field offsets (the table format):
-//   0 vrfId u32 | 4 vlanId u16 | 6 srcAddr 4 | 10 dstAddr 4 |
-//   14 2 bytes no field | 16 ipProtocol u32 | 20 srcPort u16 | 22 dstPort u16 |
-//   24 direction u8 | 25 3 bytes no field
-// The addresses have alignment 1, which is what lets srcAddr stand at 6 with
-// no packing of the whole struct.
-class IpFlowKey {
+// What IpFlowKey and Ip6FlowKey share: every field, accessor and operation;
+// the two differ only in `A`, the address type. `Self` is the key class
+// itself, which keeps the two bases distinct types (an IpFlowKey never
+// compares with an Ip6FlowKey) and names the type in the text form. Not used
+// on its own; the members are defined and instantiated in FlowKey.cpp.
+template <typename Self, typename A>
+class FlowKeyFields {
  public:
-  using Addr = Nimbet::IpAddr;
+  using Addr = A;
 
-  IpFlowKey() = default;
+  FlowKeyFields() = default;
   // The parsing constructor of the text form; moves `it` behind what it read.
   // Throws Zeb::RangeException naming the field that does not parse.
-  IpFlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end);
+  FlowKeyFields(Zeb::StrepIt& it, Zeb::StrepIt const& end);
 
   VrfId vrfId() const { return vrfId_; }
   VlanId vlanId() const { return vlanId_; }
@@ -69,12 +69,34 @@ class IpFlowKey {
   // Field by field (never the bytes between fields), with `seed`: the fields
   // packed into 64-bit words and folded by 128-bit multiplies.
   uint32_t hash(unsigned int seed) const;
-  bool operator==(IpFlowKey const& o) const;
+  bool operator==(FlowKeyFields const& o) const;
   // Lexicographic in field order; addresses in network byte order.
-  bool operator<(IpFlowKey const& o) const;
+  bool operator<(FlowKeyFields const& o) const;
 
-  // A short human text, e.g. "vrf 1 vlan 10 ipProtoTcp 10.0.0.1:80 -> ..."; not parsed.
+  // A short human text, e.g. "vrf 1 vlan 10 ipProtoTcp 10.0.0.1:80 -> ..."
+  // (IPv6 addresses in brackets: "[2001:db8::1]:80"); not parsed.
   Zeb::String str() const;
+
+ protected:
+  VrfId vrfId_ = kDefaultVrfId;
+  VlanId vlanId_ = 0;
+  Addr srcAddr_;
+  Addr dstAddr_;
+  Nimbet::IpProtocol ipProtocol_ = Nimbet::ipProtoUnknown;
+  uint16_t srcPort_ = 0;
+  uint16_t dstPort_ = 0;
+  Nimbet::TrafficDirection direction_ = Nimbet::trafficDirectionUnknown;
+};
+
+// IpFlowKey, 28 bytes. Field offsets (the table format):
+//   0 vrfId u32 | 4 vlanId u16 | 6 srcAddr 4 | 10 dstAddr 4 |
+//   14 2 bytes no field | 16 ipProtocol u32 | 20 srcPort u16 | 22 dstPort u16 |
+//   24 direction u8 | 25 3 bytes no field
+// The addresses have alignment 1, which is what lets srcAddr stand at 6 with
+// no packing of the whole struct.
+class IpFlowKey : public FlowKeyFields<IpFlowKey, Nimbet::IpAddr> {
+ public:
+  using FlowKeyFields::FlowKeyFields;
 
  private:
   static void layout() {
@@ -89,61 +111,15 @@ class IpFlowKey {
     static_assert(offsetof(IpFlowKey, dstPort_) == 22);
     static_assert(offsetof(IpFlowKey, direction_) == 24);
   }
-
-  VrfId vrfId_ = kDefaultVrfId;
-  VlanId vlanId_ = 0;
-  Addr srcAddr_;
-  Addr dstAddr_;
-  Nimbet::IpProtocol ipProtocol_ = Nimbet::ipProtoUnknown;
-  uint16_t srcPort_ = 0;
-  uint16_t dstPort_ = 0;
-  Nimbet::TrafficDirection direction_ = Nimbet::trafficDirectionUnknown;
 };
 
 // Ip6FlowKey, 52 bytes. Field offsets (the table format):
 //   0 vrfId u32 | 4 vlanId u16 | 6 srcAddr 16 | 22 dstAddr 16 |
 //   38 2 bytes no field | 40 ipProtocol u32 | 44 srcPort u16 | 46 dstPort u16 |
 //   48 direction u8 | 49 3 bytes no field
-// The addresses have alignment 1, which is what lets srcAddr stand at 6 with
-// no packing of the whole struct.
-class Ip6FlowKey {
+class Ip6FlowKey : public FlowKeyFields<Ip6FlowKey, Nimbet::Ip6Addr> {
  public:
-  using Addr = Nimbet::Ip6Addr;
-
-  Ip6FlowKey() = default;
-  // The parsing constructor of the text form; moves `it` behind what it read.
-  // Throws Zeb::RangeException naming the field that does not parse.
-  Ip6FlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end);
-
-  VrfId vrfId() const { return vrfId_; }
-  VlanId vlanId() const { return vlanId_; }
-  Addr const& srcAddr() const { return srcAddr_; }
-  Addr const& dstAddr() const { return dstAddr_; }
-  Nimbet::IpProtocol ipProtocol() const { return ipProtocol_; }
-  // The low byte of the ipProtocol word.
-  uint8_t ipProtocolNumber() const { return static_cast<uint8_t>(ipProtocol_ & 0xffu); }
-  uint16_t srcPort() const { return srcPort_; }
-  uint16_t dstPort() const { return dstPort_; }
-  Nimbet::TrafficDirection direction() const { return direction_; }
-
-  void vrfIdIs(VrfId v) { vrfId_ = v; }
-  void vlanIdIs(VlanId v) { vlanId_ = v; }
-  void srcAddrIs(Addr const& v) { srcAddr_ = v; }
-  void dstAddrIs(Addr const& v) { dstAddr_ = v; }
-  void ipProtocolIs(Nimbet::IpProtocol v) { ipProtocol_ = v; }
-  void srcPortIs(uint16_t v) { srcPort_ = v; }
-  void dstPortIs(uint16_t v) { dstPort_ = v; }
-  void directionIs(Nimbet::TrafficDirection v) { direction_ = v; }
-
-  // Field by field (never the bytes between fields), with `seed`: the fields
-  // packed into 64-bit words and folded by 128-bit multiplies.
-  uint32_t hash(unsigned int seed) const;
-  bool operator==(Ip6FlowKey const& o) const;
-  // Lexicographic in field order; addresses in network byte order.
-  bool operator<(Ip6FlowKey const& o) const;
-
-  // A short human text, e.g. "vrf 1 vlan 10 ipProtoTcp [2001:db8::1]:80 -> ..."; not parsed.
-  Zeb::String str() const;
+  using FlowKeyFields::FlowKeyFields;
 
  private:
   static void layout() {
@@ -159,16 +135,10 @@ class Ip6FlowKey {
     static_assert(offsetof(Ip6FlowKey, dstPort_) == 46);
     static_assert(offsetof(Ip6FlowKey, direction_) == 48);
   }
-
-  VrfId vrfId_ = kDefaultVrfId;
-  VlanId vlanId_ = 0;
-  Addr srcAddr_;
-  Addr dstAddr_;
-  Nimbet::IpProtocol ipProtocol_ = Nimbet::ipProtoUnknown;
-  uint16_t srcPort_ = 0;
-  uint16_t dstPort_ = 0;
-  Nimbet::TrafficDirection direction_ = Nimbet::trafficDirectionUnknown;
 };
+
+extern template class FlowKeyFields<IpFlowKey, Nimbet::IpAddr>;
+extern template class FlowKeyFields<Ip6FlowKey, Nimbet::Ip6Addr>;
 
 Zeb::String valueToStrep(IpFlowKey const& v);
 Zeb::String valueToStrep(Ip6FlowKey const& v);

@@ -10,82 +10,56 @@ namespace FlowTracking {
 
 namespace {
 
+// The opening of the text form, which names the type.
 template <typename K>
-struct Names;
+constexpr char const* kOpen = nullptr;
 template <>
-struct Names<HoIpFlowKey> {
-  static constexpr char const* kOpen = "Value('FlowTracking::HoIpFlowKey', ** {";
-  static constexpr char const* kFormat =
-      "Value('FlowTracking::HoIpFlowKey', ** {'ipFlowKey': %s, 'intfId': %s})";
-};
+constexpr char const* kOpen<HoIpFlowKey> = "Value('FlowTracking::HoIpFlowKey', ** {";
 template <>
-struct Names<HoIp6FlowKey> {
-  static constexpr char const* kOpen = "Value('FlowTracking::HoIp6FlowKey', ** {";
-  static constexpr char const* kFormat =
-      "Value('FlowTracking::HoIp6FlowKey', ** {'ipFlowKey': %s, 'intfId': %s})";
-};
-
-template <typename K>
-uint32_t hashKey(K const& k, unsigned int seed) {
-  Zeb::Hash h(seed);
-  uint32_t const inner = k.ipFlowKey().hash(0);
-  h.hashMix<4>(&inner);
-  uint32_t const intf = k.intfId().hash();
-  h.hashMix<4>(&intf);
-  return h.result();
-}
-
-template <typename K>
-Zeb::String keyMirakString(K const& k) {
-  std::ostringstream os;
-  os << k.ipFlowKey().str() << ","
-     << " intf: " << k.intfId();
-  return Zeb::String(os.str());
-}
+constexpr char const* kOpen<HoIp6FlowKey> = "Value('FlowTracking::HoIp6FlowKey', ** {";
 
 template <typename K>
 Zeb::String keyStrep(K const& k) {
-  return Zeb::format(Names<K>::kFormat, valueToStrep(k.ipFlowKey()).c_str(),
-                     valueToStrep(k.intfId()).c_str());
-}
-
-template <typename K>
-K parseKey(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
-  using FlowKey = typename K::FlowKey;
-  Zeb::needString(it, end, Names<K>::kOpen);
-  Zeb::needString(it, end, "'ipFlowKey': ");
-  FlowKey flowKey;
-  try {
-    flowKey = FlowKey(it, end);
-  } catch (Zeb::RangeException const& e) {
-    Zeb::rethrowFromDeserializeAttr(e, "ipFlowKey");
-  }
-  Zeb::needString(it, end, ", 'intfId': ");
-  Nimbet::IntfId const intfId = Zeb::deserializeAttr<Nimbet::IntfId>(it, end, "intfId");
-  Zeb::needString(it, end, "})");
-  return K(flowKey, intfId);
+  return Zeb::format("%s'ipFlowKey': %s, 'intfId': %s})", kOpen<K>,
+                     valueToStrep(k.ipFlowKey()).c_str(), valueToStrep(k.intfId()).c_str());
 }
 
 }  // namespace
 
-HoIpFlowKey::HoIpFlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end)
-    : HoIpFlowKey(parseKey<HoIpFlowKey>(it, end)) {}
-HoIp6FlowKey::HoIp6FlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end)
-    : HoIp6FlowKey(parseKey<HoIp6FlowKey>(it, end)) {}
+template <typename Self, typename F>
+HoFlowKeyFields<Self, F>::HoFlowKeyFields(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
+  Zeb::needString(it, end, kOpen<Self>);
+  Zeb::needString(it, end, "'ipFlowKey': ");
+  try {
+    ipFlowKey_ = FlowKey(it, end);
+  } catch (Zeb::RangeException const& e) {
+    Zeb::rethrowFromDeserializeAttr(e, "ipFlowKey");
+  }
+  Zeb::needString(it, end, ", 'intfId': ");
+  intfId_ = Zeb::deserializeAttr<Nimbet::IntfId>(it, end, "intfId");
+  Zeb::needString(it, end, "})");
+}
 
-uint32_t HoIpFlowKey::hash(unsigned int seed) const noexcept {
-  return hashKey(*this, seed);
-}
-uint32_t HoIp6FlowKey::hash(unsigned int seed) const noexcept {
-  return hashKey(*this, seed);
+template <typename Self, typename F>
+uint32_t HoFlowKeyFields<Self, F>::hash(unsigned int seed) const noexcept {
+  Zeb::Hash h(seed);
+  uint32_t const inner = ipFlowKey_.hash(0);
+  h.hashMix<4>(&inner);
+  uint32_t const intf = intfId_.hash();
+  h.hashMix<4>(&intf);
+  return h.result();
 }
 
-Zeb::String HoIpFlowKey::mirakString() const {
-  return keyMirakString(*this);
+template <typename Self, typename F>
+Zeb::String HoFlowKeyFields<Self, F>::mirakString() const {
+  std::ostringstream os;
+  os << ipFlowKey_.str() << ","
+     << " intf: " << intfId_;
+  return Zeb::String(os.str());
 }
-Zeb::String HoIp6FlowKey::mirakString() const {
-  return keyMirakString(*this);
-}
+
+template class HoFlowKeyFields<HoIpFlowKey, IpFlowKey>;
+template class HoFlowKeyFields<HoIp6FlowKey, Ip6FlowKey>;
 
 Zeb::String valueToStrep(HoIpFlowKey const& v) {
   return keyStrep(v);

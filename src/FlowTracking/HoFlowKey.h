@@ -24,17 +24,22 @@
 
 namespace FlowTracking {
 
-// HoIpFlowKey, 36 bytes: ipFlowKey (IpFlowKey, 28 bytes) at 0, intfId at 28.
-class HoIpFlowKey {
+// What HoIpFlowKey and HoIp6FlowKey share: every field, accessor and
+// operation; the two differ only in the flow key type `F`. `Self` is the key
+// class itself, which keeps the two bases distinct types and names the type
+// in the text form. Not used on its own; the out-of-line members are defined
+// and instantiated in HoFlowKey.cpp.
+template <typename Self, typename F>
+class HoFlowKeyFields {
  public:
-  using FlowKey = IpFlowKey;
+  using FlowKey = F;
 
   // The default flow key and the default interface (made by the two steps).
-  HoIpFlowKey() = default;
-  HoIpFlowKey(FlowKey const& ipFlowKey, Nimbet::IntfId const& intfId)
+  HoFlowKeyFields() = default;
+  HoFlowKeyFields(FlowKey const& ipFlowKey, Nimbet::IntfId const& intfId)
       : ipFlowKey_(ipFlowKey), intfId_(intfId) {}
   // The parsing constructor of the text form; moves `it` behind what it read.
-  HoIpFlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end);
+  HoFlowKeyFields(Zeb::StrepIt& it, Zeb::StrepIt const& end);
 
   FlowKey const& ipFlowKey() const { return ipFlowKey_; }
   Nimbet::IntfId const& intfId() const { return intfId_; }
@@ -44,19 +49,29 @@ class HoIpFlowKey {
   // once, in the outer accumulator. Never throws.
   uint32_t hash(unsigned int seed) const noexcept;
   // ipFlowKey first; intfId only when the flow keys are equal.
-  bool operator==(HoIpFlowKey const& o) const {
+  bool operator==(HoFlowKeyFields const& o) const {
     return ipFlowKey_ == o.ipFlowKey_ && intfId_ == o.intfId_;
   }
   // By flow key, then by interface.
-  bool operator<(HoIpFlowKey const& o) const {
+  bool operator<(HoFlowKeyFields const& o) const {
     if (ipFlowKey_ == o.ipFlowKey_) return intfId_ < o.intfId_;
     return ipFlowKey_ < o.ipFlowKey_;
   }
   // True when the key differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIpFlowKey()); }
+  explicit operator bool() const { return !(*this == Self()); }
 
   // ipFlowKey.str() + ", intf: " + intfId; a trace text, never parsed.
   Zeb::String mirakString() const;
+
+ protected:
+  FlowKey ipFlowKey_;
+  Nimbet::IntfId intfId_;
+};
+
+// HoIpFlowKey, 36 bytes: ipFlowKey (IpFlowKey, 28 bytes) at 0, intfId at 28.
+class HoIpFlowKey : public HoFlowKeyFields<HoIpFlowKey, IpFlowKey> {
+ public:
+  using HoFlowKeyFields::HoFlowKeyFields;
 
  private:
   static void layout() {
@@ -66,44 +81,12 @@ class HoIpFlowKey {
     static_assert(offsetof(HoIpFlowKey, ipFlowKey_) == 0);
     static_assert(offsetof(HoIpFlowKey, intfId_) == 28);
   }
-
-  FlowKey ipFlowKey_;
-  Nimbet::IntfId intfId_;
 };
 
 // HoIp6FlowKey, 60 bytes: ipFlowKey (Ip6FlowKey, 52 bytes) at 0, intfId at 52.
-class HoIp6FlowKey {
+class HoIp6FlowKey : public HoFlowKeyFields<HoIp6FlowKey, Ip6FlowKey> {
  public:
-  using FlowKey = Ip6FlowKey;
-
-  // The default flow key and the default interface (made by the two steps).
-  HoIp6FlowKey() = default;
-  HoIp6FlowKey(FlowKey const& ipFlowKey, Nimbet::IntfId const& intfId)
-      : ipFlowKey_(ipFlowKey), intfId_(intfId) {}
-  // The parsing constructor of the text form; moves `it` behind what it read.
-  HoIp6FlowKey(Zeb::StrepIt& it, Zeb::StrepIt const& end);
-
-  FlowKey const& ipFlowKey() const { return ipFlowKey_; }
-  Nimbet::IntfId const& intfId() const { return intfId_; }
-
-  // Zeb::Hash(seed) fed ipFlowKey.hash(0), then intfId.hash(), each with
-  // hashMix<4>. The inner hash always takes seed 0: the table's seed enters
-  // once, in the outer accumulator. Never throws.
-  uint32_t hash(unsigned int seed) const noexcept;
-  // ipFlowKey first; intfId only when the flow keys are equal.
-  bool operator==(HoIp6FlowKey const& o) const {
-    return ipFlowKey_ == o.ipFlowKey_ && intfId_ == o.intfId_;
-  }
-  // By flow key, then by interface.
-  bool operator<(HoIp6FlowKey const& o) const {
-    if (ipFlowKey_ == o.ipFlowKey_) return intfId_ < o.intfId_;
-    return ipFlowKey_ < o.ipFlowKey_;
-  }
-  // True when the key differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIp6FlowKey()); }
-
-  // ipFlowKey.str() + ", intf: " + intfId; a trace text, never parsed.
-  Zeb::String mirakString() const;
+  using HoFlowKeyFields::HoFlowKeyFields;
 
  private:
   static void layout() {
@@ -113,10 +96,10 @@ class HoIp6FlowKey {
     static_assert(offsetof(HoIp6FlowKey, ipFlowKey_) == 0);
     static_assert(offsetof(HoIp6FlowKey, intfId_) == 52);
   }
-
-  FlowKey ipFlowKey_;
-  Nimbet::IntfId intfId_;
 };
+
+extern template class HoFlowKeyFields<HoIpFlowKey, IpFlowKey>;
+extern template class HoFlowKeyFields<HoIp6FlowKey, Ip6FlowKey>;
 
 Zeb::String valueToStrep(HoIpFlowKey const& v);
 Zeb::String valueToStrep(HoIp6FlowKey const& v);
