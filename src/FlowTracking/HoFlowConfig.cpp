@@ -5,107 +5,70 @@
 #include <ostream>
 #include <sstream>
 
+#include "FlowTracking/RecordText.h"
+
 namespace FlowTracking {
 
 namespace {
 
 template <typename R>
-struct Names;
+constexpr char const* kOpen = nullptr;
 template <>
-struct Names<HoIpFlowConfig> {
-  static constexpr char const* kOpen = "Value('FlowTracking::HoIpFlowConfig', ** {";
-  static constexpr char const* kFormat =
-      "Value('FlowTracking::HoIpFlowConfig', ** {'key': %s, 'createTime': %s, 'updateTime': %s, "
-      "'srcEthAddr': %s, 'dstEthAddr': %s, 'dot1qVlanTag': %s, 'dot1qCustomerVlanTag': %s, "
-      "'cachedIntfId': %s})";
-};
+constexpr char const* kOpen<HoIpFlowConfig> = "Value('FlowTracking::HoIpFlowConfig', ** {";
 template <>
-struct Names<HoIp6FlowConfig> {
-  static constexpr char const* kOpen = "Value('FlowTracking::HoIp6FlowConfig', ** {";
-  static constexpr char const* kFormat =
-      "Value('FlowTracking::HoIp6FlowConfig', ** {'key': %s, 'createTime': %s, 'updateTime': %s, "
-      "'srcEthAddr': %s, 'dstEthAddr': %s, 'dot1qVlanTag': %s, 'dot1qCustomerVlanTag': %s, "
-      "'cachedIntfId': %s})";
-};
-
-template <typename R>
-bool equal(R const& a, R const& b) {
-  return a.key() == b.key() && a.createTime() == b.createTime() &&
-         a.updateTime() == b.updateTime() && a.srcEthAddr() == b.srcEthAddr() &&
-         a.dstEthAddr() == b.dstEthAddr() && a.dot1qVlanTag() == b.dot1qVlanTag() &&
-         a.dot1qCustomerVlanTag() == b.dot1qCustomerVlanTag() &&
-         a.cachedIntfId() == b.cachedIntfId();
-}
-
-template <typename R>
-Zeb::String mirak(R const& r) {
-  std::ostringstream os;
-  os << "[" << r.key().mirakString() << "] "
-     << " srcEth: " << r.srcEthAddr() << ","
-     << " dstEth: " << r.dstEthAddr() << ","
-     << " created: " << r.createTime() << ","
-     << " updateTime: " << r.updateTime();
-  return Zeb::String(os.str());
-}
+constexpr char const* kOpen<HoIp6FlowConfig> = "Value('FlowTracking::HoIp6FlowConfig', ** {";
 
 template <typename R>
 Zeb::String strep(R const& r) {
   return Zeb::format(
-      Names<R>::kFormat, valueToStrep(r.key()).c_str(), Zeb::valueToStrep(r.createTime()).c_str(),
+      "%s'key': %s, 'createTime': %s, 'updateTime': %s, 'srcEthAddr': %s, 'dstEthAddr': %s, "
+      "'dot1qVlanTag': %s, 'dot1qCustomerVlanTag': %s, 'cachedIntfId': %s})",
+      kOpen<R>, valueToStrep(r.key()).c_str(), Zeb::valueToStrep(r.createTime()).c_str(),
       Zeb::valueToStrep(r.updateTime()).c_str(), valueToStrep(r.srcEthAddr()).c_str(),
       valueToStrep(r.dstEthAddr()).c_str(), valueToStrep(r.dot1qVlanTag()).c_str(),
       valueToStrep(r.dot1qCustomerVlanTag()).c_str(), valueToStrep(r.cachedIntfId()).c_str());
 }
 
-template <typename R>
-void parse(R& r, Zeb::StrepIt& it, Zeb::StrepIt const& end) {
-  using Key = typename R::Key;
-  Zeb::needString(it, end, Names<R>::kOpen);
-  Zeb::needString(it, end, "'key': ");
-  try {
-    r = R(Key(it, end));
-  } catch (Zeb::RangeException const& e) {
-    Zeb::rethrowFromDeserializeAttr(e, "key");
-  }
-  Zeb::needString(it, end, ", 'createTime': ");
-  r.createTimeIs(Zeb::deserializeAttr<Zeb::Seconds>(it, end, "createTime"));
-  Zeb::needString(it, end, ", 'updateTime': ");
-  r.updateTimeIs(Zeb::deserializeAttr<Zeb::Seconds>(it, end, "updateTime"));
-  Zeb::needString(it, end, ", 'srcEthAddr': ");
-  r.srcEthAddrIs(Zeb::deserializeAttr<Nimbet::EthAddr>(it, end, "srcEthAddr"));
-  Zeb::needString(it, end, ", 'dstEthAddr': ");
-  r.dstEthAddrIs(Zeb::deserializeAttr<Nimbet::EthAddr>(it, end, "dstEthAddr"));
-  Zeb::needString(it, end, ", 'dot1qVlanTag': ");
-  r.dot1qVlanTagIs(Zeb::deserializeAttr<Ovie::VlanTag>(it, end, "dot1qVlanTag"));
-  Zeb::needString(it, end, ", 'dot1qCustomerVlanTag': ");
-  r.dot1qCustomerVlanTagIs(Zeb::deserializeAttr<Ovie::VlanTag>(it, end, "dot1qCustomerVlanTag"));
-  Zeb::needString(it, end, ", 'cachedIntfId': ");
-  r.cachedIntfIdIs(Zeb::deserializeAttr<Nimbet::IntfId>(it, end, "cachedIntfId"));
+}  // namespace
+
+template <typename Self, typename K>
+HoFlowConfigFields<Self, K>::HoFlowConfigFields(Zeb::StrepIt& it, Zeb::StrepIt const& end)
+    : key_(RecordText::openAndKey<Key>(it, end, kOpen<Self>)) {
+  using RecordText::field;
+  createTime_ = field<Zeb::Seconds>(it, end, ", 'createTime': ", "createTime");
+  updateTime_ = field<Zeb::Seconds>(it, end, ", 'updateTime': ", "updateTime");
+  srcEthAddr_ = field<Nimbet::EthAddr>(it, end, ", 'srcEthAddr': ", "srcEthAddr");
+  dstEthAddr_ = field<Nimbet::EthAddr>(it, end, ", 'dstEthAddr': ", "dstEthAddr");
+  dot1qVlanTag_ = field<Ovie::VlanTag>(it, end, ", 'dot1qVlanTag': ", "dot1qVlanTag");
+  dot1qCustomerVlanTag_ =
+      field<Ovie::VlanTag>(it, end, ", 'dot1qCustomerVlanTag': ", "dot1qCustomerVlanTag");
+  cachedIntfId_ = field<Nimbet::IntfId>(it, end, ", 'cachedIntfId': ", "cachedIntfId");
   Zeb::needString(it, end, "})");
 }
 
-}  // namespace
-
-HoIpFlowConfig::HoIpFlowConfig(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
-  parse(*this, it, end);
-}
-HoIp6FlowConfig::HoIp6FlowConfig(Zeb::StrepIt& it, Zeb::StrepIt const& end) {
-  parse(*this, it, end);
-}
-
-bool HoIpFlowConfig::operator==(HoIpFlowConfig const& o) const {
-  return equal(*this, o);
-}
-bool HoIp6FlowConfig::operator==(HoIp6FlowConfig const& o) const {
-  return equal(*this, o);
+// Through the accessors, which copy: the fields of a packed record may stand
+// misaligned for their type.
+template <typename Self, typename K>
+bool HoFlowConfigFields<Self, K>::operator==(HoFlowConfigFields const& o) const {
+  return key() == o.key() && createTime() == o.createTime() && updateTime() == o.updateTime() &&
+         srcEthAddr() == o.srcEthAddr() && dstEthAddr() == o.dstEthAddr() &&
+         dot1qVlanTag() == o.dot1qVlanTag() && dot1qCustomerVlanTag() == o.dot1qCustomerVlanTag() &&
+         cachedIntfId() == o.cachedIntfId();
 }
 
-Zeb::String HoIpFlowConfig::mirakString() const {
-  return mirak(*this);
+template <typename Self, typename K>
+Zeb::String HoFlowConfigFields<Self, K>::mirakString() const {
+  std::ostringstream os;
+  os << "[" << key().mirakString() << "] "
+     << " srcEth: " << srcEthAddr() << ","
+     << " dstEth: " << dstEthAddr() << ","
+     << " created: " << createTime() << ","
+     << " updateTime: " << updateTime();
+  return Zeb::String(os.str());
 }
-Zeb::String HoIp6FlowConfig::mirakString() const {
-  return mirak(*this);
-}
+
+template class HoFlowConfigFields<HoIpFlowConfig, HoIpFlowKey>;
+template class HoFlowConfigFields<HoIp6FlowConfig, HoIp6FlowKey>;
 
 Zeb::String valueToStrep(HoIpFlowConfig const& v) {
   return strep(v);

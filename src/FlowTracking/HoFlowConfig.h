@@ -30,19 +30,22 @@ namespace FlowTracking {
 
 #pragma pack(push, 4)
 
-// HoIpFlowConfig, 84 bytes. Field offsets (the table format): key HoIpFlowKey at 0 (36 bytes),
-// createTime 36, updateTime 44, srcEthAddr 52, dstEthAddr 58, dot1qVlanTag 64,
-// dot1qCustomerVlanTag 70, cachedIntfId 76.
-class HoIpFlowConfig {
+// What HoIpFlowConfig and HoIp6FlowConfig share: every field, accessor and
+// operation; the two differ only in the key type `K`. `Self` is the record
+// class itself, which keeps the two bases distinct types and names the type
+// in the text form. Not used on its own; the out-of-line members are defined
+// and instantiated in HoFlowConfig.cpp.
+template <typename Self, typename K>
+class HoFlowConfigFields {
  public:
-  using Key = HoIpFlowKey;
+  using Key = K;
 
-  HoIpFlowConfig() = default;
+  HoFlowConfigFields() = default;
   // The key; every other field at its default.
-  explicit HoIpFlowConfig(Key const& key) : key_(key) {}
+  explicit HoFlowConfigFields(Key const& key) : key_(key) {}
   // The parsing constructor of the text form; moves `it` behind what it read.
   // Throws Zeb::RangeException naming the field that does not parse.
-  HoIpFlowConfig(Zeb::StrepIt& it, Zeb::StrepIt const& end);
+  HoFlowConfigFields(Zeb::StrepIt& it, Zeb::StrepIt const& end);
 
   Key const& key() const { return key_; }
   Zeb::Seconds createTime() const { return createTime_; }
@@ -63,13 +66,31 @@ class HoIpFlowConfig {
 
   // Field by field in field order, stopping at the first difference; times
   // compare as f64, so a NaN time makes a record unequal to itself.
-  bool operator==(HoIpFlowConfig const& o) const;
+  bool operator==(HoFlowConfigFields const& o) const;
   // True when the record differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIpFlowConfig()); }
+  explicit operator bool() const { return !(*this == Self()); }
 
   // "[key] srcEth: .., dstEth: .., created: .., updateTime: .."; tags and
   // cachedIntfId are left out. A trace text, never parsed.
   Zeb::String mirakString() const;
+
+ protected:
+  Key key_;
+  Zeb::Seconds createTime_ = 0.0;
+  Zeb::Seconds updateTime_ = 0.0;
+  Nimbet::EthAddr srcEthAddr_;
+  Nimbet::EthAddr dstEthAddr_;
+  Ovie::VlanTag dot1qVlanTag_;
+  Ovie::VlanTag dot1qCustomerVlanTag_;
+  Nimbet::IntfId cachedIntfId_;
+};
+
+// HoIpFlowConfig, 84 bytes. Field offsets (the table format): key HoIpFlowKey at 0 (36 bytes),
+// createTime 36, updateTime 44, srcEthAddr 52, dstEthAddr 58, dot1qVlanTag 64,
+// dot1qCustomerVlanTag 70, cachedIntfId 76.
+class HoIpFlowConfig : public HoFlowConfigFields<HoIpFlowConfig, HoIpFlowKey> {
+ public:
+  using HoFlowConfigFields::HoFlowConfigFields;
 
  private:
   static void layout() {
@@ -85,57 +106,14 @@ class HoIpFlowConfig {
     static_assert(offsetof(HoIpFlowConfig, dot1qCustomerVlanTag_) == 70);
     static_assert(offsetof(HoIpFlowConfig, cachedIntfId_) == 76);
   }
-
-  Key key_;
-  Zeb::Seconds createTime_ = 0.0;
-  Zeb::Seconds updateTime_ = 0.0;
-  Nimbet::EthAddr srcEthAddr_;
-  Nimbet::EthAddr dstEthAddr_;
-  Ovie::VlanTag dot1qVlanTag_;
-  Ovie::VlanTag dot1qCustomerVlanTag_;
-  Nimbet::IntfId cachedIntfId_;
 };
 
 // HoIp6FlowConfig, 108 bytes. Field offsets (the table format): key HoIp6FlowKey at 0 (60 bytes),
 // createTime 60, updateTime 68, srcEthAddr 76, dstEthAddr 82, dot1qVlanTag 88,
 // dot1qCustomerVlanTag 94, cachedIntfId 100.
-class HoIp6FlowConfig {
+class HoIp6FlowConfig : public HoFlowConfigFields<HoIp6FlowConfig, HoIp6FlowKey> {
  public:
-  using Key = HoIp6FlowKey;
-
-  HoIp6FlowConfig() = default;
-  // The key; every other field at its default.
-  explicit HoIp6FlowConfig(Key const& key) : key_(key) {}
-  // The parsing constructor of the text form; moves `it` behind what it read.
-  // Throws Zeb::RangeException naming the field that does not parse.
-  HoIp6FlowConfig(Zeb::StrepIt& it, Zeb::StrepIt const& end);
-
-  Key const& key() const { return key_; }
-  Zeb::Seconds createTime() const { return createTime_; }
-  Zeb::Seconds updateTime() const { return updateTime_; }
-  Nimbet::EthAddr srcEthAddr() const { return srcEthAddr_; }
-  Nimbet::EthAddr dstEthAddr() const { return dstEthAddr_; }
-  Ovie::VlanTag dot1qVlanTag() const { return dot1qVlanTag_; }
-  Ovie::VlanTag dot1qCustomerVlanTag() const { return dot1qCustomerVlanTag_; }
-  Nimbet::IntfId cachedIntfId() const { return cachedIntfId_; }
-
-  void createTimeIs(Zeb::Seconds v) { createTime_ = v; }
-  void updateTimeIs(Zeb::Seconds v) { updateTime_ = v; }
-  void srcEthAddrIs(Nimbet::EthAddr const& v) { srcEthAddr_ = v; }
-  void dstEthAddrIs(Nimbet::EthAddr const& v) { dstEthAddr_ = v; }
-  void dot1qVlanTagIs(Ovie::VlanTag const& v) { dot1qVlanTag_ = v; }
-  void dot1qCustomerVlanTagIs(Ovie::VlanTag const& v) { dot1qCustomerVlanTag_ = v; }
-  void cachedIntfIdIs(Nimbet::IntfId const& v) { cachedIntfId_ = v; }
-
-  // Field by field in field order, stopping at the first difference; times
-  // compare as f64, so a NaN time makes a record unequal to itself.
-  bool operator==(HoIp6FlowConfig const& o) const;
-  // True when the record differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIp6FlowConfig()); }
-
-  // "[key] srcEth: .., dstEth: .., created: .., updateTime: .."; tags and
-  // cachedIntfId are left out. A trace text, never parsed.
-  Zeb::String mirakString() const;
+  using HoFlowConfigFields::HoFlowConfigFields;
 
  private:
   static void layout() {
@@ -151,17 +129,11 @@ class HoIp6FlowConfig {
     static_assert(offsetof(HoIp6FlowConfig, dot1qCustomerVlanTag_) == 94);
     static_assert(offsetof(HoIp6FlowConfig, cachedIntfId_) == 100);
   }
-
-  Key key_;
-  Zeb::Seconds createTime_ = 0.0;
-  Zeb::Seconds updateTime_ = 0.0;
-  Nimbet::EthAddr srcEthAddr_;
-  Nimbet::EthAddr dstEthAddr_;
-  Ovie::VlanTag dot1qVlanTag_;
-  Ovie::VlanTag dot1qCustomerVlanTag_;
-  Nimbet::IntfId cachedIntfId_;
 };
 #pragma pack(pop)
+
+extern template class HoFlowConfigFields<HoIpFlowConfig, HoIpFlowKey>;
+extern template class HoFlowConfigFields<HoIp6FlowConfig, HoIp6FlowKey>;
 
 Zeb::String valueToStrep(HoIpFlowConfig const& v);
 Zeb::String valueToStrep(HoIp6FlowConfig const& v);

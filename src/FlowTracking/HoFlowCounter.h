@@ -29,18 +29,22 @@ namespace FlowTracking {
 
 #pragma pack(push, 4)
 
-// HoIpFlowCounter, 72 bytes. Field offsets (the table format): key IpFlowKey at 0 (28 bytes),
-// intfId 28, packets 36, bytes 44, createTime 52, updateTime 60, hosEntries 68.
-class HoIpFlowCounter {
+// What HoIpFlowCounter and HoIp6FlowCounter share: every field, accessor and
+// operation; the two differ only in the key type `K`. `Self` is the record
+// class itself, which keeps the two bases distinct types and names the type
+// in the text form. Not used on its own; the out-of-line members are defined
+// and instantiated in HoFlowCounter.cpp.
+template <typename Self, typename K>
+class HoFlowCounterFields {
  public:
-  using Key = IpFlowKey;
+  using Key = K;
 
-  HoIpFlowCounter() = default;
+  HoFlowCounterFields() = default;
   // The key; every other field at its default.
-  explicit HoIpFlowCounter(Key const& key) : key_(key) {}
+  explicit HoFlowCounterFields(Key const& key) : key_(key) {}
   // The parsing constructor of the text form; moves `it` behind what it read.
   // Throws Zeb::RangeException naming the field that does not parse.
-  HoIpFlowCounter(Zeb::StrepIt& it, Zeb::StrepIt const& end);
+  HoFlowCounterFields(Zeb::StrepIt& it, Zeb::StrepIt const& end);
 
   Key const& key() const { return key_; }
   Nimbet::IntfId intfId() const { return intfId_; }
@@ -65,13 +69,29 @@ class HoIpFlowCounter {
   unsigned int hosEntriesDec(unsigned int n) { return hosEntries_ -= n; }
 
   // Field by field in field order; times compare as f64 (NaN is unequal).
-  bool operator==(HoIpFlowCounter const& o) const;
+  bool operator==(HoFlowCounterFields const& o) const;
   // True when the record differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIpFlowCounter()); }
+  explicit operator bool() const { return !(*this == Self()); }
 
   // "[flow] intf: .., pkts: .., bytes: .., hos: .., created: .., updated: ..";
   // a trace text, never parsed.
   Zeb::String mirakString() const;
+
+ protected:
+  Key key_;
+  Nimbet::IntfId intfId_;
+  unsigned long long packets_ = 0;
+  unsigned long long bytes_ = 0;
+  Zeb::Seconds createTime_ = 0.0;
+  Zeb::Seconds updateTime_ = 0.0;
+  unsigned int hosEntries_ = 0;
+};
+
+// HoIpFlowCounter, 72 bytes. Field offsets (the table format): key IpFlowKey at 0 (28 bytes),
+// intfId 28, packets 36, bytes 44, createTime 52, updateTime 60, hosEntries 68.
+class HoIpFlowCounter : public HoFlowCounterFields<HoIpFlowCounter, IpFlowKey> {
+ public:
+  using HoFlowCounterFields::HoFlowCounterFields;
 
  private:
   static void layout() {
@@ -86,59 +106,13 @@ class HoIpFlowCounter {
     static_assert(offsetof(HoIpFlowCounter, updateTime_) == 60);
     static_assert(offsetof(HoIpFlowCounter, hosEntries_) == 68);
   }
-
-  Key key_;
-  Nimbet::IntfId intfId_;
-  unsigned long long packets_ = 0;
-  unsigned long long bytes_ = 0;
-  Zeb::Seconds createTime_ = 0.0;
-  Zeb::Seconds updateTime_ = 0.0;
-  unsigned int hosEntries_ = 0;
 };
 
 // HoIp6FlowCounter, 96 bytes. Field offsets (the table format): key Ip6FlowKey at 0 (52 bytes),
 // intfId 52, packets 60, bytes 68, createTime 76, updateTime 84, hosEntries 92.
-class HoIp6FlowCounter {
+class HoIp6FlowCounter : public HoFlowCounterFields<HoIp6FlowCounter, Ip6FlowKey> {
  public:
-  using Key = Ip6FlowKey;
-
-  HoIp6FlowCounter() = default;
-  // The key; every other field at its default.
-  explicit HoIp6FlowCounter(Key const& key) : key_(key) {}
-  // The parsing constructor of the text form; moves `it` behind what it read.
-  // Throws Zeb::RangeException naming the field that does not parse.
-  HoIp6FlowCounter(Zeb::StrepIt& it, Zeb::StrepIt const& end);
-
-  Key const& key() const { return key_; }
-  Nimbet::IntfId intfId() const { return intfId_; }
-  unsigned long long packets() const { return packets_; }
-  unsigned long long bytes() const { return bytes_; }
-  Zeb::Seconds createTime() const { return createTime_; }
-  Zeb::Seconds updateTime() const { return updateTime_; }
-  unsigned int hosEntries() const { return hosEntries_; }
-
-  void intfIdIs(Nimbet::IntfId const& v) { intfId_ = v; }
-  void packetsIs(unsigned long long v) { packets_ = v; }
-  void bytesIs(unsigned long long v) { bytes_ = v; }
-  void createTimeIs(Zeb::Seconds v) { createTime_ = v; }
-  void updateTimeIs(Zeb::Seconds v) { updateTime_ = v; }
-  void hosEntriesIs(unsigned int v) { hosEntries_ = v; }
-
-  // Modular on the field's width, not atomic, never throw; each returns the
-  // new value.
-  unsigned long long packetsInc(unsigned long long n) { return packets_ += n; }
-  unsigned long long bytesInc(unsigned long long n) { return bytes_ += n; }
-  unsigned int hosEntriesInc(unsigned int n) { return hosEntries_ += n; }
-  unsigned int hosEntriesDec(unsigned int n) { return hosEntries_ -= n; }
-
-  // Field by field in field order; times compare as f64 (NaN is unequal).
-  bool operator==(HoIp6FlowCounter const& o) const;
-  // True when the record differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIp6FlowCounter()); }
-
-  // "[flow] intf: .., pkts: .., bytes: .., hos: .., created: .., updated: ..";
-  // a trace text, never parsed.
-  Zeb::String mirakString() const;
+  using HoFlowCounterFields::HoFlowCounterFields;
 
  private:
   static void layout() {
@@ -153,16 +127,11 @@ class HoIp6FlowCounter {
     static_assert(offsetof(HoIp6FlowCounter, updateTime_) == 84);
     static_assert(offsetof(HoIp6FlowCounter, hosEntries_) == 92);
   }
-
-  Key key_;
-  Nimbet::IntfId intfId_;
-  unsigned long long packets_ = 0;
-  unsigned long long bytes_ = 0;
-  Zeb::Seconds createTime_ = 0.0;
-  Zeb::Seconds updateTime_ = 0.0;
-  unsigned int hosEntries_ = 0;
 };
 #pragma pack(pop)
+
+extern template class HoFlowCounterFields<HoIpFlowCounter, IpFlowKey>;
+extern template class HoFlowCounterFields<HoIp6FlowCounter, Ip6FlowKey>;
 
 Zeb::String valueToStrep(HoIpFlowCounter const& v);
 Zeb::String valueToStrep(HoIp6FlowCounter const& v);

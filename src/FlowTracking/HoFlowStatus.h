@@ -27,18 +27,22 @@ namespace FlowTracking {
 
 #pragma pack(push, 4)
 
-// HoIpFlowStatus, 56 bytes. Field offsets (the table format): key HoIpFlowKey at 0 (36 bytes),
-// hoFlowState 36, 3 bytes no field, createTime 40, updateTime 48.
-class HoIpFlowStatus {
+// What HoIpFlowStatus and HoIp6FlowStatus share: every field, accessor and
+// operation; the two differ only in the key type `K`. `Self` is the record
+// class itself, which keeps the two bases distinct types and names the type
+// in the text form. Not used on its own; the out-of-line members are defined
+// and instantiated in HoFlowStatus.cpp.
+template <typename Self, typename K>
+class HoFlowStatusFields {
  public:
-  using Key = HoIpFlowKey;
+  using Key = K;
 
-  HoIpFlowStatus() = default;
+  HoFlowStatusFields() = default;
   // The key; every other field at its default.
-  explicit HoIpFlowStatus(Key const& key) : key_(key) {}
+  explicit HoFlowStatusFields(Key const& key) : key_(key) {}
   // The parsing constructor of the text form; moves `it` behind what it read.
   // Throws Zeb::RangeException naming the field that does not parse.
-  HoIpFlowStatus(Zeb::StrepIt& it, Zeb::StrepIt const& end);
+  HoFlowStatusFields(Zeb::StrepIt& it, Zeb::StrepIt const& end);
 
   Key const& key() const { return key_; }
   HoFlowState hoFlowState() const { return hoFlowState_; }
@@ -50,12 +54,25 @@ class HoIpFlowStatus {
   void updateTimeIs(Zeb::Seconds v) { updateTime_ = v; }
 
   // Field by field in field order; times compare as f64 (NaN is unequal).
-  bool operator==(HoIpFlowStatus const& o) const;
+  bool operator==(HoFlowStatusFields const& o) const;
   // True when the record differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIpFlowStatus()); }
+  explicit operator bool() const { return !(*this == Self()); }
 
   // "[key] state: .., created: .., updated: .."; a trace text, never parsed.
   Zeb::String mirakString() const;
+
+ protected:
+  Key key_;
+  HoFlowState hoFlowState_ = hoFlowStateUnknown;
+  Zeb::Seconds createTime_ = 0.0;
+  Zeb::Seconds updateTime_ = 0.0;
+};
+
+// HoIpFlowStatus, 56 bytes. Field offsets (the table format): key HoIpFlowKey at 0 (36 bytes),
+// hoFlowState 36, 3 bytes no field, createTime 40, updateTime 48.
+class HoIpFlowStatus : public HoFlowStatusFields<HoIpFlowStatus, HoIpFlowKey> {
+ public:
+  using HoFlowStatusFields::HoFlowStatusFields;
 
  private:
   static void layout() {
@@ -67,42 +84,13 @@ class HoIpFlowStatus {
     static_assert(offsetof(HoIpFlowStatus, createTime_) == 40);
     static_assert(offsetof(HoIpFlowStatus, updateTime_) == 48);
   }
-
-  Key key_;
-  HoFlowState hoFlowState_ = hoFlowStateUnknown;
-  Zeb::Seconds createTime_ = 0.0;
-  Zeb::Seconds updateTime_ = 0.0;
 };
 
 // HoIp6FlowStatus, 80 bytes. Field offsets (the table format): key HoIp6FlowKey at 0 (60 bytes),
 // hoFlowState 60, 3 bytes no field, createTime 64, updateTime 72.
-class HoIp6FlowStatus {
+class HoIp6FlowStatus : public HoFlowStatusFields<HoIp6FlowStatus, HoIp6FlowKey> {
  public:
-  using Key = HoIp6FlowKey;
-
-  HoIp6FlowStatus() = default;
-  // The key; every other field at its default.
-  explicit HoIp6FlowStatus(Key const& key) : key_(key) {}
-  // The parsing constructor of the text form; moves `it` behind what it read.
-  // Throws Zeb::RangeException naming the field that does not parse.
-  HoIp6FlowStatus(Zeb::StrepIt& it, Zeb::StrepIt const& end);
-
-  Key const& key() const { return key_; }
-  HoFlowState hoFlowState() const { return hoFlowState_; }
-  Zeb::Seconds createTime() const { return createTime_; }
-  Zeb::Seconds updateTime() const { return updateTime_; }
-
-  void hoFlowStateIs(HoFlowState v) { hoFlowState_ = v; }
-  void createTimeIs(Zeb::Seconds v) { createTime_ = v; }
-  void updateTimeIs(Zeb::Seconds v) { updateTime_ = v; }
-
-  // Field by field in field order; times compare as f64 (NaN is unequal).
-  bool operator==(HoIp6FlowStatus const& o) const;
-  // True when the record differs from a default-constructed one.
-  explicit operator bool() const { return !(*this == HoIp6FlowStatus()); }
-
-  // "[key] state: .., created: .., updated: .."; a trace text, never parsed.
-  Zeb::String mirakString() const;
+  using HoFlowStatusFields::HoFlowStatusFields;
 
  private:
   static void layout() {
@@ -114,13 +102,11 @@ class HoIp6FlowStatus {
     static_assert(offsetof(HoIp6FlowStatus, createTime_) == 64);
     static_assert(offsetof(HoIp6FlowStatus, updateTime_) == 72);
   }
-
-  Key key_;
-  HoFlowState hoFlowState_ = hoFlowStateUnknown;
-  Zeb::Seconds createTime_ = 0.0;
-  Zeb::Seconds updateTime_ = 0.0;
 };
 #pragma pack(pop)
+
+extern template class HoFlowStatusFields<HoIpFlowStatus, HoIpFlowKey>;
+extern template class HoFlowStatusFields<HoIp6FlowStatus, HoIp6FlowKey>;
 
 Zeb::String valueToStrep(HoIpFlowStatus const& v);
 Zeb::String valueToStrep(HoIp6FlowStatus const& v);
