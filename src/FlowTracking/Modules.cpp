@@ -225,120 +225,62 @@ int hoFlowKeyOp(void* result, void* object, AttributeId attribute, AttributeOp o
   }
 }
 
-template <typename R>
-int configOp(void* result, void* object, AttributeId attribute, AttributeOp op, void const*,
-             void const* argument) {
-  R& r = *static_cast<R*>(object);
-  switch (attribute) {
-    case 0:
-      return valueOp<R, false>(result, op, r, argument);
-    case 2:
-      return readOnly(result, op, r.key());
-    case 3:
-      return readWrite(result, op, argument, r.createTime(), [&](auto v) { r.createTimeIs(v); });
-    case 4:
-      return readWrite(result, op, argument, r.updateTime(), [&](auto v) { r.updateTimeIs(v); });
-    case 5:
-      return readWrite(result, op, argument, r.srcEthAddr(), [&](auto v) { r.srcEthAddrIs(v); });
-    case 6:
-      return readWrite(result, op, argument, r.dstEthAddr(), [&](auto v) { r.dstEthAddrIs(v); });
-    case 7:
-      return readWrite<Ovie::VlanTag, 5>(result, op, argument, r.dot1qVlanTag(),
-                                         [&](auto v) { r.dot1qVlanTagIs(v); });
-    case 8:
-      return readWrite<Ovie::VlanTag, 5>(result, op, argument, r.dot1qCustomerVlanTag(),
-                                         [&](auto v) { r.dot1qCustomerVlanTagIs(v); });
-    case 9:
-      return readWrite(result, op, argument, r.cachedIntfId(),
-                       [&](auto v) { r.cachedIntfIdIs(v); });
-    case 10:
-      return mirakStringOp(result, op, r);
-    default:
-      return unknownAttribute;
+// A field with a writer, by its accessor pair; `WriteBytes` as for readWrite
+// (0: the whole field).
+template <auto Get, auto Set, size_t WriteBytes = 0>
+struct Rw {
+  template <typename R>
+  static int op(void* result, AttributeOp op, void const* argument, R& r) {
+    using F = std::remove_cvref_t<decltype((r.*Get)())>;
+    constexpr size_t kBytes = WriteBytes ? WriteBytes : sizeof(F);
+    return readWrite<F, kBytes>(result, op, argument, (r.*Get)(), [&](F v) { (r.*Set)(v); });
   }
-}
+};
+
+// The attribute operation of a record or plain key: 0 the value itself, 2 its
+// key (read only), then the `Fields` numbered from 3 in order, then
+// mirakString. The numbers are those of the type's AttributeInfo table below.
+template <typename R, bool HasLess, typename... Fields>
+struct RecordOp {
+  static int op(void* result, void* object, AttributeId attribute, AttributeOp op, void const*,
+                void const* argument) {
+    R& r = *static_cast<R*>(object);
+    if (attribute == 0) return valueOp<R, HasLess>(result, op, r, argument);
+    if (attribute == 2) return readOnly(result, op, r.key());
+    if (attribute == 3 + sizeof...(Fields)) return mirakStringOp(result, op, r);
+    int rc = unknownAttribute;
+    if constexpr (sizeof...(Fields) > 0) {
+      AttributeId at = 3;
+      // Stops at the field numbered `attribute`; none: unknownAttribute.
+      (void)((attribute == at++ && (rc = Fields::op(result, op, argument, r), true)) || ...);
+    }
+    return rc;
+  }
+};
 
 template <typename R>
-int statusOp(void* result, void* object, AttributeId attribute, AttributeOp op, void const*,
-             void const* argument) {
-  R& r = *static_cast<R*>(object);
-  switch (attribute) {
-    case 0:
-      return valueOp<R, false>(result, op, r, argument);
-    case 2:
-      return readOnly(result, op, r.key());
-    case 3:
-      return readWrite(result, op, argument, r.hoFlowState(), [&](auto v) { r.hoFlowStateIs(v); });
-    case 4:
-      return readWrite(result, op, argument, r.createTime(), [&](auto v) { r.createTimeIs(v); });
-    case 5:
-      return readWrite(result, op, argument, r.updateTime(), [&](auto v) { r.updateTimeIs(v); });
-    case 6:
-      return mirakStringOp(result, op, r);
-    default:
-      return unknownAttribute;
-  }
-}
+using ConfigOp =
+    RecordOp<R, false, Rw<&R::createTime, &R::createTimeIs>, Rw<&R::updateTime, &R::updateTimeIs>,
+             Rw<&R::srcEthAddr, &R::srcEthAddrIs>, Rw<&R::dstEthAddr, &R::dstEthAddrIs>,
+             Rw<&R::dot1qVlanTag, &R::dot1qVlanTagIs, 5>,
+             Rw<&R::dot1qCustomerVlanTag, &R::dot1qCustomerVlanTagIs, 5>,
+             Rw<&R::cachedIntfId, &R::cachedIntfIdIs>>;
 
 template <typename R>
-int counterOp(void* result, void* object, AttributeId attribute, AttributeOp op, void const*,
-              void const* argument) {
-  R& r = *static_cast<R*>(object);
-  switch (attribute) {
-    case 0:
-      return valueOp<R, false>(result, op, r, argument);
-    case 2:
-      return readOnly(result, op, r.key());
-    case 3:
-      return readWrite(result, op, argument, r.intfId(), [&](auto v) { r.intfIdIs(v); });
-    case 4:
-      return readWrite(result, op, argument, r.packets(), [&](auto v) { r.packetsIs(v); });
-    case 5:
-      return readWrite(result, op, argument, r.bytes(), [&](auto v) { r.bytesIs(v); });
-    case 6:
-      return readWrite(result, op, argument, r.createTime(), [&](auto v) { r.createTimeIs(v); });
-    case 7:
-      return readWrite(result, op, argument, r.updateTime(), [&](auto v) { r.updateTimeIs(v); });
-    case 8:
-      return readWrite(result, op, argument, r.hosEntries(), [&](auto v) { r.hosEntriesIs(v); });
-    case 9:
-      return mirakStringOp(result, op, r);
-    default:
-      return unknownAttribute;
-  }
-}
+using StatusOp =
+    RecordOp<R, false, Rw<&R::hoFlowState, &R::hoFlowStateIs>, Rw<&R::createTime, &R::createTimeIs>,
+             Rw<&R::updateTime, &R::updateTimeIs>>;
 
-int counterKeyOp(void* result, void* object, AttributeId attribute, AttributeOp op, void const*,
-                 void const* argument) {
-  auto& k = *static_cast<HosStateCounterKey*>(object);
-  switch (attribute) {
-    case 0:
-      return valueOp<HosStateCounterKey, true>(result, op, k, argument);
-    case 2:
-      return readOnly(result, op, k.key());
-    case 3:
-      return mirakStringOp(result, op, k);
-    default:
-      return unknownAttribute;
-  }
-}
+template <typename R>
+using CounterOp =
+    RecordOp<R, false, Rw<&R::intfId, &R::intfIdIs>, Rw<&R::packets, &R::packetsIs>,
+             Rw<&R::bytes, &R::bytesIs>, Rw<&R::createTime, &R::createTimeIs>,
+             Rw<&R::updateTime, &R::updateTimeIs>, Rw<&R::hosEntries, &R::hosEntriesIs>>;
 
-int counterEntryOp(void* result, void* object, AttributeId attribute, AttributeOp op, void const*,
-                   void const* argument) {
-  auto& r = *static_cast<HosStateCounterEntry*>(object);
-  switch (attribute) {
-    case 0:
-      return valueOp<HosStateCounterEntry, false>(result, op, r, argument);
-    case 2:
-      return readOnly(result, op, r.key());
-    case 3:
-      return readWrite(result, op, argument, r.hoFlows(), [&](auto v) { r.hoFlowsIs(v); });
-    case 4:
-      return mirakStringOp(result, op, r);
-    default:
-      return unknownAttribute;
-  }
-}
+using CounterKeyOp = RecordOp<HosStateCounterKey, true>;
+using CounterEntryOp =
+    RecordOp<HosStateCounterEntry, false,
+             Rw<&HosStateCounterEntry::hoFlows, &HosStateCounterEntry::hoFlowsIs>>;
 
 // --- entities ---------------------------------------------------------------
 
@@ -532,35 +474,23 @@ using Kind = Zeb::AttributeKind;
 template <typename T>
 constexpr uint32_t sizeOf = static_cast<uint32_t>(sizeof(T));
 
-AttributeInfo const hoIpFlowKeyAttrs[] = {
-    {2, "ipFlowKey", Kind::ctorField, "FlowTracking::IpFlowKey"},
-    {3, "vrfId", Kind::flowKeyField, "FlowTracking::VrfId"},
-    {4, "vlanId", Kind::flowKeyField, "FlowTracking::VlanId"},
-    {5, "srcAddr", Kind::flowKeyField, "Nimbet::IpAddr"},
-    {6, "dstAddr", Kind::flowKeyField, "Nimbet::IpAddr"},
-    {7, "ipProtocol", Kind::flowKeyField, "Nimbet::IpProtocol"},
-    {8, "srcPort", Kind::flowKeyField, "U16"},
-    {9, "dstPort", Kind::flowKeyField, "U16"},
-    {10, "direction", Kind::flowKeyField, "Nimbet::TrafficDirection"},
-    {11, "ipProtocolNumber", Kind::flowKeyField, "U8"},
-    {12, "intfId", Kind::ctorField, "Nimbet::IntfId"},
-    {13, "mirakString", Kind::valueFunction, "Zeb::String"},
-};
-
-AttributeInfo const hoIp6FlowKeyAttrs[] = {
-    {2, "ipFlowKey", Kind::ctorField, "FlowTracking::Ip6FlowKey"},
-    {3, "vrfId", Kind::flowKeyField, "FlowTracking::VrfId"},
-    {4, "vlanId", Kind::flowKeyField, "FlowTracking::VlanId"},
-    {5, "srcAddr", Kind::flowKeyField, "Nimbet::Ip6Addr"},
-    {6, "dstAddr", Kind::flowKeyField, "Nimbet::Ip6Addr"},
-    {7, "ipProtocol", Kind::flowKeyField, "Nimbet::IpProtocol"},
-    {8, "srcPort", Kind::flowKeyField, "U16"},
-    {9, "dstPort", Kind::flowKeyField, "U16"},
-    {10, "direction", Kind::flowKeyField, "Nimbet::TrafficDirection"},
-    {11, "ipProtocolNumber", Kind::flowKeyField, "U8"},
-    {12, "intfId", Kind::ctorField, "Nimbet::IntfId"},
-    {13, "mirakString", Kind::valueFunction, "Zeb::String"},
-};
+#define FLOWTRACKING_KEY_ATTRS(name, FlowKeyName, AddrName)              \
+  AttributeInfo const name[] = {                                         \
+      {2, "ipFlowKey", Kind::ctorField, FlowKeyName},                    \
+      {3, "vrfId", Kind::flowKeyField, "FlowTracking::VrfId"},           \
+      {4, "vlanId", Kind::flowKeyField, "FlowTracking::VlanId"},         \
+      {5, "srcAddr", Kind::flowKeyField, AddrName},                      \
+      {6, "dstAddr", Kind::flowKeyField, AddrName},                      \
+      {7, "ipProtocol", Kind::flowKeyField, "Nimbet::IpProtocol"},       \
+      {8, "srcPort", Kind::flowKeyField, "U16"},                         \
+      {9, "dstPort", Kind::flowKeyField, "U16"},                         \
+      {10, "direction", Kind::flowKeyField, "Nimbet::TrafficDirection"}, \
+      {11, "ipProtocolNumber", Kind::flowKeyField, "U8"},                \
+      {12, "intfId", Kind::ctorField, "Nimbet::IntfId"},                 \
+      {13, "mirakString", Kind::valueFunction, "Zeb::String"},           \
+  }
+FLOWTRACKING_KEY_ATTRS(hoIpFlowKeyAttrs, "FlowTracking::IpFlowKey", "Nimbet::IpAddr");
+FLOWTRACKING_KEY_ATTRS(hoIp6FlowKeyAttrs, "FlowTracking::Ip6FlowKey", "Nimbet::Ip6Addr");
 
 #define FLOWTRACKING_CONFIG_ATTRS(name, KeyName)                 \
   AttributeInfo const name[] = {                                 \
@@ -640,6 +570,7 @@ FLOWTRACKING_ENTITY_ATTRS(hosStateCounterAttrs, hosStateIpCounter, hosStateIp6Co
                           "FlowTracking::HosStateCounterEntry", "FlowTracking::HosStateCounterKey",
                           "FlowTracking::HosStateCounterKey", mountPathParams1);
 
+#undef FLOWTRACKING_KEY_ATTRS
 #undef FLOWTRACKING_CONFIG_ATTRS
 #undef FLOWTRACKING_STATUS_ATTRS
 #undef FLOWTRACKING_COUNTER_ATTRS
@@ -655,6 +586,13 @@ Zeb::ZebTypeBase valueType(char const* name, uint16_t flags, std::span<Attribute
                           nullptr,
                           attrs,
                           Zeb::TypeImpl{nullptr, nullptr, &valueMethods<T>, ctor, op, nullptr}};
+}
+
+// A record of an offload table, made from its key and operated on by
+// `Op<R>::op`.
+template <typename R, template <typename> class Op>
+Zeb::ZebTypeBase recordType(char const* name, std::span<AttributeInfo const> attrs) {
+  return valueType<R>(name, Zeb::kFlagsValue, attrs, &recordFromCtorArgs<R>, &Op<R>::op);
 }
 
 template <typename E, typename Impl>
@@ -721,11 +659,8 @@ Zeb::Module _Ho6Flow_e944d5d2_zebModule("_Ho6Flow_e944d5d2_zebModule", ho6FlowTy
 namespace {
 
 Zeb::ZebTypeBase hoFlowConfigTypes[] = {
-    valueType<HoIpFlowConfig>("FlowTracking::HoIpFlowConfig", Zeb::kFlagsValue, hoIpFlowConfigAttrs,
-                              &recordFromCtorArgs<HoIpFlowConfig>, &configOp<HoIpFlowConfig>),
-    valueType<HoIp6FlowConfig>("FlowTracking::HoIp6FlowConfig", Zeb::kFlagsValue,
-                               hoIp6FlowConfigAttrs, &recordFromCtorArgs<HoIp6FlowConfig>,
-                               &configOp<HoIp6FlowConfig>),
+    recordType<HoIpFlowConfig, ConfigOp>("FlowTracking::HoIpFlowConfig", hoIpFlowConfigAttrs),
+    recordType<HoIp6FlowConfig, ConfigOp>("FlowTracking::HoIp6FlowConfig", hoIp6FlowConfigAttrs),
     entityType<HoFlowConfig, HoFlowConfigImpl>(
         "FlowTracking::HoFlowConfig", hoFlowConfigAttrs,
         &newEntityForDir<HoFlowConfig, &hoFlowConfigFactory, &_HoFlowConfig_d7c62409_zebModule, 2>,
@@ -733,31 +668,26 @@ Zeb::ZebTypeBase hoFlowConfigTypes[] = {
 };
 
 Zeb::ZebTypeBase hoFlowStatusTypes[] = {
-    valueType<HoIpFlowStatus>("FlowTracking::HoIpFlowStatus", Zeb::kFlagsValue, hoIpFlowStatusAttrs,
-                              &recordFromCtorArgs<HoIpFlowStatus>, &statusOp<HoIpFlowStatus>),
-    valueType<HoIp6FlowStatus>("FlowTracking::HoIp6FlowStatus", Zeb::kFlagsValue,
-                               hoIp6FlowStatusAttrs, &recordFromCtorArgs<HoIp6FlowStatus>,
-                               &statusOp<HoIp6FlowStatus>),
+    recordType<HoIpFlowStatus, StatusOp>("FlowTracking::HoIpFlowStatus", hoIpFlowStatusAttrs),
+    recordType<HoIp6FlowStatus, StatusOp>("FlowTracking::HoIp6FlowStatus", hoIp6FlowStatusAttrs),
     entityType<HoFlowStatus, HoFlowStatusImpl>(
         "FlowTracking::HoFlowStatus", hoFlowStatusAttrs,
         &newEntityForDir<HoFlowStatus, &hoFlowStatusFactory, &_HoFlowStatus_b4e443f4_zebModule, 2>,
         &entityFromCtorArgs<HoFlowStatus, &HoFlowStatus::HoFlowStatusIs>),
     valueType<HosStateCounterKey>("FlowTracking::HosStateCounterKey", Zeb::kFlagsPlainValue,
-                                  hosStateCounterKeyAttrs, &counterKeyFromCtorArgs, &counterKeyOp),
+                                  hosStateCounterKeyAttrs, &counterKeyFromCtorArgs,
+                                  &CounterKeyOp::op),
     valueType<HosStateCounterEntry>("FlowTracking::HosStateCounterEntry", Zeb::kFlagsPlainValue,
                                     hosStateCounterEntryAttrs,
-                                    &recordFromCtorArgs<HosStateCounterEntry>, &counterEntryOp),
+                                    &recordFromCtorArgs<HosStateCounterEntry>, &CounterEntryOp::op),
     entityType<HosStateCounter, HosStateCounterImpl>(
         "FlowTracking::HosStateCounter", hosStateCounterAttrs,
         &newEntityForDir<HosStateCounter, &hosStateCounterFactory,
                          &_HoFlowStatus_b4e443f4_zebModule, 5>,
         &entityFromCtorArgs<HosStateCounter, &HosStateCounter::HosStateCounterIs>),
-    valueType<HoIpFlowCounter>("FlowTracking::HoIpFlowCounter", Zeb::kFlagsValue,
-                               hoIpFlowCounterAttrs, &recordFromCtorArgs<HoIpFlowCounter>,
-                               &counterOp<HoIpFlowCounter>),
-    valueType<HoIp6FlowCounter>("FlowTracking::HoIp6FlowCounter", Zeb::kFlagsValue,
-                                hoIp6FlowCounterAttrs, &recordFromCtorArgs<HoIp6FlowCounter>,
-                                &counterOp<HoIp6FlowCounter>),
+    recordType<HoIpFlowCounter, CounterOp>("FlowTracking::HoIpFlowCounter", hoIpFlowCounterAttrs),
+    recordType<HoIp6FlowCounter, CounterOp>("FlowTracking::HoIp6FlowCounter",
+                                            hoIp6FlowCounterAttrs),
     entityType<HoFlowCounter, HoFlowCounterImpl>(
         "FlowTracking::HoFlowCounter", hoFlowCounterAttrs,
         &newEntityForDir<HoFlowCounter, &hoFlowCounterFactory, &_HoFlowStatus_b4e443f4_zebModule,
