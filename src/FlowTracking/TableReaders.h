@@ -18,13 +18,6 @@ using HosStateCounterReader = Mirak::MirakReader<HosStateCounterOps>;
 
 }  // namespace FlowTracking
 
-#define FLOWTRACKING_READER_TEMPLATES(Prefix)                                  \
-  Prefix template class Mirak::MirakReader<FlowTracking::HoIpFlowConfigOps>;   \
-  Prefix template class Mirak::MirakReader<FlowTracking::HoIp6FlowConfigOps>;  \
-  Prefix template class Mirak::MirakReader<FlowTracking::HoIpFlowStatusOps>;   \
-  Prefix template class Mirak::MirakReader<FlowTracking::HoIp6FlowStatusOps>;  \
-  Prefix template class Mirak::MirakReader<FlowTracking::HoIpFlowCounterOps>;  \
-  Prefix template class Mirak::MirakReader<FlowTracking::HoIp6FlowCounterOps>; \
-  Prefix template class Mirak::MirakReader<FlowTracking::HosStateCounterOps>
+#define FLOWTRACKING_READER_TEMPLATES(Prefix) FLOWTRACKING_EACH_TABLE(Prefix, Mirak::MirakReader)
 
 FLOWTRACKING_READER_TEMPLATES(extern);

@@ -18,13 +18,6 @@ using HosStateCounterWriter = Mirak::MirakWriter<HosStateCounterOps>;
 
 }  // namespace FlowTracking
 
-#define FLOWTRACKING_WRITER_TEMPLATES(Prefix)                                  \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HoIpFlowConfigOps>;   \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HoIp6FlowConfigOps>;  \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HoIpFlowStatusOps>;   \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HoIp6FlowStatusOps>;  \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HoIpFlowCounterOps>;  \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HoIp6FlowCounterOps>; \
-  Prefix template class Mirak::MirakWriter<FlowTracking::HosStateCounterOps>
+#define FLOWTRACKING_WRITER_TEMPLATES(Prefix) FLOWTRACKING_EACH_TABLE(Prefix, Mirak::MirakWriter)
 
 FLOWTRACKING_WRITER_TEMPLATES(extern);

@@ -95,20 +95,23 @@ FLOWTRACKING_VALUE_TYPE_NAME(HosStateCounterEntry);
 
 #undef FLOWTRACKING_VALUE_TYPE_NAME
 
-// One line per class template of the family and table; Tables.cpp has the
-// matching explicit instantiations.
-#define FLOWTRACKING_TABLE_TEMPLATES(Prefix, Ops)   \
-  Prefix template class Mirak::MirakInterface<Ops>; \
-  Prefix template class Mirak::MirakDummy<Ops>;     \
-  Prefix template class Mirak::MirakStrictDummy<Ops>
+// `Prefix template class Template<Ops>` for the policy of each of the seven
+// tables: the explicit instantiations (Prefix empty) and their `extern`
+// declarations, here and in TableReaders.h and TableWriters.h.
+#define FLOWTRACKING_EACH_TABLE(Prefix, Template)                    \
+  Prefix template class Template<FlowTracking::HoIpFlowConfigOps>;   \
+  Prefix template class Template<FlowTracking::HoIp6FlowConfigOps>;  \
+  Prefix template class Template<FlowTracking::HoIpFlowStatusOps>;   \
+  Prefix template class Template<FlowTracking::HoIp6FlowStatusOps>;  \
+  Prefix template class Template<FlowTracking::HoIpFlowCounterOps>;  \
+  Prefix template class Template<FlowTracking::HoIp6FlowCounterOps>; \
+  Prefix template class Template<FlowTracking::HosStateCounterOps>
 
-#define FLOWTRACKING_ALL_TABLE_TEMPLATES(Prefix)                           \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HoIpFlowConfigOps);   \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HoIp6FlowConfigOps);  \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HoIpFlowStatusOps);   \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HoIp6FlowStatusOps);  \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HoIpFlowCounterOps);  \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HoIp6FlowCounterOps); \
-  FLOWTRACKING_TABLE_TEMPLATES(Prefix, FlowTracking::HosStateCounterOps)
+// The class templates of the family; Tables.cpp has the explicit
+// instantiations.
+#define FLOWTRACKING_ALL_TABLE_TEMPLATES(Prefix)          \
+  FLOWTRACKING_EACH_TABLE(Prefix, Mirak::MirakInterface); \
+  FLOWTRACKING_EACH_TABLE(Prefix, Mirak::MirakDummy);     \
+  FLOWTRACKING_EACH_TABLE(Prefix, Mirak::MirakStrictDummy)
 
 FLOWTRACKING_ALL_TABLE_TEMPLATES(extern);
