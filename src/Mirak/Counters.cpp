@@ -6,31 +6,34 @@
 
 namespace Mirak {
 
-namespace {
-
 template <typename C>
-std::string countersText(C const& c) {
+std::string CountersRecord<C>::toString() const {
   std::string out;
   for (auto const& f : C::fields()) {
     if (!out.empty()) out += ' ';
-    fmt::format_to(std::back_inserter(out), "{}:{}", f.name, c.*(f.member));
+    fmt::format_to(std::back_inserter(out), "{}:{}", f.name,
+                   static_cast<C const&>(*this).*(f.member));
   }
   return out;
 }
 
 template <typename C>
-void countersAdd(C& into, C const& other) {
-  for (auto const& f : C::fields()) into.*(f.member) += other.*(f.member);
+C& CountersRecord<C>::operator+=(C const& other) {
+  C& self = static_cast<C&>(*this);
+  for (auto const& f : C::fields()) self.*(f.member) += other.*(f.member);
+  return self;
 }
 
-}  // namespace
+template struct CountersRecord<Writer::Counters>;
+template struct CountersRecord<Reader::Counters>;
 
-namespace Writer {
-
+// An entry of a fields() table, written where `Counters` names the record.
 #define MIRAK_FIELD(n) \
   Counters::Field {    \
 #n, &Counters::n   \
   }
+
+namespace Writer {
 
 std::span<Counters::Field const> Counters::fields() {
   static constexpr std::array table{
@@ -67,25 +70,9 @@ std::span<Counters::Field const> Counters::fields() {
   return table;
 }
 
-#undef MIRAK_FIELD
-
-std::string Counters::toString() const {
-  return countersText(*this);
-}
-
-Counters& Counters::operator+=(Counters const& other) {
-  countersAdd(*this, other);
-  return *this;
-}
-
 }  // namespace Writer
 
 namespace Reader {
-
-#define MIRAK_FIELD(n) \
-  Counters::Field {    \
-#n, &Counters::n   \
-  }
 
 std::span<Counters::Field const> Counters::fields() {
   static constexpr std::array table{
@@ -108,17 +95,8 @@ std::span<Counters::Field const> Counters::fields() {
   return table;
 }
 
-#undef MIRAK_FIELD
-
-std::string Counters::toString() const {
-  return countersText(*this);
-}
-
-Counters& Counters::operator+=(Counters const& other) {
-  countersAdd(*this, other);
-  return *this;
-}
-
 }  // namespace Reader
+
+#undef MIRAK_FIELD
 
 }  // namespace Mirak

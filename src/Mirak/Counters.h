@@ -22,9 +22,28 @@
 
 namespace Mirak {
 
+// What Writer::Counters and Reader::Counters share, driven by the record's
+// `C::fields()` table: the table's entry type, the text form and the sum.
+// Empty, so each record keeps its size of one u64 per field.
+template <typename C>
+struct CountersRecord {
+  struct Field {
+    char const* name;
+    uint64_t C::*member;
+  };
+
+  // "lookups:0 inserts:0 ...", every field in declaration order.
+  std::string toString() const;
+  // Adds every field of `other`: counts accumulate. For the live values and
+  // the "last"/"longest" times the sum has no meaning; callers that merge
+  // records take those from the newest record instead.
+  C& operator+=(C const& other);
+  bool operator==(CountersRecord const&) const = default;
+};
+
 namespace Writer {
 
-struct Counters {
+struct Counters : CountersRecord<Counters> {
   // Data operations.
   uint64_t lookups = 0;
   uint64_t inserts = 0;
@@ -60,18 +79,7 @@ struct Counters {
   uint64_t bucketMappedSize = 0;
   uint64_t tesselMappedSize = 0;
 
-  struct Field {
-    char const* name;
-    uint64_t Counters::*member;
-  };
   static std::span<Field const> fields();
-
-  // "lookups:0 inserts:0 ...", every field in declaration order.
-  std::string toString() const;
-  // Adds every field of `other`: counts accumulate. For the live values and
-  // the "last"/"longest" times the sum has no meaning; callers that merge
-  // records take those from the newest record instead.
-  Counters& operator+=(Counters const& other);
   friend bool operator==(Counters const&, Counters const&) = default;
 };
 
@@ -79,7 +87,7 @@ struct Counters {
 
 namespace Reader {
 
-struct Counters {
+struct Counters : CountersRecord<Counters> {
   uint64_t lookups = 0;
   // Restarts of a chain walk, after a link or word moved under the reader.
   uint64_t retries = 0;
@@ -102,33 +110,26 @@ struct Counters {
   uint64_t slotMappedSize = 0;
   uint64_t bucketMappedSize = 0;
 
-  struct Field {
-    char const* name;
-    uint64_t Counters::*member;
-  };
   static std::span<Field const> fields();
-
-  std::string toString() const;
-  Counters& operator+=(Counters const& other);
   friend bool operator==(Counters const&, Counters const&) = default;
 };
 
 }  // namespace Reader
 
+extern template struct CountersRecord<Writer::Counters>;
+extern template struct CountersRecord<Reader::Counters>;
+
+// "{}" prints a record's toString().
+struct CountersFormatter : fmt::formatter<std::string_view> {
+  template <typename C, typename Ctx>
+  auto format(C const& c, Ctx& ctx) const {
+    return fmt::format_to(ctx.out(), "{}", c.toString());
+  }
+};
+
 }  // namespace Mirak
 
 template <>
-struct fmt::formatter<Mirak::Writer::Counters> : fmt::formatter<std::string_view> {
-  template <typename Ctx>
-  auto format(Mirak::Writer::Counters const& c, Ctx& ctx) const {
-    return fmt::format_to(ctx.out(), "{}", c.toString());
-  }
-};
-
+struct fmt::formatter<Mirak::Writer::Counters> : Mirak::CountersFormatter {};
 template <>
-struct fmt::formatter<Mirak::Reader::Counters> : fmt::formatter<std::string_view> {
-  template <typename Ctx>
-  auto format(Mirak::Reader::Counters const& c, Ctx& ctx) const {
-    return fmt::format_to(ctx.out(), "{}", c.toString());
-  }
-};
+struct fmt::formatter<Mirak::Reader::Counters> : Mirak::CountersFormatter {};

@@ -238,7 +238,8 @@ class MirakWriter : public MirakInterface<OpsT> {
   uint32_t directSlot_ = kNoSlot;
   Link* directPrevLink_ = nullptr;
   bool directNew_ = false;
-  Writer::Counters counters_;
+  // Statistics, not table state: a const lookup still counts itself.
+  mutable Writer::Counters counters_;
   QuiesceHandler quiesceHandler_;
   bool criticalTaskCheck_;
   bool shrinkBuckets_;
@@ -927,8 +928,7 @@ void MirakWriter<OpsT>::move(uint32_t from, uint32_t to, Link* prev) {
 template <TablePolicy OpsT>
 auto MirakWriter<OpsT>::lookup(Key const& key, bool& found, void* destination) const
     -> Value const* {
-  auto& counters = const_cast<Writer::Counters&>(counters_);
-  counters.lookups++;
+  counters_.lookups++;
   found = false;
   uint32_t const hash = ops_.hash(key);
   uint32_t const bucket = map_.bucketOf(hash);
