@@ -109,100 +109,43 @@ inline FlowTracking::HoFlowState randomState(Rng& rng) {
   return static_cast<FlowTracking::HoFlowState>(rng() % 3 == 0 ? uniform<uint8_t>(rng) : rng() % 6);
 }
 
+// A random value of any flow key or record: every field the type has is set
+// (a record's key by the same rule).
 template <typename T>
-struct Random;
-
-template <>
-struct Random<FlowTracking::IpFlowKey> {
-  static FlowTracking::IpFlowKey make(Rng& rng) {
-    return randomFlowKey<FlowTracking::IpFlowKey>(rng);
-  }
-};
-template <>
-struct Random<FlowTracking::Ip6FlowKey> {
-  static FlowTracking::Ip6FlowKey make(Rng& rng) {
-    return randomFlowKey<FlowTracking::Ip6FlowKey>(rng);
-  }
-};
-template <>
-struct Random<FlowTracking::HoIpFlowKey> {
-  static FlowTracking::HoIpFlowKey make(Rng& rng) {
-    return FlowTracking::HoIpFlowKey(randomFlowKey<FlowTracking::IpFlowKey>(rng), randomIntf(rng));
-  }
-};
-template <>
-struct Random<FlowTracking::HoIp6FlowKey> {
-  static FlowTracking::HoIp6FlowKey make(Rng& rng) {
-    return FlowTracking::HoIp6FlowKey(randomFlowKey<FlowTracking::Ip6FlowKey>(rng),
-                                      randomIntf(rng));
-  }
-};
-template <>
-struct Random<FlowTracking::HosStateCounterKey> {
-  static FlowTracking::HosStateCounterKey make(Rng& rng) {
-    return FlowTracking::HosStateCounterKey(randomState(rng));
-  }
-};
-
-template <typename R>
-struct RandomConfig {
-  static R make(Rng& rng) {
-    R r(Random<typename R::Key>::make(rng));
-    r.createTimeIs(randomTime(rng));
-    r.updateTimeIs(randomTime(rng));
-    r.srcEthAddrIs(randomEth(rng));
-    r.dstEthAddrIs(randomEth(rng));
-    r.dot1qVlanTagIs(randomTag(rng));
-    r.dot1qCustomerVlanTagIs(randomTag(rng));
-    r.cachedIntfIdIs(randomIntf(rng));
-    return r;
-  }
-};
-template <>
-struct Random<FlowTracking::HoIpFlowConfig> : RandomConfig<FlowTracking::HoIpFlowConfig> {};
-template <>
-struct Random<FlowTracking::HoIp6FlowConfig> : RandomConfig<FlowTracking::HoIp6FlowConfig> {};
-
-template <typename R>
-struct RandomStatus {
-  static R make(Rng& rng) {
-    R r(Random<typename R::Key>::make(rng));
-    r.hoFlowStateIs(randomState(rng));
-    r.createTimeIs(randomTime(rng));
-    r.updateTimeIs(randomTime(rng));
-    return r;
-  }
-};
-template <>
-struct Random<FlowTracking::HoIpFlowStatus> : RandomStatus<FlowTracking::HoIpFlowStatus> {};
-template <>
-struct Random<FlowTracking::HoIp6FlowStatus> : RandomStatus<FlowTracking::HoIp6FlowStatus> {};
-
-template <typename R>
-struct RandomCounter {
-  static R make(Rng& rng) {
-    R r(Random<typename R::Key>::make(rng));
-    r.intfIdIs(randomIntf(rng));
-    // Above 2^32 most of the time, all 64 bits sometimes.
-    r.packetsIs((rng() & 1) ? rng() : (1ull << 32) + rng() % 1000000);
-    r.bytesIs(rng());
-    r.createTimeIs(randomTime(rng));
-    r.updateTimeIs(randomTime(rng));
-    r.hosEntriesIs(uniform<uint32_t>(rng));
-    return r;
-  }
-};
-template <>
-struct Random<FlowTracking::HoIpFlowCounter> : RandomCounter<FlowTracking::HoIpFlowCounter> {};
-template <>
-struct Random<FlowTracking::HoIp6FlowCounter> : RandomCounter<FlowTracking::HoIp6FlowCounter> {};
-
-template <>
-struct Random<FlowTracking::HosStateCounterEntry> {
-  static FlowTracking::HosStateCounterEntry make(Rng& rng) {
-    FlowTracking::HosStateCounterEntry e(Random<FlowTracking::HosStateCounterKey>::make(rng));
-    e.hoFlowsIs(uniform<uint32_t>(rng));
-    return e;
+struct Random {
+  static T make(Rng& rng) {
+    using namespace FlowTracking;
+    if constexpr (std::is_same_v<T, IpFlowKey> || std::is_same_v<T, Ip6FlowKey>) {
+      return randomFlowKey<T>(rng);
+    } else if constexpr (std::is_same_v<T, HosStateCounterKey>) {
+      return T(randomState(rng));
+    } else if constexpr (requires { typename T::FlowKey; }) {
+      auto const flow = Random<typename T::FlowKey>::make(rng);
+      return T(flow, randomIntf(rng));
+    } else {
+      T r(Random<typename T::Key>::make(rng));
+      if constexpr (requires { r.hoFlowStateIs(HoFlowState()); }) r.hoFlowStateIs(randomState(rng));
+      if constexpr (requires { r.packetsIs(0); }) {
+        r.intfIdIs(randomIntf(rng));
+        // Above 2^32 most of the time, all 64 bits sometimes.
+        r.packetsIs((rng() & 1) ? rng() : (1ull << 32) + rng() % 1000000);
+        r.bytesIs(rng());
+      }
+      if constexpr (requires { r.createTimeIs(0.0); }) {
+        r.createTimeIs(randomTime(rng));
+        r.updateTimeIs(randomTime(rng));
+      }
+      if constexpr (requires { r.srcEthAddrIs(Nimbet::EthAddr()); }) {
+        r.srcEthAddrIs(randomEth(rng));
+        r.dstEthAddrIs(randomEth(rng));
+        r.dot1qVlanTagIs(randomTag(rng));
+        r.dot1qCustomerVlanTagIs(randomTag(rng));
+        r.cachedIntfIdIs(randomIntf(rng));
+      }
+      if constexpr (requires { r.hosEntriesIs(0); }) r.hosEntriesIs(uniform<uint32_t>(rng));
+      if constexpr (requires { r.hoFlowsIs(0); }) r.hoFlowsIs(uniform<uint32_t>(rng));
+      return r;
+    }
   }
 };
 

@@ -53,32 +53,29 @@ using AllTypes =
                      HoIpFlowCounter, HoIp6FlowCounter, HosStateCounterEntry>;
 TYPED_TEST_SUITE(StrepTest, AllTypes);
 
+// The default and random values print and parse back; the printed form is
+// stable, and it is what streams and fmt print.
 TYPED_TEST(StrepTest, RoundTripOfRandomValues) {
   for (int i = 0; i < 2000; i++) {
-    TypeParam const v = Random<TypeParam>::make(this->rng_);
+    TypeParam const v = i == 0 ? TypeParam{} : Random<TypeParam>::make(this->rng_);
     Zeb::String const text = valueToStrep(v);
     TypeParam const back = Zeb::strepToValue(text, static_cast<TypeParam*>(nullptr));
     ASSERT_EQ(back, v) << "iteration " << i << ": " << text;
-    // The printed form is stable: printing the parsed value gives the same text.
     ASSERT_EQ(valueToStrep(back), text);
+    if (i % 100 != 1) continue;
+    std::ostringstream os;
+    os << v;
+    EXPECT_EQ(os.str(), text.stdString());
+    EXPECT_EQ(fmt::format("{}", v), text.stdString());
   }
 }
 
-TYPED_TEST(StrepTest, DefaultRoundTrips) {
-  TypeParam const v{};
-  EXPECT_EQ(Zeb::strepToValue(valueToStrep(v), static_cast<TypeParam*>(nullptr)), v);
-}
-
-TYPED_TEST(StrepTest, StreamAndFmtPrintTheStrep) {
+// The composite form starts with its type name; the parsing constructor stops
+// at the end of its value and leaves the iterator there, so it can stand
+// inside a larger text.
+TYPED_TEST(StrepTest, FormNamesItsTypeAndParserStopsBehindItsValue) {
   TypeParam const v = Random<TypeParam>::make(this->rng_);
-  std::ostringstream os;
-  os << v;
-  EXPECT_EQ(os.str(), valueToStrep(v).stdString());
-  EXPECT_EQ(fmt::format("{}", v), valueToStrep(v).stdString());
-}
-
-TYPED_TEST(StrepTest, CompositeFormStartsWithItsTypeName) {
-  std::string const text = valueToStrep(Random<TypeParam>::make(this->rng_)).stdString();
+  std::string const text = valueToStrep(v).stdString();
   if constexpr (std::is_same_v<TypeParam, HosStateCounterKey>) {
     EXPECT_EQ(text.find("Value("), std::string::npos) << text;
   } else {
@@ -86,58 +83,37 @@ TYPED_TEST(StrepTest, CompositeFormStartsWithItsTypeName) {
         << text;
     EXPECT_EQ(text.substr(text.size() - 2), "})");
   }
+  Zeb::String const embedded(text + ", 'next': 1");
+  auto it = embedded.begin();
+  TypeParam const back(it, embedded.end());
+  EXPECT_EQ(back, v);
+  EXPECT_EQ(it.rest(embedded.end()), ", 'next': 1");
 }
 
-// A strep with one blank inserted at any position, or any one of its blanks
-// removed, must not parse.
-TYPED_TEST(StrepTest, BlankMoreOrLessAnywhereThrows) {
+// Strictness: a strep with one blank inserted at any position or any one of
+// its blanks removed, every proper prefix, and trailing text must not parse.
+TYPED_TEST(StrepTest, MalformedTextsThrow) {
+  auto expectRefused = [](std::string const& text, std::string const& what) {
+    EXPECT_THROW(Zeb::strepToValue(Zeb::String(text), static_cast<TypeParam*>(nullptr)),
+                 Zeb::RangeException)
+        << what << ": " << text;
+  };
   for (int i = 0; i < 8; i++) {
     std::string const text = valueToStrep(Random<TypeParam>::make(this->rng_)).stdString();
     for (size_t pos = 0; pos <= text.size(); pos++) {
       std::string more = text;
-      more.insert(pos, 1, ' ');
-      EXPECT_THROW(Zeb::strepToValue(Zeb::String(more), static_cast<TypeParam*>(nullptr)),
-                   Zeb::RangeException)
-          << "blank inserted at " << pos << ": " << more;
+      expectRefused(more.insert(pos, 1, ' '), fmt::format("blank inserted at {}", pos));
       if (pos < text.size() && text[pos] == ' ') {
         std::string less = text;
-        less.erase(pos, 1);
-        EXPECT_THROW(Zeb::strepToValue(Zeb::String(less), static_cast<TypeParam*>(nullptr)),
-                     Zeb::RangeException)
-            << "blank removed at " << pos << ": " << less;
+        expectRefused(less.erase(pos, 1), fmt::format("blank removed at {}", pos));
       }
+      if (i == 0 && pos < text.size()) expectRefused(text.substr(0, pos), "proper prefix");
     }
+    // Trailing text on the first value only: a numeric state followed by a
+    // digit is another state, and the seed's first state is a named one.
+    if (i > 0) continue;
+    for (char const* tail : {"x", ")", "}", ",", "0"}) expectRefused(text + tail, "trailing");
   }
-}
-
-TYPED_TEST(StrepTest, EveryProperPrefixThrows) {
-  std::string const text = valueToStrep(Random<TypeParam>::make(this->rng_)).stdString();
-  for (size_t n = 0; n < text.size(); n++) {
-    EXPECT_THROW(
-        Zeb::strepToValue(Zeb::String(text.substr(0, n)), static_cast<TypeParam*>(nullptr)),
-        Zeb::RangeException)
-        << "prefix of " << n << ": " << text.substr(0, n);
-  }
-}
-
-TYPED_TEST(StrepTest, TrailingTextIsRejected) {
-  std::string const text = valueToStrep(Random<TypeParam>::make(this->rng_)).stdString();
-  for (char const* tail : {"x", ")", "}", ",", "0"}) {
-    EXPECT_THROW(Zeb::strepToValue(Zeb::String(text + tail), static_cast<TypeParam*>(nullptr)),
-                 Zeb::RangeException)
-        << text << tail;
-  }
-}
-
-// The parsing constructor stops at the end of its value and leaves the
-// iterator there, so it can stand inside a larger text.
-TYPED_TEST(StrepTest, ParserStopsBehindItsValue) {
-  TypeParam const v = Random<TypeParam>::make(this->rng_);
-  Zeb::String const text(valueToStrep(v).stdString() + ", 'next': 1");
-  auto it = text.begin();
-  TypeParam const back(it, text.end());
-  EXPECT_EQ(back, v);
-  EXPECT_EQ(it.rest(text.end()), ", 'next': 1");
 }
 
 TEST(StrepErrors, StatusReadAsIp6StatusFailsAtTheFirstLiteral) {

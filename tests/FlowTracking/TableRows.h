@@ -45,64 +45,42 @@ inline Nimbet::IntfId intf(uint32_t i) {
   return Nimbet::IntfId(1000 + i % 48, 0);
 }
 
-// Row i of table Record, version v.
-template <typename Record>
-TableValue<Record> row(uint32_t i, uint32_t v = 0);
+// The key of row i: flow keys from i, with the interface of i where the key
+// has one; the state counter's key is one of 256 states.
+template <typename Key>
+Key keyOf(uint32_t i) {
+  if constexpr (std::is_same_v<Key, HosStateCounterKey>) {
+    return Key(HoFlowState(i % 256));
+  } else if constexpr (std::is_same_v<Key, IpFlowKey>) {
+    return ipFlowKey(i);
+  } else if constexpr (std::is_same_v<Key, Ip6FlowKey>) {
+    return ip6FlowKey(i);
+  } else if constexpr (std::is_constructible_v<Key, IpFlowKey, Nimbet::IntfId>) {
+    return Key(ipFlowKey(i), intf(i));
+  } else {
+    return Key(ip6FlowKey(i), intf(i));
+  }
+}
 
-template <>
-inline TableValue<HoIpFlowConfig> row<HoIpFlowConfig>(uint32_t i, uint32_t v) {
-  HoIpFlowConfig r(HoIpFlowKey(ipFlowKey(i), intf(i)));
-  r.createTimeIs(i + 0.25);
-  r.updateTimeIs(v + 0.5);
-  r.cachedIntfIdIs(intf(v));
-  return r;
-}
-template <>
-inline TableValue<HoIp6FlowConfig> row<HoIp6FlowConfig>(uint32_t i, uint32_t v) {
-  HoIp6FlowConfig r(HoIp6FlowKey(ip6FlowKey(i), intf(i)));
-  r.createTimeIs(i + 0.25);
-  r.updateTimeIs(v + 0.5);
-  r.cachedIntfIdIs(intf(v));
-  return r;
-}
-template <>
-inline TableValue<HoIpFlowStatus> row<HoIpFlowStatus>(uint32_t i, uint32_t v) {
-  HoIpFlowStatus r(HoIpFlowKey(ipFlowKey(i), intf(i)));
-  r.hoFlowStateIs(HoFlowState(1 + v % 5));
-  r.createTimeIs(i + 0.25);
-  r.updateTimeIs(v + 0.5);
-  return r;
-}
-template <>
-inline TableValue<HoIp6FlowStatus> row<HoIp6FlowStatus>(uint32_t i, uint32_t v) {
-  HoIp6FlowStatus r(HoIp6FlowKey(ip6FlowKey(i), intf(i)));
-  r.hoFlowStateIs(HoFlowState(1 + v % 5));
-  r.createTimeIs(i + 0.25);
-  r.updateTimeIs(v + 0.5);
-  return r;
-}
-template <>
-inline TableValue<HoIpFlowCounter> row<HoIpFlowCounter>(uint32_t i, uint32_t v) {
-  HoIpFlowCounter r(ipFlowKey(i));
-  r.intfIdIs(intf(i));
-  r.packetsIs(uint64_t(v) << 33 | i);
-  r.bytesIs(uint64_t(v) * 1500);
-  r.hosEntriesIs(v);
-  return r;
-}
-template <>
-inline TableValue<HoIp6FlowCounter> row<HoIp6FlowCounter>(uint32_t i, uint32_t v) {
-  HoIp6FlowCounter r(ip6FlowKey(i));
-  r.intfIdIs(intf(i));
-  r.packetsIs(uint64_t(v) << 33 | i);
-  r.bytesIs(uint64_t(v) * 1500);
-  r.hosEntriesIs(v);
-  return r;
-}
-template <>
-inline TableValue<HosStateCounterEntry> row<HosStateCounterEntry>(uint32_t i, uint32_t v) {
-  HosStateCounterEntry r(HosStateCounterKey(HoFlowState(i % 256)));
-  r.hoFlowsIs(v);
+// Row i of table Record, version v: every field the record has is set from i
+// or v (a counter's createTime stays zero).
+template <typename Record>
+TableValue<Record> row(uint32_t i, uint32_t v = 0) {
+  Record r(keyOf<typename Record::Key>(i));
+  if constexpr (requires { r.hoFlowStateIs(HoFlowState()); })
+    r.hoFlowStateIs(HoFlowState(1 + v % 5));
+  if constexpr (requires { r.updateTimeIs(0.0); }) {
+    r.createTimeIs(i + 0.25);
+    r.updateTimeIs(v + 0.5);
+  }
+  if constexpr (requires { r.cachedIntfIdIs(intf(v)); }) r.cachedIntfIdIs(intf(v));
+  if constexpr (requires { r.intfIdIs(intf(i)); }) r.intfIdIs(intf(i));
+  if constexpr (requires { r.packetsIs(uint64_t()); }) {
+    r.packetsIs(uint64_t(v) << 33 | i);
+    r.bytesIs(uint64_t(v) * 1500);
+    r.hosEntriesIs(v);
+  }
+  if constexpr (requires { r.hoFlowsIs(v); }) r.hoFlowsIs(v);
   return r;
 }
 
@@ -112,36 +90,15 @@ constexpr uint32_t keySpace() {
   return std::is_same_v<Record, HosStateCounterEntry> ? 256 : 0xffffffffu;
 }
 
-// The policy of each record's table.
+// The policy of each record's table: the config and status tables have a
+// change queue, the counter tables none.
 template <typename Record>
-struct OpsOf;
-template <>
-struct OpsOf<HoIpFlowConfig> {
-  using type = HoIpFlowConfigOps;
-};
-template <>
-struct OpsOf<HoIp6FlowConfig> {
-  using type = HoIp6FlowConfigOps;
-};
-template <>
-struct OpsOf<HoIpFlowStatus> {
-  using type = HoIpFlowStatusOps;
-};
-template <>
-struct OpsOf<HoIp6FlowStatus> {
-  using type = HoIp6FlowStatusOps;
-};
-template <>
-struct OpsOf<HoIpFlowCounter> {
-  using type = HoIpFlowCounterOps;
-};
-template <>
-struct OpsOf<HoIp6FlowCounter> {
-  using type = HoIp6FlowCounterOps;
-};
-template <>
-struct OpsOf<HosStateCounterEntry> {
-  using type = HosStateCounterOps;
+struct OpsOf {
+  static constexpr bool hasQueue =
+      std::is_same_v<Record, HoIpFlowConfig> || std::is_same_v<Record, HoIp6FlowConfig> ||
+      std::is_same_v<Record, HoIpFlowStatus> || std::is_same_v<Record, HoIp6FlowStatus>;
+  using type =
+      TableOps<Record, std::conditional_t<hasQueue, ChangeQueueWriter, NoChangeQueueWriter>>;
 };
 
 using AllRecords =

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -112,25 +111,22 @@ class TableValidatorTest : public ::testing::Test {
 
 TYPED_TEST_SUITE(TableValidatorTest, AllRecords);
 
-TYPED_TEST(TableValidatorTest, SoundAfterAWorkloadWithEverySlotAndQueuePositionAccountedFor) {
+// Sound after a workload and again after a restart that adopts the files.
+TYPED_TEST(TableValidatorTest, SoundWithEverySlotAndQueuePositionAccountedFor) {
   uint32_t const seed = 31337;
   SCOPED_TRACE(::testing::Message() << "seed " << seed);
   auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
   this->workload(*w, seed);
   ASSERT_GT(w->members(), 0u);
   EXPECT_EQ(validateError(*w), "passed");
-
-  Steps<typename TestFixture::Writer> steps(*w);
-  ASSERT_TRUE(steps.audit.doValidate(w->kestorId())) << steps.audit.error();
-  EXPECT_EQ(steps.audit.occupiedCount(), w->members());
-  EXPECT_EQ(steps.audit.occupiedCount() + steps.audit.freeCount(), w->capacity());
-  // Every write notifies its slot: each occupied slot claims one position.
-  EXPECT_EQ(steps.audit.tesselCount(), TestFixture::kQueue ? w->members() : 0u);
-}
-
-TYPED_TEST(TableValidatorTest, AdoptedFilesValidateAfterARestart) {
-  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
-  this->workload(*w, 5);
+  {
+    Steps<typename TestFixture::Writer> steps(*w);
+    ASSERT_TRUE(steps.audit.doValidate(w->kestorId())) << steps.audit.error();
+    EXPECT_EQ(steps.audit.occupiedCount(), w->members());
+    EXPECT_EQ(steps.audit.occupiedCount() + steps.audit.freeCount(), w->capacity());
+    // Every write notifies its slot: each occupied slot claims one position.
+    EXPECT_EQ(steps.audit.tesselCount(), TestFixture::kQueue ? w->members() : 0u);
+  }
   uint32_t const members = w->members();
   Parcel::KestorId const kestor = w->kestorId();
   w.reset();
@@ -140,33 +136,32 @@ TYPED_TEST(TableValidatorTest, AdoptedFilesValidateAfterARestart) {
   EXPECT_EQ(validateError(*w), "passed");
 }
 
-TYPED_TEST(TableValidatorTest, CrashInsideACriticalSection) {
+// Crash damage, one at a time and undone again: a critical section left open
+// (written through the file, as a crashed process leaves it), an overwrite
+// that left its lookaside bit, a cycle in the free list.
+TYPED_TEST(TableValidatorTest, CrashDamageFailsWithItsMessage) {
   auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
   this->workload(*w, 6);
-  pwriteWord(w->rootPath().filePath("slots"), offsetof(Mirak::SlotTable::Header, runtimeFlags), 1,
-             2);
+  std::string const slots = w->rootPath().filePath("slots");
+  pwriteWord(slots, offsetof(Mirak::SlotTable::Header, runtimeFlags), 1, 2);
   EXPECT_EQ(validateError(*w), "bad critical section runtimeFlags:1");
-}
+  pwriteWord(slots, offsetof(Mirak::SlotTable::Header, runtimeFlags), 0, 2);
+  ASSERT_EQ(validateError(*w), "passed");
 
-TYPED_TEST(TableValidatorTest, CrashInsideAnOverwriteLeavesLookaside) {
-  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
-  this->workload(*w, 7);
   typename TestFixture::Value v;
   Mirak::IterHint hint{};
   ASSERT_TRUE(w->first(v, hint));
   auto& s = w->slotTable().slots()[hint.slotIndex];
-  uint32_t const word = s.versionFlags + Mirak::SlotTable::LOOKASIDE;
+  uint32_t const word = s.versionFlags;
+  s.versionFlags = word + Mirak::SlotTable::LOOKASIDE;
+  EXPECT_EQ(validateError(*w),
+            fmt::format("stuck LOOKASIDE bit: {:#x}", word + Mirak::SlotTable::LOOKASIDE));
   s.versionFlags = word;
-  EXPECT_EQ(validateError(*w), fmt::format("stuck LOOKASIDE bit: {:#x}", word));
-}
+  ASSERT_EQ(validateError(*w), "passed");
 
-TYPED_TEST(TableValidatorTest, FreeListCycle) {
-  auto w = makeWriter<typename TestFixture::Ops>(1000, "flowtracking/validator");
-  this->workload(*w, 8);
   uint32_t const head = w->slotTable().header()->freeSlots;
   ASSERT_NE(head, kNone);
-  auto& first = w->slotTable().slots()[head];
-  first.link.next = head;
+  w->slotTable().slots()[head].link.next = head;
   EXPECT_EQ(validateError(*w), fmt::format("duplicate freeSlot detected: {}", head));
 }
 
@@ -368,28 +363,6 @@ TEST_F(QueueValidatorTest, ActiveTombstone) {
   entrySlotIs(pos, kNone);
   EXPECT_FALSE(steps.audit.walkTesselQueue());
   EXPECT_EQ(steps.audit.error(), fmt::format("active tombstone pos:{}", pos));
-}
-
-// ---------------------------------------------------------------------------
-// Cost of one validation of a large table. Run by hand:
-//   test_FlowTracking --gtest_also_run_disabled_tests --gtest_filter='*MillionRows*'
-
-TEST(TableValidatorCost, DISABLED_MillionRowsOfHoIpFlowConfig) {
-  MirakTest::TempRoot root;
-  uint32_t const rows = 1000000;
-  auto w = makeWriter<FlowTracking::HoIpFlowConfigOps>(rows, "flowtracking/million");
-  for (uint32_t i = 0; i < rows; i++) w->write(row<HoIpFlowConfig>(i, 1), true);
-  ASSERT_EQ(w->members(), rows);
-  auto const start = std::chrono::steady_clock::now();
-  std::string error;
-  bool const ok = w->validate(w->kestorId(), error, false);
-  auto const elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_TRUE(ok) << error;
-  double const ms = std::chrono::duration<double, std::milli>(elapsed).count();
-  std::printf(
-      "validation of %u HoIpFlowConfig rows (capacity %u, %u buckets, %u queue entries): "
-      "%.1f ms\n",
-      rows, w->capacity(), w->buckets(), w->tesselWriter().entryCount(), ms);
 }
 
 }  // namespace
