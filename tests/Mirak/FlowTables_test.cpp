@@ -1,17 +1,19 @@
-// The seven flow tables through the back end interface, on their
-// placeholders: what a front object sees of a collection that waits for its
-// writer, was detached, or became an orphan.
+// The seven flow tables' policies against their table format, and their
+// placeholders through the back end interface: what a front object sees of a
+// collection that waits for its writer. (The placeholders' refusals, retired
+// back ends and strict stops are the same template code, tested over the test
+// policies in MirakDummy_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "FlowTracking/Tables.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Mirak/TempRoot.h"
 
 namespace {
 
@@ -35,46 +37,6 @@ Key sampleKey() {
 template <typename O>
 typename O::Value sampleValue() {
   return typename O::Value::Record(sampleKey<typename O::Key>());
-}
-
-// Stands for the writer that a placeholder retired.
-template <typename O>
-class RetiredBackEnd : public Mirak::MirakInterface<O> {
- public:
-  using Key = typename O::Key;
-  using Value = typename O::Value;
-  RetiredBackEnd(int& cleanups, int& destroyed) : cleanups_(cleanups), destroyed_(destroyed) {}
-  ~RetiredBackEnd() override { ++destroyed_; }
-  bool initialize(std::string const&) override { return true; }
-  void detach(bool) override {}
-  void cleanup() override { ++cleanups_; }
-  uint32_t members() const override { return 0; }
-  uint32_t buckets() const override { return 0; }
-  uint32_t minSize() const override { return 0; }
-  uint32_t maxSize() const override { return 0; }
-  uint32_t capacity() const override { return 0; }
-  Mirak::MirakType type() const override { return Mirak::MirakType::writer; }
-  Mem::NaoRootPath rootPath() const override {
-    return Mem::NaoRootPath(Lomi::Platform::getDebugHandler("retired"), "retired", true);
-  }
-  std::string mirakName() const override { return "retired"; }
-  Mem::MountStatus mountStatus() const override { return Mem::mountStatusNotMounted; }
-  bool validateVersionAnchor() const override { return true; }
-  Value const* lookup(Key const&, bool& found, void*) const override {
-    found = false;
-    return &O::defaultValue();
-  }
-  bool first(Value&, Mirak::IterHint&) const override { return false; }
-  bool next(Key const&, Value&, Mirak::IterHint&) const override { return false; }
-
- private:
-  int& cleanups_;
-  int& destroyed_;
-};
-
-std::string escapeRegex(std::string const& s) {
-  static std::regex const special(R"([.^$|()\[\]{}*+?\\])");
-  return std::regex_replace(s, special, R"(\$&)");
 }
 
 template <typename O>
@@ -106,18 +68,9 @@ class FlowTableTest : public ::testing::Test {
   using Strict = Mirak::MirakStrictDummy<O>;
   static constexpr char const* kName = "flowtracking/test/hwOffload/table";
 
-  FlowTableTest() : handler("FlowTableTest") {
-    char tmpl[] = "/tmp/mirak-flowtables-XXXXXX";
-    dir = ::mkdtemp(tmpl);
-    Mem::RootPath::baseIs(dir);
-    ops.hashSeedIs(0x5eed);
-  }
-  ~FlowTableTest() override {
-    ::rmdir(dir.c_str());
-    Mem::RootPath::baseIs(Mem::RootPath::kDefaultBase);
-  }
+  FlowTableTest() : handler("FlowTableTest") { ops.hashSeedIs(0x5eed); }
 
-  std::string dir;
+  MirakTest::TempRoot root;
   Lomi::Platform::DebugHandler handler;
   O ops;
 };
@@ -184,7 +137,7 @@ TYPED_TEST(FlowTableTest, DummyIsAnEmptyReadOnlyReader) {
   table.yieldTimeIs(0.05);
   EXPECT_EQ(table.sequence(), 0u);
   EXPECT_FALSE(table.clientQuiesced("shadow"));
-  EXPECT_EQ(table.rootPath().path(), this->dir + "/" + TestFixture::kName);
+  EXPECT_EQ(table.rootPath().path(), this->root.path() + "/" + TestFixture::kName);
   EXPECT_EQ(table.mirakName(), "table");
   EXPECT_EQ(table.mountStatus(), 0u);
   EXPECT_EQ(table.kestorId().value(), 0u);
@@ -217,65 +170,6 @@ TYPED_TEST(FlowTableTest, DummyIsAnEmptyReadOnlyReader) {
   EXPECT_FALSE(table.next(key, value, hint));
   EXPECT_TRUE(value == O::defaultValue());
   table.detach(false);
-}
-
-TYPED_TEST(FlowTableTest, WritesAndRemovesAreRefused) {
-  using O = TypeParam;
-  typename TestFixture::Dummy table(this->ops, this->handler, TestFixture::kName);
-  auto value = sampleValue<O>();
-  auto key = sampleKey<typename O::Key>();
-  auto refusal = [](auto&& op) -> std::string {
-    try {
-      op();
-    } catch (Lomi::NoPermissionException const& e) {
-      return e.msg();
-    }
-    return "<no exception>";
-  };
-  EXPECT_EQ(refusal([&] { table.write(value, true); }), "write to read-only Mirak table");
-  EXPECT_EQ(refusal([&] { table.directWrite(value); }), "write to read-only Mirak table");
-  EXPECT_EQ(refusal([&] { table.directUpdate(key); }), "write to read-only Mirak table");
-  EXPECT_EQ(refusal([&] { table.directCommit(); }), "write to read-only Mirak table");
-  typename O::Value removed;
-  EXPECT_EQ(refusal([&] { table.remove(key, removed); }), "remove to read-only Mirak table");
-}
-
-TYPED_TEST(FlowTableTest, PlaceholdersOwnAndCleanTheRetiredBackEnd) {
-  using O = TypeParam;
-  int cleanups = 0, destroyed = 0;
-  {
-    auto retired = std::make_unique<RetiredBackEnd<O>>(cleanups, destroyed);
-    typename TestFixture::Strict table(this->ops, this->handler, TestFixture::kName,
-                                       std::move(retired), TestFixture::Strict::kOrphanSuffix);
-    table.detach(true);
-    table.cleanup();
-    EXPECT_EQ(cleanups, 1);
-    EXPECT_EQ(destroyed, 0);
-  }
-  EXPECT_EQ(destroyed, 1);
-  {
-    typename TestFixture::Dummy table(this->ops, this->handler, TestFixture::kName,
-                                      std::make_unique<RetiredBackEnd<O>>(cleanups, destroyed));
-    table.cleanup();
-    EXPECT_EQ(cleanups, 2);
-  }
-  EXPECT_EQ(destroyed, 2);
-}
-
-TYPED_TEST(FlowTableTest, StrictPlaceholderStopsWithTheKeyInItsMessage) {
-  using O = TypeParam;
-  typename TestFixture::Strict table(this->ops, this->handler, TestFixture::kName, nullptr,
-                                     TestFixture::Strict::kOrphanSuffix);
-  auto key = sampleKey<typename O::Key>();
-  std::string const expected =
-      fmt::format("invoked, name:{} rootpath:{}/{} key:{}{}", TestFixture::kName, this->dir,
-                  TestFixture::kName, fmt::format("{}", key), TestFixture::Strict::kOrphanSuffix);
-  bool found;
-  EXPECT_DEATH(table.lookup(key, found, nullptr), escapeRegex(expected));
-  EXPECT_DEATH(
-      table.members(),
-      escapeRegex(fmt::format("invoked, name:{} rootpath:{}/{}{}", TestFixture::kName, this->dir,
-                              TestFixture::kName, TestFixture::Strict::kOrphanSuffix)));
 }
 
 }  // namespace

@@ -21,10 +21,7 @@ Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("test.MirakUtil");
 }
 
-std::string readAll(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using ParcelTest::readAll;
 
 class MirakUtilTest : public ::testing::Test {
  protected:

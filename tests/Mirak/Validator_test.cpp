@@ -241,176 +241,178 @@ class ValidatorDamage : public ::testing::Test {
   std::vector<uint32_t> free_;   // the free list in order
 };
 
-TEST_F(ValidatorDamage, CriticalSectionLeftOpenByACrash) {
-  uint16_t const flags = 1;
-  pwriteSlotFile(*w_, offsetof(Mirak::SlotTable::Header, runtimeFlags), &flags, sizeof flags);
-  EXPECT_EQ(validateError(*w_), "bad critical section runtimeFlags:1");
-  EXPECT_FALSE(w_->validate());
+// One damage of the sound table in SetUp and the message it must fail with.
+// `kestor` is the generation validated against (the writer's own unless the
+// damage changes it).
+struct Damage {
+  char const* name;
+  std::function<std::string(Writer& w, std::vector<uint32_t> const& order,
+                            std::vector<uint32_t> const& free, Parcel::KestorId& kestor)>
+      apply;
+};
+
+std::ostream& operator<<(std::ostream& os, Damage const& d) {
+  return os << d.name;
 }
 
-TEST_F(ValidatorDamage, CriticalSectionOfAnEscapedExceptionFailsToo) {
+// A chain of two entries: the first and its successor.
+std::pair<uint32_t, uint32_t> chainOfTwo(Writer& w, std::vector<uint32_t> const& order) {
+  for (uint32_t s : order) {
+    uint32_t const next = slotAt(w, s).link.next;
+    if (!Link::isEndOfChain(next)) return {s, next};
+  }
+  ADD_FAILURE() << "no chain of two entries";
+  return {order[0], order[0]};
+}
+
+std::string stuckLookaside(Writer& w, uint32_t victim) {
+  uint32_t const word = slotAt(w, victim).versionFlags | Mirak::SlotTable::LOOKASIDE;
+  slotAt(w, victim).versionFlags = word;
+  return fmt::format("stuck LOOKASIDE bit: {:#x}", word);
+}
+
+// Takes the slot out of its chain; the counter still counts it.
+void cutOut(Writer& w, uint32_t victim) {
+  predecessorOf(w, slotAt(w, victim).value.key())->next = slotAt(w, victim).link.next;
+}
+
+const Damage kDamages[] = {
+    {"CriticalSectionLeftOpenByACrash",
+     [](Writer& w, auto&, auto&, auto&) {
+       uint16_t const flags = 1;
+       pwriteSlotFile(w, offsetof(Mirak::SlotTable::Header, runtimeFlags), &flags, sizeof flags);
+       return std::string("bad critical section runtimeFlags:1");
+     }},
+    // One in the middle of the walk is reached by next(), whose slow path
+    // meets the slot again; the first failure is the one reported.
+    {"StuckLookasideBitMidWalk", [](Writer& w, auto& order, auto&,
+                                    auto&) { return stuckLookaside(w, order[order.size() / 2]); }},
+    {"StuckLookasideBitOnTheFirstSlotOfTheWalk",
+     [](Writer& w, auto& order, auto&, auto&) { return stuckLookaside(w, order.front()); }},
+    {"FreeListCycle",
+     [](Writer& w, auto&, auto& free, auto&) {
+       slotAt(w, free[2]).link.next = free[0];
+       return fmt::format("duplicate freeSlot detected: {}", free[0]);
+     }},
+    {"ChainCycleOfOneSlot",
+     [](Writer& w, auto& order, auto&, auto&) {
+       uint32_t const victim = order[order.size() / 3];
+       slotAt(w, victim).link.next = victim;
+       return fmt::format("duplicate slot: {}", victim);
+     }},
+    {"ChainCycleBackToAnEarlierEntryOfTheChain",
+     [](Writer& w, auto& order, auto&, auto&) {
+       auto const [first, second] = chainOfTwo(w, order);
+       slotAt(w, second).link.next = first;
+       return fmt::format("duplicate slot: {}", first);
+     }},
+    {"OccupiedSlotOnTheFreeList",
+     [](Writer& w, auto& order, auto&, auto&) {
+       header(w).freeSlots = order[7];
+       return fmt::format("corrupted free slot not marked as empty: {}", order[7]);
+     }},
+    {"OccupiedSlotJoinedToTheEndOfTheFreeList",
+     [](Writer& w, auto& order, auto& free, auto&) {
+       slotAt(w, free.back()).link.next = order[11];
+       return fmt::format("corrupted free slot not marked as empty: {}", order[11]);
+     }},
+    {"SlotCutOutOfItsChain",
+     [](Writer& w, auto& order, auto&, auto&) {
+       cutOut(w, order[20]);
+       return std::string("mismatch header->occupiedSlots:150 count:149");
+     }},
+    // With occupiedSlots made to agree with the chains, only the sum of the
+    // two walks shows the lost slot.
+    {"SlotOnNeitherListWithTheCounterToMatch",
+     [](Writer& w, auto& order, auto& free, auto&) {
+       cutOut(w, order[20]);
+       header(w).occupiedSlots = 149;
+       return fmt::format("bad slotCount:{} occupiedSlots:149 freeSlots:{} capacity:{}",
+                          149 + free.size(), free.size(), w.capacity());
+     }},
+    {"FreeSlotLostFromTheFreeList",
+     [](Writer& w, auto&, auto& free, auto&) {
+       header(w).freeSlots = free[1];
+       return fmt::format("bad slotCount:{} occupiedSlots:150 freeSlots:{} capacity:{}",
+                          w.capacity() - 1, free.size() - 1, w.capacity());
+     }},
+    {"OccupiedSlotsBelowTheChains",
+     [](Writer& w, auto&, auto&, auto&) {
+       header(w).occupiedSlots = 149;
+       return std::string("walkedSlots:150 is greater than header->occupiedSlots:149");
+     }},
+    {"OccupiedSlotsAboveTheChains",
+     [](Writer& w, auto&, auto&, auto&) {
+       header(w).occupiedSlots = 151;
+       return std::string("mismatch header->occupiedSlots:151 count:150");
+     }},
+    {"FreeListIndexBeyondTheCapacity",
+     [](Writer& w, auto&, auto& free, auto&) {
+       slotAt(w, free[1]).link.next = w.capacity() + 1;
+       return fmt::format("corrupted free slot detected with out of bound index: {}",
+                          w.capacity() + 1);
+     }},
+    {"FreeListIndexEqualToTheCapacity",
+     [](Writer& w, auto&, auto& free, auto&) {
+       slotAt(w, free[1]).link.next = w.capacity();
+       return fmt::format("out-of-range index: {} max:{}", w.capacity(), w.capacity() - 1);
+     }},
+    {"RhashOfASlot",
+     [](Writer& w, auto& order, auto&, auto&) {
+       uint32_t const good = slotAt(w, order.front()).rhash;
+       slotAt(w, order.front()).rhash = good ^ 0x10u;
+       return fmt::format("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:08x}",
+                          order.front(), good ^ 0x10u, good);
+     }},
+    // A constant field of the slot header: its checksum runs first.
+    {"SlotHeaderChecksum",
+     [](Writer& w, auto&, auto&, auto&) {
+       header(w).maxSlots += 1;
+       return fmt::format("checksum fail: {:x} != {:x}", header(w).checksum(), header(w).hash);
+     }},
+    {"AnotherWritersKestor",
+     [](Writer& w, auto&, auto&, Parcel::KestorId& kestor) {
+       kestor = w.kestorId().reformatted();
+       return fmt::format("bad kestor:{} wanted:{}", w.kestorId(), kestor);
+     }},
+    // The bucket count stored in the file no longer matches the mapping: the
+    // bucket file's own message.
+    {"BucketFileHeader",
+     [](Writer& w, auto&, auto&, auto&) {
+       w.hashMap().bucketWriter().header()->numBuckets.value = w.buckets() * 2;
+       std::string expected;
+       EXPECT_FALSE(w.hashMap().bucketWriter().validate(w.kestorId().value(), expected));
+       EXPECT_FALSE(expected.empty());
+       return expected;
+     }},
+};
+
+class ValidatorDamageTable : public ValidatorDamage,
+                             public ::testing::WithParamInterface<Damage> {};
+
+// Every damage fails with its message, and validation stores nothing: the
+// damage is still there, and so are the counters it compared.
+TEST_P(ValidatorDamageTable, FailsWithItsMessageAndLeavesTheTableAsItWas) {
+  Parcel::KestorId kestor = w_->kestorId();
+  std::string const expected = GetParam().apply(*w_, order_, free_, kestor);
+  std::string const before = w_->dumpHeaders();
+  EXPECT_EQ(validateError(*w_, kestor), expected);
+  EXPECT_EQ(w_->dumpHeaders(), before);
+  if (kestor == w_->kestorId()) {
+    EXPECT_FALSE(w_->validate());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, ValidatorDamageTable, ::testing::ValuesIn(kDamages),
+                         [](auto const& info) { return std::string(info.param.name); });
+
+TEST_F(ValidatorDamage, CriticalSectionOfAnEscapedExceptionFailsUntilLeft) {
   // The write path leaves the bit up when an exception escapes a critical
   // section; here an entered section that was never left.
   w_->slotTable().enterCriticalSection();
   EXPECT_EQ(validateError(*w_), "bad critical section runtimeFlags:1");
   w_->slotTable().leaveCriticalSection();
   EXPECT_EQ(validateError(*w_), "passed");
-}
-
-TEST_F(ValidatorDamage, StuckLookasideBit) {
-  // One in the middle of the walk: reached by next(), whose slow path meets
-  // the slot again; the first failure is the one reported.
-  uint32_t const victim = order_[order_.size() / 2];
-  uint32_t const word = slotAt(*w_, victim).versionFlags | Mirak::SlotTable::LOOKASIDE;
-  slotAt(*w_, victim).versionFlags = word;
-  EXPECT_EQ(validateError(*w_), fmt::format("stuck LOOKASIDE bit: {:#x}", word));
-}
-
-TEST_F(ValidatorDamage, StuckLookasideBitOnTheFirstSlotOfTheWalk) {
-  uint32_t const victim = order_.front();
-  uint32_t const word = slotAt(*w_, victim).versionFlags | Mirak::SlotTable::LOOKASIDE;
-  slotAt(*w_, victim).versionFlags = word;
-  EXPECT_EQ(validateError(*w_), fmt::format("stuck LOOKASIDE bit: {:#x}", word));
-}
-
-TEST_F(ValidatorDamage, FreeListCycle) {
-  // The third free slot points back at the first.
-  slotAt(*w_, free_[2]).link.next = free_[0];
-  EXPECT_EQ(validateError(*w_), fmt::format("duplicate freeSlot detected: {}", free_[0]));
-}
-
-TEST_F(ValidatorDamage, ChainCycleOfOneSlot) {
-  uint32_t const victim = order_[order_.size() / 3];
-  slotAt(*w_, victim).link.next = victim;
-  EXPECT_EQ(validateError(*w_), fmt::format("duplicate slot: {}", victim));
-}
-
-TEST_F(ValidatorDamage, ChainCycleBackToAnEarlierEntryOfTheChain) {
-  // Two neighbours of one chain; the second points back at the first.
-  uint32_t first = kNoSlot, second = kNoSlot;
-  for (uint32_t s : order_) {
-    uint32_t const next = slotAt(*w_, s).link.next;
-    if (!Link::isEndOfChain(next)) {
-      first = s;
-      second = next;
-      break;
-    }
-  }
-  ASSERT_NE(first, kNoSlot) << "no chain of two entries";
-  slotAt(*w_, second).link.next = first;
-  EXPECT_EQ(validateError(*w_), fmt::format("duplicate slot: {}", first));
-}
-
-TEST_F(ValidatorDamage, OccupiedSlotOnTheFreeList) {
-  uint32_t const occupied = order_[7];
-  header(*w_).freeSlots = occupied;
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("corrupted free slot not marked as empty: {}", occupied));
-}
-
-TEST_F(ValidatorDamage, OccupiedSlotJoinedToTheEndOfTheFreeList) {
-  uint32_t const occupied = order_[11];
-  slotAt(*w_, free_.back()).link.next = occupied;
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("corrupted free slot not marked as empty: {}", occupied));
-}
-
-TEST_F(ValidatorDamage, SlotCutOutOfItsChain) {
-  uint32_t const victim = order_[20];
-  Link* prev = predecessorOf(*w_, slotAt(*w_, victim).value.key());
-  prev->next = slotAt(*w_, victim).link.next;
-  EXPECT_EQ(validateError(*w_), "mismatch header->occupiedSlots:150 count:149");
-}
-
-TEST_F(ValidatorDamage, SlotOnNeitherListWithTheCounterToMatch) {
-  // A slot in no chain, and occupiedSlots made to agree with the chains: only
-  // the sum of the two walks shows the lost slot.
-  uint32_t const victim = order_[20];
-  Link* prev = predecessorOf(*w_, slotAt(*w_, victim).value.key());
-  prev->next = slotAt(*w_, victim).link.next;
-  header(*w_).occupiedSlots = 149;
-  uint32_t const capacity = w_->capacity();
-  uint32_t const freeCount = static_cast<uint32_t>(free_.size());
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("bad slotCount:{} occupiedSlots:149 freeSlots:{} capacity:{}",
-                        149 + freeCount, freeCount, capacity));
-}
-
-TEST_F(ValidatorDamage, FreeSlotLostFromTheFreeList) {
-  header(*w_).freeSlots = free_[1];
-  uint32_t const capacity = w_->capacity();
-  uint32_t const freeCount = static_cast<uint32_t>(free_.size()) - 1;
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("bad slotCount:{} occupiedSlots:150 freeSlots:{} capacity:{}", capacity - 1,
-                        freeCount, capacity));
-}
-
-TEST_F(ValidatorDamage, OccupiedSlotsBelowTheChains) {
-  header(*w_).occupiedSlots = 149;
-  EXPECT_EQ(validateError(*w_), "walkedSlots:150 is greater than header->occupiedSlots:149");
-}
-
-TEST_F(ValidatorDamage, OccupiedSlotsAboveTheChains) {
-  header(*w_).occupiedSlots = 151;
-  EXPECT_EQ(validateError(*w_), "mismatch header->occupiedSlots:151 count:150");
-}
-
-TEST_F(ValidatorDamage, FreeListIndexBeyondTheCapacity) {
-  uint32_t const capacity = w_->capacity();
-  slotAt(*w_, free_[1]).link.next = capacity + 1;
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("corrupted free slot detected with out of bound index: {}", capacity + 1));
-}
-
-TEST_F(ValidatorDamage, FreeListIndexEqualToTheCapacity) {
-  uint32_t const capacity = w_->capacity();
-  slotAt(*w_, free_[1]).link.next = capacity;
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("out-of-range index: {} max:{}", capacity, capacity - 1));
-}
-
-TEST_F(ValidatorDamage, RhashOfASlot) {
-  uint32_t const victim = order_.front();
-  uint32_t const good = slotAt(*w_, victim).rhash;
-  slotAt(*w_, victim).rhash = good ^ 0x10u;
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:08x}", victim,
-                        good ^ 0x10u, good));
-}
-
-TEST_F(ValidatorDamage, SlotHeaderChecksRunFirst) {
-  // Part of the constant fields: the checksum no longer matches.
-  header(*w_).maxSlots += 1;
-  uint32_t const computed = header(*w_).checksum();
-  EXPECT_EQ(validateError(*w_),
-            fmt::format("checksum fail: {:x} != {:x}", computed, header(*w_).hash));
-}
-
-TEST_F(ValidatorDamage, AnotherWritersKestor) {
-  Parcel::KestorId const other = w_->kestorId().reformatted();
-  EXPECT_EQ(validateError(*w_, other),
-            fmt::format("bad kestor:{} wanted:{}", w_->kestorId(), other));
-}
-
-TEST_F(ValidatorDamage, BucketFileHeader) {
-  // The bucket count stored in the file no longer matches the mapping.
-  auto& count = w_->hashMap().bucketWriter().header()->numBuckets;
-  uint32_t const mapped = w_->buckets();
-  count.value = mapped * 2;
-  std::string const error = validateError(*w_);
-  EXPECT_NE(error, "passed");
-  std::string expected;
-  EXPECT_FALSE(w_->hashMap().bucketWriter().validate(w_->kestorId().value(), expected));
-  EXPECT_EQ(error, expected) << "the bucket file's own message";
-}
-
-TEST_F(ValidatorDamage, DamagedTableIsLeftAsItWas) {
-  // Validation stores nothing: the damage is still there, and so are the
-  // counters it compared.
-  header(*w_).occupiedSlots = 151;
-  std::string const before = w_->dumpHeaders();
-  EXPECT_NE(validateError(*w_), "passed");
-  EXPECT_EQ(w_->dumpHeaders(), before);
 }
 
 // ---------------------------------------------------------------------------
