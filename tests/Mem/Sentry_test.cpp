@@ -19,6 +19,7 @@
 #include "Mem/ReaderSentry.h"
 #include "Mem/RootPath.h"
 #include "Mem/WriterSentry.h"
+#include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
 
 namespace {
@@ -29,26 +30,7 @@ Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("SentryTest");
 }
 
-class TempBase {
- public:
-  TempBase() {
-    char tmpl[] = "/tmp/flowtables-sentry-XXXXXX";
-    char* dir = ::mkdtemp(tmpl);
-    path_ = dir ? dir : "/tmp";
-    previous_ = Mem::RootPath::base();
-    Mem::RootPath::baseIs(path_);
-  }
-  ~TempBase() {
-    Mem::RootPath::baseIs(previous_);
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-  std::string previous_;
-};
+using TempBase = MirakTest::TempRoot;
 
 // Attaches when told to succeed: then it stands on the kestor found on disk,
 // as a reader back end does.

@@ -26,15 +26,11 @@ using Parcel::OwnerFile;
 using Parcel::TunnetInfo;
 using ParcelTest::Child;
 using ParcelTest::Pipe;
+using ParcelTest::readAll;
 using ParcelTest::TempRoot;
 
 Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("test.WriterLock");
-}
-
-std::string readAll(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Rewrites the owner record's writer pid and start time (offsets 12 and 16)

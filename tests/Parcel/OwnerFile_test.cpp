@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <thread>
 
@@ -24,20 +23,12 @@ using Parcel::ParcelType;
 using Parcel::TunnetInfo;
 using ParcelTest::Child;
 using ParcelTest::Pipe;
+using ParcelTest::readAll;
 using ParcelTest::TempRoot;
+using ParcelTest::writeAll;
 
 Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("test.OwnerFile");
-}
-
-std::string readAll(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeAll(std::string const& path, std::string const& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 class OwnerFileTest : public ::testing::Test {

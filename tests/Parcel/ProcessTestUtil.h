@@ -1,5 +1,5 @@
 // Test helpers for the directory-ownership tests: a private base directory,
-// pipes with deadlines, and forked children that are always reaped.
+// whole-file reads and writes, pipes with deadlines, and forked children that are always reaped.
 #pragma once
 
 #include <fcntl.h>
@@ -13,39 +13,30 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
 
 #include "Mem/RootPath.h"
+#include "Mirak/TempRoot.h"
 
 namespace ParcelTest {
 
 // Every wait in these tests ends by this deadline: a hang becomes a failure.
 inline constexpr int kDeadlineMs = 20000;
 
-class TempRoot {
- public:
-  TempRoot() {
-    char tmpl[] = "/tmp/flowtables-parcel-XXXXXX";
-    char* dir = ::mkdtemp(tmpl);
-    path_ = dir ? dir : "";
-    previous_ = Mem::RootPath::base();
-    if (!path_.empty()) Mem::RootPath::baseIs(path_);
-  }
-  ~TempRoot() {
-    Mem::RootPath::baseIs(previous_);
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
-  TempRoot(TempRoot const&) = delete;
-  TempRoot& operator=(TempRoot const&) = delete;
-  std::string const& path() const { return path_; }
+using TempRoot = MirakTest::TempRoot;
 
- private:
-  std::string path_;
-  std::string previous_;
-};
+inline std::string readAll(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void writeAll(std::string const& path, std::string const& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
 
 class Pipe {
  public:

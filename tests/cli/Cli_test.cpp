@@ -20,6 +20,7 @@
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
 #include "Zeb/Strep.h"
+#include "cli/RunTool.h"
 
 namespace {
 
@@ -29,18 +30,8 @@ using FlowTracking::HoIpFlowConfig;
 constexpr char kTable[] = "flowtracking/ipv4/hwOffload/config";
 constexpr int kRows = 40;
 
-struct Result {
-  int code = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(std::string const& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
+using CliTest::Result;
+using CliTest::slurp;
 
 std::vector<std::string> lines(std::string const& text) {
   std::vector<std::string> out;
@@ -123,32 +114,10 @@ class Cli : public ::testing::Test {
     fs::remove_all(root_, ec);
   }
 
-  // Runs the tool with --root and `args`; stdout and stderr are captured.
+  // Runs the tool with --root and `args`.
   static Result run(std::vector<std::string> args, bool withRoot = true) {
-    std::string const out = root_ + "/../" + fs::path(root_).filename().string() + ".out";
-    std::string const err = out + ".err";
     if (withRoot) args.insert(args.begin(), {"--root", root_});
-    pid_t const pid = ::fork();
-    if (pid == 0) {
-      int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      int const e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      ::dup2(o, 1);
-      ::dup2(e, 2);
-      std::vector<char*> argv{const_cast<char*>(FLOWTABLE_BINARY)};
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::execv(FLOWTABLE_BINARY, argv.data());
-      ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    Result r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = slurp(out);
-    r.err = slurp(err);
-    ::unlink(out.c_str());
-    ::unlink(err.c_str());
-    return r;
+    return CliTest::runTool(std::move(args), root_ + "/../" + fs::path(root_).filename().string());
   }
 
   static std::string root_;

@@ -16,22 +16,13 @@
 
 #include <gtest/gtest.h>
 
+#include "cli/RunTool.h"
+
 namespace {
 
 namespace fs = std::filesystem;
 
-struct Result {
-  int code = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(fs::path const& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
+using CliTest::Result;
 
 size_t lineCount(std::string const& text) {
   size_t n = 0;
@@ -53,25 +44,7 @@ class Demo : public ::testing::Test {
 
   // Runs the tool with `args`, its output in files under the test directory.
   Result run(std::vector<std::string> const& args) const {
-    fs::path const out = dir_ / "stdout", err = dir_ / "stderr";
-    pid_t const pid = ::fork();
-    if (pid == 0) {
-      int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      int const e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (o < 0 || e < 0 || ::dup2(o, 1) < 0 || ::dup2(e, 2) < 0) ::_exit(127);
-      std::vector<char*> argv{const_cast<char*>(FLOWTABLE_BINARY)};
-      for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      ::execv(FLOWTABLE_BINARY, argv.data());
-      ::_exit(127);
-    }
-    Result r;
-    int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = slurp(out);
-    r.err = slurp(err);
-    return r;
+    return CliTest::runTool(args, (dir_ / "output").string());
   }
 
   fs::path dir_;

@@ -1,0 +1,55 @@
+// Runs the real operator tool binary as a child process and collects its exit
+// code and its output: the helpers of the CLI tests.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace CliTest {
+
+struct Result {
+  int code = -1;
+  std::string out;
+  std::string err;
+};
+
+inline std::string slurp(std::string const& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+// Runs the tool with `args`; its stdout and stderr go through the files
+// `outBase`.out and `outBase`.err, which are removed afterwards.
+inline Result runTool(std::vector<std::string> args, std::string const& outBase) {
+  std::string const out = outBase + ".out", err = outBase + ".err";
+  pid_t const pid = ::fork();
+  if (pid == 0) {
+    int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int const e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (o < 0 || e < 0 || ::dup2(o, 1) < 0 || ::dup2(e, 2) < 0) ::_exit(127);
+    std::vector<char*> argv{const_cast<char*>(FLOWTABLE_BINARY)};
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ::execv(FLOWTABLE_BINARY, argv.data());
+    ::_exit(127);
+  }
+  Result r;
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return r;
+  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  r.out = slurp(out);
+  r.err = slurp(err);
+  ::unlink(out.c_str());
+  ::unlink(err.c_str());
+  return r;
+}
+
+}  // namespace CliTest
