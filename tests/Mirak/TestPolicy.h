@@ -69,12 +69,15 @@ using FieldKeyValue =
 
 struct TestQueueWriter {};
 
-using TestOps = Mirak::Ops<
+// The policy of the test record over a given queue writer.
+template <typename QueueWriter>
+using TestOpsWith = Mirak::Ops<
     TestKey, TestValue,
     Mirak::KeyOps<TestKey, TestValue, Mirak::KeyRetrieval<TestKey, TestValue, &TestValue::fwkKey>,
                   Mirak::Hash<TestKey, false>>,
     Mirak::ValueOps<TestKey, TestValue, Mirak::Marshall<TestValue>, Mirak::Allocator<TestValue>>,
-    Mirak::SlotAllocator<TestKey, TestValue>, TestQueueWriter, Mirak::NullPrevValueAnchor>;
+    Mirak::SlotAllocator<TestKey, TestValue>, QueueWriter, Mirak::NullPrevValueAnchor>;
+using TestOps = TestOpsWith<TestQueueWriter>;
 
 // The least a policy has to give the generic table code (the concept
 // Mirak::TablePolicy), written out by hand over a plain integer table.

@@ -57,11 +57,6 @@ struct RecordingQueueWriter {
   std::vector<std::pair<char, uint32_t>> events;
 };
 
-using WriterOps = Mirak::Ops<
-    TestKey, TestValue,
-    Mirak::KeyOps<TestKey, TestValue, Mirak::KeyRetrieval<TestKey, TestValue, &TestValue::fwkKey>,
-                  Mirak::Hash<TestKey, false>>,
-    Mirak::ValueOps<TestKey, TestValue, Mirak::Marshall<TestValue>, Mirak::Allocator<TestValue>>,
-    Mirak::SlotAllocator<TestKey, TestValue>, RecordingQueueWriter, Mirak::NullPrevValueAnchor>;
+using WriterOps = TestOpsWith<RecordingQueueWriter>;
 
 }  // namespace MirakTest
