@@ -4,20 +4,12 @@
 //     (queue rules and the corral included), and its slot file gives memory
 //     back (st_blocks falls) while the file keeps its length;
 //   - a reader process that still maps the older, longer file reads it whole
-//     without a fault, finds zeros in the released tail, and then follows;
-//   (the torture run of compaction under readers is Torture_test.cpp).
-#include <stdlib.h>
-#include <sys/mman.h>
+//     without a fault, finds zeros in the released tail, and then follows.
+// (The torture run of compaction under readers is Torture_test.cpp.)
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -25,7 +17,6 @@
 
 #include "FlowTracking/ReaderTestUtil.h"
 #include "Lomi/Util.h"
-#include "Mem/RootPath.h"
 #include "Mirak/TempRoot.h"
 
 namespace FlowTrackingTest {
