@@ -117,15 +117,6 @@ TEST(TaskScheduler, RefusesAnEmptyTask) {
   EXPECT_EQ(s.criticalTasks(), 0u);
 }
 
-TEST(TaskScheduler, RootIsOneProcessScheduler) {
-  Scheduler& r = Scheduler::root();
-  EXPECT_EQ(&r, &Scheduler::root());
-  int ran = 0;
-  Handle h = r.criticalTaskIs("rootTask", [&] { ++ran; });
-  Scheduler::root().runCriticalPriorityTasks();
-  EXPECT_EQ(ran, 1);
-}
-
 TEST(TaskScheduler, RegistrationsFromThreadsWhileRunning) {
   Scheduler s;
   std::atomic<int> ran{0};
