@@ -13,36 +13,19 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchRows.h"
 #include "FlowTracking/TableWriters.h"
 #include "Mem/RootPath.h"
 
 namespace {
 
 using namespace FlowTracking;
-using Value = TableValue<HoIpFlowConfig>;
+using namespace BenchRows;
 using Writer = HoIpFlowConfigWriter;
-
-Value rowOf(uint32_t i) {
-  IpFlowKey k;
-  k.vrfIdIs(i % 7);
-  k.srcAddrIs(Nimbet::IpAddr(0x0a000000u + i));
-  k.dstAddrIs(Nimbet::IpAddr(0xc0a80000u + (i * 2654435761u >> 16)));
-  k.ipProtocolIs(Nimbet::IpProtocol(6));
-  k.srcPortIs(static_cast<uint16_t>(i));
-  k.dstPortIs(static_cast<uint16_t>(i >> 16));
-  HoIpFlowConfig r(HoIpFlowKey(k, Nimbet::IntfId(1000 + i % 48, 0)));
-  r.createTimeIs(i);
-  return r;
-}
 
 // Files in /dev/shm, as a switch keeps them; one directory for the run.
 std::unique_ptr<Writer> freshWriter(uint32_t size, bool shrinkSlots) {
-  static std::string const root = [] {
-    char tmpl[] = "/dev/shm/flowtables-bench-XXXXXX";
-    std::string dir = ::mkdtemp(tmpl) ? tmpl : "/tmp";
-    Mem::RootPath::baseIs(dir);
-    return dir;
-  }();
+  benchRoot();
   static int tableNo = 0;
   std::string const name = "maintenance/t" + std::to_string(tableNo++);
   Mirak::MapDescriptor d(size);
@@ -71,9 +54,8 @@ void BM_Validate(benchmark::State& state) {
     }
   }
   state.counters["rows"] = rows;
-  state.counters["ns_per_row"] =
-      benchmark::Counter(rows, benchmark::Counter::kIsIterationInvariantRate |
-                                   benchmark::Counter::kInvert);
+  state.counters["ns_per_row"] = benchmark::Counter(
+      rows, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   w->cleanup();
 }
 BENCHMARK(BM_Validate)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);

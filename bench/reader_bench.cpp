@@ -25,6 +25,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "BenchRows.h"
 #include "FlowTracking/TableReaders.h"
 #include "FlowTracking/TableWriters.h"
 #include "Mem/RootPath.h"
@@ -33,52 +34,12 @@
 namespace {
 
 using namespace FlowTracking;
-using Value = TableValue<HoIpFlowConfig>;
+using namespace BenchRows;
 using Writer = HoIpFlowConfigWriter;
 using Reader = HoIpFlowConfigReader;
 
-HoIpFlowKey keyOf(uint32_t i) {
-  IpFlowKey k;
-  k.vrfIdIs(i % 7);
-  k.srcAddrIs(Nimbet::IpAddr(0x0a000000u + i));
-  k.dstAddrIs(Nimbet::IpAddr(0xc0a80000u + (i * 2654435761u >> 16)));
-  k.ipProtocolIs(Nimbet::IpProtocol(6));
-  k.srcPortIs(static_cast<uint16_t>(i));
-  k.dstPortIs(static_cast<uint16_t>(i >> 16));
-  return HoIpFlowKey(k, Nimbet::IntfId(1000 + i % 48, 0));
-}
-
-Value rowOf(uint32_t i, uint32_t v) {
-  HoIpFlowConfig r(keyOf(i));
-  r.createTimeIs(i);
-  r.updateTimeIs(v);
-  return r;
-}
-
-struct KeyHash {
-  size_t operator()(HoIpFlowKey const& k) const { return k.hash(0); }
-};
-using StdMap = std::unordered_map<HoIpFlowKey, Value, KeyHash>;
-
 Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("bench");
-}
-
-std::string benchRoot() {
-  static std::string const root = [] {
-    char tmpl[] = "/dev/shm/flowtables-bench-XXXXXX";
-    std::string dir = ::mkdtemp(tmpl) ? tmpl : "/tmp";
-    Mem::RootPath::baseIs(dir);
-    return dir;
-  }();
-  return root;
-}
-
-std::vector<uint32_t> shuffled(uint32_t n, uint32_t base = 0) {
-  std::vector<uint32_t> v(n);
-  for (uint32_t i = 0; i < n; i++) v[i] = base + i;
-  std::shuffle(v.begin(), v.end(), std::mt19937(42));
-  return v;
 }
 
 // One table of n rows and a reader on its files. Built once per size; the

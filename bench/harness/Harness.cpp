@@ -20,19 +20,13 @@
 
 #include <fmt/format.h>
 
+#include "../BenchRows.h"
 #include "Lomi/Exception.h"
 
 namespace Peers {
 
 Key keyOf(uint32_t i) {
-  FlowTracking::IpFlowKey k;
-  k.vrfIdIs(i % 7);
-  k.srcAddrIs(Nimbet::IpAddr(0x0a000000u + i));
-  k.dstAddrIs(Nimbet::IpAddr(0xc0a80000u + (i * 2654435761u >> 16)));
-  k.ipProtocolIs(Nimbet::IpProtocol(6));
-  k.srcPortIs(static_cast<uint16_t>(i));
-  k.dstPortIs(static_cast<uint16_t>(i >> 16));
-  Key key(k, Nimbet::IntfId(1000 + i % 48, 0));
+  Key key = BenchRows::keyOf(i);
   // The bytes no field covers (14-15 and 25-27 of the flow key) are zeroed,
   // so that the byte-wise peers see the same key as the field-wise ones.
   auto* bytes = reinterpret_cast<unsigned char*>(&key);

@@ -23,6 +23,7 @@
 #include "Lomi/Exception.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Validator.h"
+#include "Mirak/ValidatorSteps.h"
 #include "Tessel/TesselFormat.h"
 
 namespace FlowTrackingTest {
@@ -50,27 +51,11 @@ std::string validateError(Writer& w) {
   return ok ? std::string("passed") : error;
 }
 
-// A validator run step by step, made known to the hash map while it lives.
 template <typename Writer>
-struct Steps {
-  using Audit = Mirak::Validator<typename Writer::Ops, Writer>;
-  explicit Steps(Writer& w) : writer(w), audit(handler(), w) {
-    writer.hashMap().validatorIs(&audit);
-    audit.fitTesselMarks();
-  }
-  ~Steps() { writer.hashMap().validatorIs(nullptr); }
-  Writer& writer;
-  Audit audit;
+struct Steps : MirakTest::ValidatorSteps<Writer> {
+  explicit Steps(Writer& w) : MirakTest::ValidatorSteps<Writer>(handler(), w) {}
 };
-
-std::string thrown(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    return e.msg();
-  }
-  return "nothing thrown";
-}
+using MirakTest::thrown;
 
 void pwriteWord(std::string const& path, off_t offset, uint64_t value, size_t width) {
   int fd = ::open(path.c_str(), O_WRONLY);

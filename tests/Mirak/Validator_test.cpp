@@ -25,6 +25,7 @@
 #include "Mirak/MirakWriter.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Validator.h"
+#include "Mirak/ValidatorSteps.h"
 #include "Mirak/WriterTestPolicy.h"
 
 namespace MirakTest {
@@ -93,26 +94,9 @@ std::string validateError(Writer& w) {
   return validateError(w, w.kestorId());
 }
 
-// A validator run step by step, made known to the hash map while it lives.
-struct Steps {
-  explicit Steps(Writer& w) : writer(w), audit(handler(), w) {
-    writer.hashMap().validatorIs(&audit);
-    audit.fitTesselMarks();
-  }
-  ~Steps() { writer.hashMap().validatorIs(nullptr); }
-  Writer& writer;
-  Audit audit;
+struct Steps : ValidatorSteps<Writer> {
+  explicit Steps(Writer& w) : ValidatorSteps(handler(), w) {}
 };
-
-// The text of the Lomi::CorruptionDetectedException that `f` throws.
-std::string thrown(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    return e.msg();
-  }
-  return "nothing thrown";
-}
 
 Mirak::SlotTable::Header& header(Writer& w) {
   return *w.slotTable().header();
