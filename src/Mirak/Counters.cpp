@@ -76,19 +76,13 @@ namespace Reader {
 
 std::span<Counters::Field const> Counters::fields() {
   static constexpr std::array table{
-      MIRAK_FIELD(lookups),
-      MIRAK_FIELD(retries),
-      MIRAK_FIELD(lookasideReads),
-      MIRAK_FIELD(nextSlowPath),
-      MIRAK_FIELD(slowPathSteps),
-      MIRAK_FIELD(resizesFollowed),
-      MIRAK_FIELD(slotResizes),
-      MIRAK_FIELD(bucketResizes),
-      MIRAK_FIELD(remaps),
-      MIRAK_FIELD(corruptionsDetected),
-      MIRAK_FIELD(walks),
-      MIRAK_FIELD(slotMappedSize),
-      MIRAK_FIELD(bucketMappedSize),
+      MIRAK_FIELD(lookups),        MIRAK_FIELD(retries),
+      MIRAK_FIELD(lookasideReads), MIRAK_FIELD(nextSlowPath),
+      MIRAK_FIELD(slowPathSteps),  MIRAK_FIELD(resizesFollowed),
+      MIRAK_FIELD(slotResizes),    MIRAK_FIELD(bucketResizes),
+      MIRAK_FIELD(remaps),         MIRAK_FIELD(corruptionsDetected),
+      MIRAK_FIELD(reformatsSeen),  MIRAK_FIELD(walks),
+      MIRAK_FIELD(slotMappedSize), MIRAK_FIELD(bucketMappedSize),
   };
   static_assert(sizeof(Counters) == table.size() * sizeof(uint64_t),
                 "every Reader::Counters field needs its entry in fields()");

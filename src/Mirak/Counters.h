@@ -104,6 +104,9 @@ struct Counters : CountersRecord<Counters> {
   uint64_t remaps = 0;
   // Damage that was still there after every resize had been followed.
   uint64_t corruptionsDetected = 0;
+  // Failed reads explained by a re-format of the files under this reader;
+  // it answers as a detached reader from then on.
+  uint64_t reformatsSeen = 0;
   // `first` calls: the starts of a walk.
   uint64_t walks = 0;
   // Refreshed by `readerCounters()` from the mappings.

@@ -29,6 +29,11 @@
 //     nothing it asserts: there is nothing to compare.
 //   - A writer's re-format is not followed here: the front object's sentry
 //     detaches this object and attaches a new one, which reads the new id.
+//     Until then a read that fails on the re-formatted files is not reported
+//     as damage: the reader lets its mappings go and answers as a detached
+//     reader (absent, end of walk), and reformatted() says why. A read that
+//     succeeds on them may report absence; callers that must tell check
+//     reformatted() after the read.
 //
 // Thread safety: one thread per object (the value buffer, the anchor and the
 // mappings are this object's own). Any number of reader objects and processes
@@ -106,9 +111,16 @@ class MirakReader : public MirakInterface<OpsT> {
   Mem::NaoRootPath rootPath() const override { return rootPath_; }
   std::string mirakName() const override { return rootPath_.dirName(); }
   Mem::MountStatus mountStatus() const override {
-    return this->initialized() ? Mem::mountStatusMounted : Mem::mountStatusNotMounted;
+    return this->initialized() && slots_.attached() ? Mem::mountStatusMounted
+                                                    : Mem::mountStatusNotMounted;
   }
   Parcel::KestorId kestorId() const override { return kestorId_; }
+  // True when the files this reader attached to were re-formatted since (a
+  // header names another kestor than the one read at initialize), or it has
+  // let them go for that reason. Reads before this call are ordered before
+  // its loads, so a false answer means that nothing this reader read so far
+  // came from a re-format.
+  bool reformatted() const;
 
   // "Mirak table "<root>"" and the text forms of both headers.
   std::string dumpHeaders() const;
@@ -128,6 +140,8 @@ class MirakReader : public MirakInterface<OpsT> {
   template <typename Op>
   auto readLoop(Op&& op, IterHint* hint) const -> decltype(op());
   void resetAnchor() const { slots_.anchor().reset(); }
+  // Unmaps both files after a re-format under this reader.
+  void letGoOfReformattedFiles() const;
 
   Ops ops_;
   Lomi::Platform::DebugHandler& handler_;
@@ -139,6 +153,7 @@ class MirakReader : public MirakInterface<OpsT> {
   Parcel::KestorId kestorId_;
   mutable Value buffer_{};
   RetryHook retryHook_;
+  mutable bool reformatSeen_ = false;
 };
 
 // ---------------------------------------------------------------------------
@@ -209,7 +224,21 @@ bool MirakReader<OpsT>::initialize(std::string const& event) {
     kestorId_ = Parcel::KestorId();
     return fail();
   }
+  // The seed is the one of the copy that was validated against the kestor
+  // file: the one slots_.attach() took came before the kestor was read, and a
+  // re-format in between would leave this reader hashing with the old seed.
+  // A re-format writes the kestor first (SlotTable::Header::format), so a
+  // copy that took any field of a re-format in progress finds the live kestor
+  // moved here; the sentry attaches again when the new kestor file comes.
+  ops_.hashSeedIs(copy.hashSeed);
+  Mem::acquireFence();
+  if (Mem::loadAcquire(slots_.header()->kestor) != kestorId_.value()) {
+    FMTRACE(handler_, 1, "MirakReader", "{} re-formatted while attaching", rootPath_);
+    kestorId_ = Parcel::KestorId();
+    return fail();
+  }
   // 9
+  reformatSeen_ = false;
   this->initializedIs(true);
   if (handler_.enabled(1)) {
     double const delay = mtime > 0 ? double(std::time(nullptr)) - mtime : 0.0;
@@ -247,6 +276,17 @@ auto MirakReader<OpsT>::readLoop(Op&& op, IterHint* hint) const -> decltype(op()
       bool const slotChanged = slots_.doResize();
       bool const bucketChanged = bucketReader.resize();
       if (!slotChanged && !bucketChanged) {
+        if (reformatted()) {
+          // Not damage: another generation's rows under this reader's seed.
+          // With the mappings gone the operation answers as a detached
+          // reader does, now and until the sentry attaches again.
+          counters_->reformatsSeen++;
+          FMTRACE(handler_, 1, "MirakReader",
+                  "{} re-formatted under this reader ({}); answering as detached", rootPath_,
+                  e.msg());
+          letGoOfReformattedFiles();
+          continue;
+        }
         // Nothing moved under the walk: the failure is the table's.
         counters_->corruptionsDetected++;
         FMTRACE(handler_, 0, "MirakReader", "{}: {}", rootPath_, e.msg());
@@ -322,6 +362,25 @@ bool MirakReader<OpsT>::validateVersionAnchor() const {
            "should not be called on a default-constructed VersionAnchor");
   if (a.current()) return true;
   throw Mem::VersionMismatchException();
+}
+
+template <TablePolicy OpsT>
+bool MirakReader<OpsT>::reformatted() const {
+  if (reformatSeen_) return true;
+  if (!this->initialized()) return false;
+  // After every load of the reads before this call.
+  Mem::acquireFence();
+  SlotTable::Header const* slots = slots_.header();
+  auto const* buckets = map_.bucketReader().header();
+  return (slots && Mem::loadAcquire(slots->kestor) != kestorId_.value()) ||
+         (buckets && Mem::loadAcquire(buckets->id.kestor) != kestorId_.value());
+}
+
+template <TablePolicy OpsT>
+void MirakReader<OpsT>::letGoOfReformattedFiles() const {
+  reformatSeen_ = true;
+  map_.bucketReader().detach();
+  slots_.detach();
 }
 
 template <TablePolicy OpsT>

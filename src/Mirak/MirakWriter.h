@@ -221,6 +221,7 @@ class MirakWriter : public MirakInterface<OpsT> {
   // Allocates a free slot for an insert (steps 1-4 of the insert): grows the
   // slot file if need be and rebuilds the link pointers if the mapping moved.
   uint32_t allocSlot(uint32_t hash, Link*& prev, Link*& curr);
+  SlotTable::SlotHead* reuseLookaside();
   // The overwrite of an occupied slot through the lookaside slot.
   void overwrite(SlotT& s, Value const& value);
   // Slot compaction with shrink threshold `threshold` (0: nothing to do).
@@ -624,9 +625,23 @@ uint32_t MirakWriter<OpsT>::allocSlot(uint32_t hash, Link*& prev, Link*& curr) {
   return index;
 }
 
+// The lookaside slot, ready for a new value. The release fence orders the
+// last store of its previous use, the store that lowered LOOKASIDE in that
+// slot's word (overwrite step 4, directCommit step 4), before the stores that
+// follow into the lookaside: a reader still copying the earlier value out of
+// it must be able to see that word move once it can see a new byte here, or
+// it would take a torn copy for a whole one. A release store orders only what
+// precedes it, so without the fence a weakly ordered processor may let the
+// new bytes overtake it. On x86 the fence is a compiler barrier.
+template <TablePolicy OpsT>
+SlotTable::SlotHead* MirakWriter<OpsT>::reuseLookaside() {
+  Mem::releaseFence();
+  return slots_.header()->lookaside();
+}
+
 template <TablePolicy OpsT>
 void MirakWriter<OpsT>::overwrite(SlotT& s, Value const& value) {
-  SlotTable::SlotHead* const look = slots_.header()->lookaside();
+  SlotTable::SlotHead* const look = reuseLookaside();
   // 1: the whole new value goes to the lookaside slot first.
   Mem::storeRelease(look->rhash, s.rhash);
   std::memcpy(reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), &value, sizeof(Value));
@@ -670,7 +685,7 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
   Mem::storeRelease(s.link, Link{s.link.version + Link::kVersionStep, prev->next});
   // 6: defensive: a free slot is never OCCUPIED.
   if (s.versionFlags & SlotTable::OCCUPIED) {
-    SlotTable::SlotHead* const look = slots_.header()->lookaside();
+    SlotTable::SlotHead* const look = reuseLookaside();
     Mem::storeRelease(look->rhash, s.rhash);
     std::memcpy(reinterpret_cast<char*>(look) + sizeof(SlotTable::SlotHead), &value, sizeof(Value));
   }
@@ -882,9 +897,14 @@ void MirakWriter<OpsT>::purgeFreeSlots(uint32_t newNumSlots) {
 //   7: notify(to): shadows hear of the new place
 //   8: tombstone(from): the old place is retired in the queue, so the next
 //      notification of `from` is not taken for a removal of the key
-//   9: from.versionFlags loses OCCUPIED: a reader inside `from` restarts.
-//      `from` keeps its link, so a reader that passes through it still
-//      reaches the rest of the chain
+//   9: from.link = (version + 4, from.next), then from.versionFlags loses
+//      OCCUPIED. The link keeps its target, so a reader that passes through
+//      `from` still reaches the rest of the chain; its version moves so that
+//      a reader standing on `from` (it loaded from.link and will check that
+//      version after reading the next slot) restarts when it comes back. Without
+//      it, a later move of the next slot would retire that slot under a reader
+//      whose link check still passes: a false "not marked as occupied".
+//      A reader inside `from` sees its word move and restarts.
 //  10: notify(from)
 // `from` does not go back on the free list: it lies beyond the new size.
 template <TablePolicy OpsT>
@@ -919,7 +939,8 @@ void MirakWriter<OpsT>::move(uint32_t from, uint32_t to, Link* prev) {
   tessel_.notify(to);
   // 8
   tessel_.tombstone(from);
-  // 9
+  // 9: the retired slot looks changed to every reader that stands on it.
+  Mem::storeRelease(src.link, Link{src.link.version + Link::kVersionStep, src.link.next});
   Mem::storeRelease(src.versionFlags, src.versionFlags & ~SlotTable::OCCUPIED);
   // 10
   tessel_.notify(from);
@@ -981,11 +1002,10 @@ auto MirakWriter<OpsT>::directWrite(Value const& value) -> Value* {
   counters_.directWrites++;
   // 6: an occupied slot is built in the lookaside slot; a new one in place.
   SlotT& s = slots_.slots()[index];
-  Value* destination =
-      (s.versionFlags & SlotTable::OCCUPIED)
-          ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
-                                     sizeof(SlotTable::SlotHead))
-          : &s.value;
+  Value* destination = (s.versionFlags & SlotTable::OCCUPIED)
+                           ? reinterpret_cast<Value*>(reinterpret_cast<char*>(reuseLookaside()) +
+                                                      sizeof(SlotTable::SlotHead))
+                           : &s.value;
   std::memcpy(static_cast<void*>(destination), &value, sizeof(Value));
   FMTRACE(handler_, 9, "MirakWriter", "{}{} bucket:{} slot:{} next:{}",
           existing ? " existing " : " new ", Ops::keyText(key), bucket, index, s.link.next);
@@ -1027,11 +1047,10 @@ auto MirakWriter<OpsT>::directUpdate(Key const& key) -> Value* {
   directSlot_ = index;
   directNew_ = false;
   SlotT& s = slots_.slots()[index];
-  Value* destination =
-      (s.versionFlags & SlotTable::OCCUPIED)
-          ? reinterpret_cast<Value*>(reinterpret_cast<char*>(slots_.header()->lookaside()) +
-                                     sizeof(SlotTable::SlotHead))
-          : &s.value;
+  Value* destination = (s.versionFlags & SlotTable::OCCUPIED)
+                           ? reinterpret_cast<Value*>(reinterpret_cast<char*>(reuseLookaside()) +
+                                                      sizeof(SlotTable::SlotHead))
+                           : &s.value;
   // 5: the mode stays open without the marker.
   slots_.leaveCriticalSection();
   return destination;

@@ -5,6 +5,7 @@
 #include "Lomi/Exception.h"
 #include "Lomi/HashMix.h"
 #include "Lomi/Util.h"
+#include "Mem/Atomics.h"
 #include "Mem/Local.h"
 
 namespace Mirak {
@@ -23,15 +24,25 @@ namespace SlotTable {
 Header* Header::format(void* mem, Lomi::Platform::DebugHandler const& handler, uint32_t numSlots,
                        uint32_t maxSlots, uint16_t constFlags, Parcel::KestorId kestor,
                        std::string const& valueTypeName, uint32_t valueSize, uint32_t hashSeed,
-                       void const* defaultValue) {
+                       void const* defaultValue, uint32_t numSlotsVersion) {
   if (valueTypeName.size() >= kValueTypeLen) {
     throw Lomi::InvalidInitializeException("value typename {} exceeds {} characters", valueTypeName,
                                            kValueTypeLen);
   }
+  // Store order; readers of the previous generation may still map the file:
+  //   1: kestor, release: a reader that has seen any store of this format
+  //      and then loads the kestor (acquire) sees the new one; that is how a
+  //      reader tells a re-format from damage (MirakReader::reformatted).
+  //   2: numSlots = (numSlotsVersion, numSlots), release, before the fields
+  //      that a reader's header copy takes: a copy that overlaps this format
+  //      sees the version move and is taken again (Mem::safeHeaderCopy).
+  //   3: the other fields, the lookaside slot and the slots.
   auto* h = static_cast<Header*>(mem);
-  std::memcpy(h->magic, kMagic, sizeof kMagic);
+  Mem::storeRelease(h->kestor, kestor.value());                                                // 1
+  Mem::storeRelease(h->numSlots, Mem::VersionedRef<unsigned int>{numSlotsVersion, numSlots});  // 2
+  Mem::releaseFence();
+  std::memcpy(h->magic, kMagic, sizeof kMagic);  // 3
   h->version = kFormatVersion;
-  h->kestor = kestor.value();
   h->platform = Compatibility::kPlatform;
   // Bytes behind the terminator are left as found; the checksum covers them.
   std::memcpy(h->valueType, valueTypeName.c_str(), valueTypeName.size() + 1);
@@ -39,18 +50,18 @@ Header* Header::format(void* mem, Lomi::Platform::DebugHandler const& handler, u
   h->slotSize = slotSizeFor(valueSize);
   h->maxSlots = maxSlots;
   h->constFlags = constFlags;
-  h->runtimeFlags = 0;
-  h->occupiedSlots = 0;
-  h->freeSlots = kNoSlot;
-  h->mostSlots = numSlots;
+  // Words that a reader of the previous generation may load while they change.
+  Mem::storeRelease(h->runtimeFlags, uint16_t(0));
+  Mem::storeRelease(h->occupiedSlots, 0u);
+  Mem::storeRelease(h->freeSlots, kNoSlot);
+  Mem::storeRelease(h->mostSlots, numSlots);
   h->hashSeed = hashSeed;
-  h->numSlots = Mem::VersionedRef<unsigned int>{0, numSlots};
   h->scratchpad = 0;
   auto formatSlot = [&](char* p) {
     auto* s = reinterpret_cast<SlotHead*>(p);
-    s->link = SlotLink{0, kNoSlot};
-    s->versionFlags = 0;
-    s->rhash = 0;
+    Mem::storeRelease(s->link, SlotLink{0, kNoSlot});
+    Mem::storeRelease(s->versionFlags, 0u);
+    Mem::storeRelease(s->rhash, 0u);
     std::memcpy(p + sizeof(SlotHead), defaultValue, valueSize);
   };
   char* base = static_cast<char*>(mem);

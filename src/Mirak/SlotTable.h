@@ -21,7 +21,9 @@
 //   564     4      hashSeed       seed of the key hash, fixed at formatting
 //   568     8      numSlots       VersionedRef: version (+1 per grow/shrink), capacity
 //   576     8      scratchpad     the user's; never interpreted
-//   584     slotSize  lookaside   one slot; only its rhash and value are used
+//   584     slotSize  lookaside   one slot; only its rhash and value are used as
+//                                 a slot; its versionFlags word holds the
+//                                 regrowth floor (below)
 //   headerSize = 584 + slotSize; then capacity x slotSize bytes of slots.
 //
 // One slot (slotSize bytes, 8-aligned in the file):
@@ -36,6 +38,20 @@
 // 2 (LOOKASIDE rises; the current value is in `lookaside`), rewrites the value,
 // and adds 2 again (LOOKASIDE falls), so each overwrite moves the word by 4 and
 // a reader that sees the same word before and after its copy has a whole value.
+//
+// A slot's word never comes back to a value it had, for the life of a kestor:
+// readers keep (slot, word) pairs across calls (IterHint, version anchors) and
+// take an equal word for "the same row, unchanged". Removal clears OCCUPIED,
+// re-use adds 4, a move's target adds 4 and its source clears OCCUPIED. A slot
+// cut off by a compaction loses its word with the file's tail; when a grow
+// brings the slot back, it starts at the regrowth floor, the word of the
+// lookaside slot, which the compaction raised above every word of the slots it
+// cut (regrowthFloor()). Readers never read the floor; it lives in the file so
+// that it survives a writer restart that adopts the table.
+//
+// The header's size versions (numSlots here, numBuckets in the bucket file)
+// never come back to a value either: a re-format carries them on (+1), so a
+// reader still mapping the old generation sees them move.
 #pragma once
 
 #include <cstddef>
@@ -126,12 +142,14 @@ struct Header {
   // must hold at least headerSize + numSlots * slotSize bytes. Every slot gets
   // link (0, 0xffffffff), versionFlags 0, rhash 0 and a copy of
   // `defaultValue` (valueSize bytes). mostSlots = numSlots; the free list is
-  // left empty (freeSlots 0xffffffff): the slot table threads it.
-  // Throws Lomi::InvalidInitializeException if the type name does not fit.
+  // left empty (freeSlots 0xffffffff): the slot table threads it. The
+  // numSlots pair starts at version `numSlotsVersion` (0 for a new file, the
+  // old version + 1 for a re-format). Throws Lomi::InvalidInitializeException
+  // if the type name does not fit.
   static Header* format(void* mem, Lomi::Platform::DebugHandler const& handler, uint32_t numSlots,
                         uint32_t maxSlots, uint16_t constFlags, Parcel::KestorId kestor,
                         std::string const& valueTypeName, uint32_t valueSize, uint32_t hashSeed,
-                        void const* defaultValue);
+                        void const* defaultValue, uint32_t numSlotsVersion = 0);
 
   // The checks a writer runs before it adopts a file and a reader runs on a
   // private copy (Mem::safeHeaderCopy). `tableSlotSize` is the slot size of the
@@ -151,6 +169,10 @@ struct Header {
     return reinterpret_cast<SlotHead const*>(reinterpret_cast<char const*>(this) +
                                              kHeaderFixedSize);
   }
+  // The word at which a grow starts the slots it formats: above every word a
+  // slot cut off by a compaction of this generation ever had. The writer's
+  // alone; 0 after formatting.
+  uint32_t& regrowthFloor() { return lookaside()->versionFlags; }
 };
 
 static_assert(offsetof(Header, magic) == 0);

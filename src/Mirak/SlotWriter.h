@@ -206,10 +206,12 @@ class SlotWriterTable {
 
  private:
   uint32_t computeMinSlots() const;
-  void formatSlot(SlotT& s) {
-    s.link = SlotLink{0, kNoSlot};
-    s.versionFlags = 0;
-    s.rhash = 0;
+  // The slot is not published yet, but a reader on an older, longer mapping
+  // may load its words: they are stored whole.
+  void formatSlot(SlotT& s, uint32_t word) {
+    Mem::storeRelease(s.link, SlotLink{0, kNoSlot});
+    Mem::storeRelease(s.versionFlags, word);
+    Mem::storeRelease(s.rhash, 0u);
     s.value = defaultValue();
   }
 
@@ -290,6 +292,12 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
     FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
     return kExistingFile;
   }
+  // A re-format carries the size version on, so that a reader still mapping
+  // the old generation sees it move (and never meets a version it knew).
+  uint32_t numSlotsVersion = 0;
+  if (existing >= sizeof(SlotTable::Header)) {
+    numSlotsVersion = Mem::loadAcquire(header_->numSlots).version + 1;
+  }
   if (existing != 0) {
     // Re-format: take the file as it stands, then bring it to the size for
     // minSlots (the tail is released, the file is not shortened).
@@ -303,7 +311,7 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   hashSeed_ = seed;
   SlotTable::Header::format(wrapper_.base(), handler_, minSlots_, config_.maxSlots,
                             config_.constFlags, kestor, config_.valueTypeName, Geometry::valueSize,
-                            seed, &defaultValue());
+                            seed, &defaultValue(), numSlotsVersion);
   refresh();
   addFreeSlots(0, minSlots_);
   Mem::storeRelease(header_->freeSlots, 0u);
@@ -321,6 +329,8 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
 
 template <typename Value>
 void SlotWriterTable<Value>::detach() {
+  // The anchor's word is about to be unmapped: it can no longer be current.
+  if (!anchor_.neverSet()) anchor_.gone();
   capacity_ = 0;
   slots_ = Slots{};
   wrapper_.detach();
@@ -355,10 +365,13 @@ bool SlotWriterTable<Value>::grow() {
   uint32_t const n = nextCapacity(c, config_.maxSlots);
   // 4
   resize(n);
-  // 5: format the new slots before anyone can learn of them.
-  auto* newBase = reinterpret_cast<SlotT*>(base() + Geometry::headerSize);
-  for (uint32_t i = c; i < n; i++) formatSlot(newBase[i]);
   header_ = static_cast<SlotTable::Header*>(wrapper_.base());
+  // 5: format the new slots before anyone can learn of them. Their words
+  // start at the regrowth floor: a slot that a compaction cut off and this
+  // grow brings back must not repeat a word it had.
+  auto* newBase = reinterpret_cast<SlotT*>(base() + Geometry::headerSize);
+  uint32_t const floor = header_->regrowthFloor();
+  for (uint32_t i = c; i < n; i++) formatSlot(newBase[i], floor);
   // 6
   slots_.base = newBase;
   slots_.maxIndex = n - 1;
@@ -411,7 +424,10 @@ void SlotWriterTable<Value>::resize(uint32_t newNumSlots) {
 }
 
 // Store order of a shrink's end (slot compaction, steps 9 and 10):
-//   9: `numSlots` = (version + 1, N), one 8-byte release store. Readers learn
+//   9: the regrowth floor rises above every word of the slots cut off, so a
+//      grow that brings them back starts them at words they never had. Only
+//      the writer reads it; it is in the file before anything is released.
+//      `numSlots` = (version + 1, N), one 8-byte release store. Readers learn
 //      of the smaller size here, before anything is taken away: a reader that
 //      still maps the tail finds the version moved and remaps.
 //  10: the mapping shrinks to N slots; the tail's memory goes back by a hole
@@ -422,6 +438,13 @@ void SlotWriterTable<Value>::shrinkTo(uint32_t newNumSlots) {
   FMASSERT(newNumSlots < capacity_ && newNumSlots != 0, handler_, "SlotWriterTable",
            "bad threshold: {} numSlots:{}", newNumSlots, capacity_);
   // 9
+  uint32_t floor = header_->regrowthFloor();
+  for (uint32_t i = newNumSlots; i < capacity_; i++) {
+    // The next multiple of 4 above the word: above it whatever its flags.
+    uint32_t const above = (slots_[i].versionFlags | 3u) + 1;
+    if (above > floor) floor = above;
+  }
+  Mem::storeRelease(header_->regrowthFloor(), floor);
   Mem::storeRelease(header_->numSlots,
                     Mem::VersionedRef<unsigned int>{header_->numSlots.version + 1, newNumSlots});
   // 10

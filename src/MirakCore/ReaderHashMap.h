@@ -90,6 +90,9 @@ class ReaderHashMap {
   enum class KeyCheck { lookup, first, next };
   // Safety rule 3; throws with the message of the walk that asks.
   void keyCheck(Key const& key, uint32_t bucket, KeyCheck which) const;
+  // The tests behind keyCheck and verifyNextBucket, without the throw.
+  bool keyFits(Key const& key, uint32_t bucket) const;
+  bool nextBucketFits(uint32_t bucket, uint32_t next) const;
   bool nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const;
   Mirak::SlotReaderTable<Ops>& slots() const { return reader_->slotTable(); }
   Mirak::Reader::Counters& counters() const { return reader_->counters(); }
@@ -105,12 +108,17 @@ class ReaderHashMap {
 // ---------------------------------------------------------------------------
 
 template <typename Reader>
-void ReaderHashMap<Reader>::keyCheck(Key const& key, uint32_t bucket, KeyCheck which) const {
+bool ReaderHashMap<Reader>::keyFits(Key const& key, uint32_t bucket) const {
   uint64_t const n = buckets_.numBuckets();
   uint32_t const h = hashOf(key);
-  if (h % n == bucket) return;
+  if (h % n == bucket) return true;
   // With n = 1 the test above always passed, so n / 2 is never 0 here.
-  if (h % (n / 2) == bucket || h % (2 * n) == bucket) return;
+  return h % (n / 2) == bucket || h % (2 * n) == bucket;
+}
+
+template <typename Reader>
+void ReaderHashMap<Reader>::keyCheck(Key const& key, uint32_t bucket, KeyCheck which) const {
+  if (keyFits(key, bucket)) return;
   switch (which) {
     case KeyCheck::lookup:
       throw Lomi::CorruptionDetectedException("corrupt key detected. key:{} bucketIndex:{}",
@@ -126,16 +134,20 @@ void ReaderHashMap<Reader>::keyCheck(Key const& key, uint32_t bucket, KeyCheck w
 }
 
 template <typename Reader>
-void ReaderHashMap<Reader>::verifyNextBucket(uint32_t bucket, uint32_t next) const {
+bool ReaderHashMap<Reader>::nextBucketFits(uint32_t bucket, uint32_t next) const {
   uint64_t const n = buckets_.numBuckets();
   uint32_t const bits = buckets_.bits();
-  if (n != 0) {
-    if (next == bitReversePermute(bucket, bits) % n) return;
-    if (n >= 2 && next == bitReversePermute(bucket, bits - 1) % (n / 2)) return;
-    if (next == bitReversePermute(bucket, bits + 1) % (2 * n)) return;
-  }
+  if (n == 0) return false;
+  if (next == bitReversePermute(bucket, bits) % n) return true;
+  if (n >= 2 && next == bitReversePermute(bucket, bits - 1) % (n / 2)) return true;
+  return next == bitReversePermute(bucket, bits + 1) % (2 * n);
+}
+
+template <typename Reader>
+void ReaderHashMap<Reader>::verifyNextBucket(uint32_t bucket, uint32_t next) const {
+  if (nextBucketFits(bucket, next)) return;
   throw Lomi::CorruptionDetectedException("has bucket: {} with next bucket: {} and numBuckets: {}",
-                                          bucket, next, n);
+                                          bucket, next, buckets_.numBuckets());
 }
 
 template <typename Reader>
@@ -278,6 +290,14 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
   // The caller may pass the key of `value` itself, which the walk overwrites.
   Key const key = keyIn;
   auto& table = slots();
+  // The fast path trusts the hint only as far as it can be checked: its slot
+  // must still hold the entry the caller saw (the word; a word never repeats
+  // for a slot, see SlotTable.h), and its bucket must still fit the successor
+  // it leads to. A hint may be older than any number of bucket doublings or
+  // halvings, and then its bucket says nothing under the count of today: a
+  // successor or next bucket that does not fit it sends the step to the slow
+  // path, which finds its place from the key. Only the slow path's checks
+  // stand as corruption.
   if (hint.slotIndex < table.capacity() && hint.bucket < n) {
     Mirak::SlotTable::Slot<Value> const& from = table.slots()[hint.slotIndex];
     // 1, 2: the hint's slot still holds the entry the caller saw.
@@ -285,16 +305,17 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
     if (Mem::loadAcquire(from.versionFlags) == hint.versionFlags) {
       // 3
       if (Link::isEndOfChain(link.next)) {
-        if (link.next == Link::kEndOfTable) {
-          verifyNextBucket(hint.bucket, 0);
-          FMTRACE(handler_, 9, "ReaderHashMap", "{} failed", Ops::keyText(key));
-          return false;
+        uint32_t const nextBucket = link.next == Link::kEndOfTable ? 0 : Link::indexOf(link.next);
+        if (nextBucketFits(hint.bucket, nextBucket)) {
+          if (link.next == Link::kEndOfTable) {
+            FMTRACE(handler_, 9, "ReaderHashMap", "{} failed", Ops::keyText(key));
+            return false;
+          }
+          FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {} using {}", Ops::keyText(key),
+                  nextBucket, hint);
+          return first(nextBucket, value, hint);
         }
-        uint32_t const nextBucket = Link::indexOf(link.next);
-        verifyNextBucket(hint.bucket, nextBucket);
-        FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {} using {}", Ops::keyText(key),
-                nextBucket, hint);
-        return first(nextBucket, value, hint);
+        return nextSlow(key, value, hint);
       }
       // 4
       auto const read = table.getValue(link.next, value);
@@ -307,7 +328,7 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
                                                   link.next, keyHex(slotKey));
         }
         // 7
-        keyCheck(slotKey, hint.bucket, KeyCheck::next);
+        if (!keyFits(slotKey, hint.bucket)) return nextSlow(key, value, hint);
         // 8
         Mirak::IterHint const old = hint;
         hint.versionFlags = read.word;

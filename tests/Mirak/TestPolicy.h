@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -16,12 +17,19 @@
 
 namespace MirakTest {
 
+struct TestKey;
+// Runs at every hash of a TestKey on the thread that set it. A reader hashes
+// the key of each slot it passes right after it loaded that slot's link, so
+// the protocol tests pause a reader there, on a slot of their choice.
+inline thread_local std::function<void(TestKey const&)> testKeyHashHook;
+
 // Two attributes hashed field by field, like the flow keys.
 struct TestKey {
   uint32_t id = 0;
   uint16_t zone = 0;
 
   uint32_t hash(uint32_t seed) const {
+    if (testKeyHashHook) testKeyHashHook(*this);
     Zeb::Hash h(seed);
     h.hashMix<4>(&id);
     uint32_t z = zone;

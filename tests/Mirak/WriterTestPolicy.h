@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -25,21 +26,21 @@ struct RecordingQueueWriter {
     ++sequence_;
     lastSequence[slot] = sequence_;
     notified.push_back(slot);
-    events.push_back({'n', slot});
+    event('n', slot);
   }
   void tombstone(uint32_t slot) {
     lastSequence.erase(slot);
-    events.push_back({'t', slot});
+    event('t', slot);
   }
   // A slot compaction's corral: the marker is the sequence it opened at, and
   // 0 while no shrink runs.
   void markShrinkStart() {
     marker = sequence_ + 1;
-    events.push_back({'s', 0});
+    event('s', 0);
   }
   void markShrinkEnd() {
     marker = 0;
-    events.push_back({'e', 0});
+    event('e', 0);
   }
   uint64_t shrinkMarker() const { return marker; }
   uint64_t sequence() const { return sequence_; }
@@ -55,6 +56,15 @@ struct RecordingQueueWriter {
   // Every call in order: 'n' notify, 't' tombstone (with the slot), 's' and
   // 'e' the shrink marks.
   std::vector<std::pair<char, uint32_t>> events;
+  // Runs after each call is recorded: the writer is paused there, at a known
+  // step of its store order (the queue hears of a change last).
+  std::function<void(char, uint32_t)> onEvent;
+
+ private:
+  void event(char what, uint32_t slot) {
+    events.push_back({what, slot});
+    if (onEvent) onEvent(what, slot);
+  }
 };
 
 using WriterOps = TestOpsWith<RecordingQueueWriter>;
