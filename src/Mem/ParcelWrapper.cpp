@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "Mem/Error.h"
+#include "Mem/SharedGround.h"
 
 namespace Mem {
 
@@ -29,12 +30,8 @@ void* ParcelWrapper::attach(uint64_t size, Mode mode, void* address) {
     return base_;
   }
   bool const rw = mode == Mode::ReadWrite;
-  int fd =
-      ::open(path_.c_str(), rw ? (O_RDWR | O_CREAT | O_CLOEXEC) : (O_RDONLY | O_CLOEXEC), 0644);
-  if (fd < 0) {
-    lastError_ = posixError(fmt::format("open {}", path_), errno);
-    return nullptr;
-  }
+  int fd = openSharedFile(path_, rw ? (O_RDWR | O_CREAT) : O_RDONLY, 0644, lastError_);
+  if (fd < 0) return nullptr;
   struct stat st;
   if (::fstat(fd, &st) != 0) {
     lastError_ = posixError(fmt::format("fstat {}", path_), errno);

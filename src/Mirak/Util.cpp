@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/Error.h"
+#include "Mem/SharedGround.h"
 #include "Parcel/ParcelFile.h"
 
 namespace Mirak::Util {
@@ -52,11 +54,28 @@ bool strictValidation() {
   return envIsOne("FLOWTABLES_STRICT_VALIDATION");
 }
 
+namespace {
+std::atomic<bool> markersOn{true};
+}  // namespace
+
+void corruptionMarkersIs(bool on) {
+  markersOn.store(on, std::memory_order_relaxed);
+}
+
+bool corruptionMarkers() {
+  return markersOn.load(std::memory_order_relaxed);
+}
+
 bool writeCorruptionFile(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath const& rootPath,
                          std::string const& msg) {
   if (rootPath.isLocal()) return false;
+  if (!corruptionMarkers()) {
+    FMTRACE(handler, 1, "Util", "not marking {} (markers are off in this process): {}", rootPath,
+            msg);
+    return false;
+  }
   struct stat st;
-  if (::stat(rootPath.path().c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+  if (::lstat(rootPath.path().c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     FMTRACE(handler, 3, "Util", "no directory {} for the corruption marker", rootPath);
     return false;
   }
@@ -65,10 +84,13 @@ bool writeCorruptionFile(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath
   std::tm tm;
   if (::gmtime_r(&now, &tm)) std::strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &tm);
   std::string text = fmt::format("message: {}\npid: {}\ntime: {}\n", msg, ::getpid(), when);
-  try {
-    Parcel::Impl::replaceFile(rootPath.filePath(CORRUPTION_FILENAME), text);
-  } catch (Lomi::Exception const& e) {
-    FMTRACE(handler, 0, "Util", "cannot write the corruption marker: {}", e.msg());
+  std::string error;
+  if (!Mem::createSharedFile(rootPath.filePath(CORRUPTION_FILENAME), text, 0644, error)) {
+    if (errno == EEXIST) {
+      FMTRACE(handler, 3, "Util", "{} is marked already: {}", rootPath, msg);
+    } else {
+      FMTRACE(handler, 0, "Util", "cannot write the corruption marker: {}", error);
+    }
     return false;
   }
   FMTRACE(handler, 1, "Util", "marked {} corrupt: {}", rootPath, msg);

@@ -38,12 +38,23 @@ bool strictValidation();
 
 // Writes the marker into the table's directory: the message, the pid and the
 // wall-clock time, one per line. Returns false, writing nothing, for a local
-// table or when the directory does not exist (a table with no files has
-// nothing to mark). A marker that cannot be written is traced at level 0 and
+// table, when the directory does not exist (a table with no files has
+// nothing to mark), when a marker is there already (the writer has not
+// validated since: one marker says it all, and a reader whose failed attach
+// keeps failing does not rewrite it, nor wake its own file watch with it), or
+// when markers are off in this process. The marker is created with O_EXCL in
+// the directory opened without following links: nothing planted under its
+// name is followed. A marker that cannot be written is traced at level 0 and
 // gives false: the caller is already handling a failure and carries on.
 bool writeCorruptionFile(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath const& rootPath,
                          std::string const& msg);
 bool writeCorruptionFile(Mem::NaoRootPath const& rootPath, std::string const& msg);
+
+// Process-wide: whether this process leaves markers at all (on by default).
+// An observer, such as the operator's tool, turns them off: it never writes
+// into a table directory.
+void corruptionMarkersIs(bool on);
+bool corruptionMarkers();
 
 // Removes the marker; a missing one is fine. Throws Lomi::RuntimeException
 // naming the file if the system refuses.

@@ -40,6 +40,7 @@
 #include "Mem/Atomics.h"
 #include "Mem/Error.h"
 #include "Mem/ParcelWrapper.h"
+#include "Mem/SharedGround.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketTable.h"
 
@@ -175,11 +176,8 @@ class BucketWriter {
       if (header_ && !validate(0, error)) throw Lomi::CorruptionDetectedException(error);
       return true;
     }
-    int fd = ::open(path().c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-      throw Lomi::CorruptionDetectedException(
-          Mem::posixError(fmt::format("bucket table: open {}", path()), errno));
-    }
+    int fd = Mem::openSharedFile(path(), O_RDONLY, 0, error);
+    if (fd < 0) throw Lomi::CorruptionDetectedException("bucket table: {}", error);
     struct stat st;
     Header copy;
     bool ok = false;

@@ -74,8 +74,9 @@ class ReaderHashMap {
   // Sets `found` and returns the value's address: `buffer` if given, else the
   // reader's value buffer, or the default value when absent.
   Value const* lookup(Key const& key, bool& found, void* buffer) const;
-  // The first entry at or after `bucket` in walk order.
-  bool first(uint32_t bucket, Value& value, Mirak::IterHint& hint) const;
+  // The first entry at or after `bucket` in walk order. `rhash`, if given,
+  // receives the entry's rhash.
+  bool first(uint32_t bucket, Value& value, Mirak::IterHint& hint, uint32_t* rhash = nullptr) const;
   // The entry after `key` (the key of the entry last returned, with its hint).
   bool next(Key const& key, Value& value, Mirak::IterHint& hint) const;
   // Throws unless `next` may follow `bucket` in the walk under the private
@@ -93,6 +94,10 @@ class ReaderHashMap {
   // The tests behind keyCheck and verifyNextBucket, without the throw.
   bool keyFits(Key const& key, uint32_t bucket) const;
   bool nextBucketFits(uint32_t bucket, uint32_t next) const;
+  // Table order: (rhash, key), both ascending.
+  static bool after(uint32_t rhash, Key const& key, uint32_t thanRhash, Key const& thanKey) {
+    return rhash > thanRhash || (rhash == thanRhash && Ops::keyLess(thanKey, key));
+  }
   bool nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const;
   Mirak::SlotReaderTable<Ops>& slots() const { return reader_->slotTable(); }
   Mirak::Reader::Counters& counters() const { return reader_->counters(); }
@@ -236,7 +241,8 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
 }
 
 template <typename Reader>
-bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint& hint) const {
+bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint& hint,
+                                  uint32_t* rhash) const {
   uint32_t const n = buckets_.numBuckets();
   if (n == 0) {
     FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
@@ -273,6 +279,7 @@ bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint
                                               keyHex(slotKey));
     }
     keyCheck(slotKey, bucket, KeyCheck::first);
+    if (rhash) *rhash = read.rhash;
     hint = Mirak::IterHint{read.word, curr, bucket};
     FMTRACE(handler_, 9, "ReaderHashMap", "{} found at bucket {}, saving {}", Ops::keyText(slotKey),
             bucket, hint);
@@ -298,11 +305,18 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
   // successor or next bucket that does not fit it sends the step to the slow
   // path, which finds its place from the key. Only the slow path's checks
   // stand as corruption.
+  //
+  // Every entry `next` returns lies strictly after `key` in table order; the
+  // fast path checks it against the rhash of the hint's slot (the key's own
+  // while the word matches), the slow path finds it so. A walk can therefore
+  // not come back on itself, whatever the links of a damaged file say: it
+  // returns at most as many entries as the table holds, then ends or throws.
   if (hint.slotIndex < table.capacity() && hint.bucket < n) {
     Mirak::SlotTable::Slot<Value> const& from = table.slots()[hint.slotIndex];
     // 1, 2: the hint's slot still holds the entry the caller saw.
     Link const link = Mem::loadAcquire(from.link);
     if (Mem::loadAcquire(from.versionFlags) == hint.versionFlags) {
+      uint32_t const keyRhash = Mem::loadRelaxed(from.rhash);
       // 3
       if (Link::isEndOfChain(link.next)) {
         uint32_t const nextBucket = link.next == Link::kEndOfTable ? 0 : Link::indexOf(link.next);
@@ -313,7 +327,11 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
           }
           FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {} using {}", Ops::keyText(key),
                   nextBucket, hint);
-          return first(nextBucket, value, hint);
+          Mirak::IterHint const before = hint;
+          uint32_t rhash = 0;
+          if (!first(nextBucket, value, hint, &rhash)) return false;
+          if (after(rhash, Ops::key(value), keyRhash, key)) return true;
+          hint = before;
         }
         return nextSlow(key, value, hint);
       }
@@ -328,7 +346,9 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
                                                   link.next, keyHex(slotKey));
         }
         // 7
-        if (!keyFits(slotKey, hint.bucket)) return nextSlow(key, value, hint);
+        if (!keyFits(slotKey, hint.bucket) || !after(read.rhash, slotKey, keyRhash, key)) {
+          return nextSlow(key, value, hint);
+        }
         // 8
         Mirak::IterHint const old = hint;
         hint.versionFlags = read.word;
@@ -410,7 +430,13 @@ bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHi
     uint32_t const nextBucket = Link::indexOf(curr);
     verifyNextBucket(bucket, nextBucket);
     FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {}", Ops::keyText(key), nextBucket);
-    return first(nextBucket, value, hint);
+    uint32_t rhash = 0;
+    if (!first(nextBucket, value, hint, &rhash)) return false;
+    if (!after(rhash, Ops::key(value), target, key)) {
+      throw Lomi::CorruptionDetectedException("walk order broken: key:{} bucket {} after key:{}",
+                                              keyHex(Ops::key(value)), nextBucket, keyHex(key));
+    }
+    return true;
   }
 }
 

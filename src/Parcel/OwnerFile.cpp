@@ -15,6 +15,7 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Error.h"
+#include "Mem/SharedGround.h"
 #include "Parcel/ParcelFile.h"
 
 namespace Parcel {
@@ -138,11 +139,10 @@ void OwnerFile::lock() {
   if (localMem_ || lockFd_ >= 0) return;
   for (;;) {
     rootPath_.createDirectories();
-    int fd = ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-      throw Lomi::InvalidInitializeException("cannot lock Mirak table {}: {}", dir_,
-                                             Mem::posixError(fmt::format("open {}", dir_), errno));
-    }
+    std::string error;
+    int fd = Mem::openSharedDirectory(dir_, 0, error);
+    if (fd < 0)
+      throw Lomi::InvalidInitializeException("cannot lock Mirak table {}: {}", dir_, error);
     int rc;
     do {
       rc = ::flock(fd, LOCK_EX);

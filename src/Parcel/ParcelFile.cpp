@@ -12,6 +12,7 @@
 
 #include "Lomi/Exception.h"
 #include "Mem/Error.h"
+#include "Mem/SharedGround.h"
 
 namespace Parcel::Impl {
 
@@ -59,9 +60,10 @@ class Fd {
 
 std::optional<std::string> readSmallFile(std::string const& path, size_t maxSize,
                                          std::string& error) {
-  Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string openError;
+  Fd fd(Mem::openSharedFile(path, O_RDONLY, 0, openError));
   if (fd.get() < 0) {
-    if (errno != ENOENT) error = Mem::posixError(fmt::format("open {}", path), errno);
+    if (errno != ENOENT) error = openError;
     return std::nullopt;
   }
   std::string bytes(maxSize + 1, '\0');
@@ -81,35 +83,9 @@ std::optional<std::string> readSmallFile(std::string const& path, size_t maxSize
 }
 
 void replaceFile(std::string const& path, std::string_view bytes) {
-  std::string tmp = fmt::format("{}.tmp-{}", path, ::getpid());
-  Fd fd(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (fd.get() < 0) {
-    throw Lomi::InvalidInitializeException("cannot write {}: {}", path,
-                                           Mem::posixError(fmt::format("open {}", tmp), errno));
-  }
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      int err = errno;
-      ::unlink(tmp.c_str());
-      throw Lomi::InvalidInitializeException("cannot write {}: {}", path,
-                                             Mem::posixError(fmt::format("write {}", tmp), err));
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (::close(fd.release()) != 0) {
-    int err = errno;
-    ::unlink(tmp.c_str());
-    throw Lomi::InvalidInitializeException("cannot write {}: {}", path,
-                                           Mem::posixError(fmt::format("close {}", tmp), err));
-  }
-  if (::rename(tmp.c_str(), path.c_str()) != 0) {
-    int err = errno;
-    ::unlink(tmp.c_str());
-    throw Lomi::InvalidInitializeException(
-        "cannot write {}: {}", path, Mem::posixError(fmt::format("rename {} to it", tmp), err));
+  std::string error;
+  if (!Mem::replaceSharedFile(path, bytes, 0644, error)) {
+    throw Lomi::InvalidInitializeException("cannot write {}: {}", path, error);
   }
 }
 

@@ -32,6 +32,8 @@ inline Result runTool(std::vector<std::string> args, std::string const& outBase)
   std::string const out = outBase + ".out", err = outBase + ".err";
   pid_t const pid = ::fork();
   if (pid == 0) {
+    // A tool that hangs dies of SIGALRM: a failure, not a stuck suite.
+    ::alarm(60);
     int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int const e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (o < 0 || e < 0 || ::dup2(o, 1) < 0 || ::dup2(e, 2) < 0) ::_exit(127);

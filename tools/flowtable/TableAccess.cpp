@@ -17,6 +17,7 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Mem/SharedGround.h"
 #include "Mem/WriterLock.h"
 #include "Mirak/IterHint.h"
 #include "Parcel/KestorFile.h"
@@ -37,9 +38,10 @@ constexpr char kSlotFile[] = "slots";
 // The fixed part of the slot header, read with one pread: no mapping, and so
 // nothing that a writer's resize could pull away.
 std::optional<Mirak::SlotTable::Header> readHeader(std::string const& path, std::string& error) {
-  int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  std::string openError;
+  int const fd = Mem::openSharedFile(path, O_RDONLY, 0, openError);
   if (fd < 0) {
-    error = fmt::format("cannot open {}: {}", path, std::strerror(errno));
+    error = openError;
     return std::nullopt;
   }
   Mirak::SlotTable::Header h;

@@ -25,6 +25,7 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Mirak/Util.h"
 #include "TableAccess.h"
 #include "Zeb/Module.h"
 #include "Zeb/Strep.h"
@@ -431,6 +432,9 @@ int main(int argc, char** argv) {
     }
     while (o.root.size() > 1 && o.root.back() == '/') o.root.pop_back();
     Mem::RootPath::baseIs(o.root);
+    // An observer: whatever it finds, it writes nothing into a table's
+    // directory (a reader that fails to attach would leave a marker there).
+    Mirak::Util::corruptionMarkersIs(false);
     if (o.command == "ls") return cmdLs(o);
     if (o.command == "show") return cmdShow(o);
     if (o.command == "dump") return cmdDump(o);

@@ -1,0 +1,166 @@
+// Table directories where a hostile neighbour or a damaged disk has been:
+// a writer follows no planted link and writes nothing through one; a reader
+// never blocks on a FIFO in place of a table file; a looped chain ends a walk
+// with a corruption report instead of a walk without end; the corruption
+// marker is written once, through no link, and never by an observer.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "FlowTracking/ReaderTestUtil.h"
+#include "FlowTracking/TableRows.h"
+#include "Lomi/Exception.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/Util.h"
+
+namespace FlowTrackingTest {
+namespace {
+
+namespace fs = std::filesystem;
+using Record = FlowTracking::HoIpFlowConfig;
+constexpr char kTable[] = "hostile/config";
+constexpr char kMarker[] = "corruption-detected";
+
+std::string slurp(std::string const& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+class HostileFiles : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    victim_ = root_.path() + "/victim";
+    std::ofstream(victim_) << "precious";
+    dir_ = root_.path() + "/" + kTable;
+  }
+  void TearDown() override { EXPECT_EQ(slurp(victim_), "precious") << "a link was followed"; }
+
+  // A table with `rows` rows whose writer has gone (its files stay).
+  void makeTable(uint32_t rows) {
+    auto w = makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
+    for (uint32_t i = 0; i < rows; i++) w->write(row<Record>(i), true);
+    w->detach(false);
+  }
+
+  MirakTest::TempRoot root_;
+  std::string victim_;
+  std::string dir_;
+};
+
+TEST_F(HostileFiles, AWriterRefusesALinkPlantedForItsSlotFileOrItsDirectory) {
+  fs::create_directories(dir_);
+  fs::create_symlink(victim_, dir_ + "/slots");
+  try {
+    makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
+    ADD_FAILURE() << "the writer started on a planted link";
+  } catch (Lomi::Exception const& e) {
+    EXPECT_NE(e.msg().find(dir_ + "/slots is a symbolic link"), std::string::npos) << e.msg();
+  }
+  fs::remove_all(dir_);
+  std::string const elsewhere = root_.path() + "/elsewhere";
+  fs::create_directories(elsewhere);
+  fs::create_symlink(elsewhere, dir_);
+  try {
+    makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
+    ADD_FAILURE() << "the writer started in a linked directory";
+  } catch (Lomi::Exception const& e) {
+    EXPECT_NE(e.msg().find(dir_ + " is a symbolic link"), std::string::npos) << e.msg();
+  }
+  EXPECT_TRUE(fs::is_empty(elsewhere)) << "nothing was made through the linked directory";
+}
+
+TEST_F(HostileFiles, AReaderNeverBlocksOnAFifoInPlaceOfATableFile) {
+  makeTable(10);
+  for (char const* file : {"kestor", "buckets", "slots"}) {
+    std::string const path = dir_ + "/" + file;
+    std::string const saved = path + ".saved";
+    fs::rename(path, saved);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
+    // A blocked open would hang the reader here; the test's deadline is the
+    // suite's timeout.
+    auto const start = std::chrono::steady_clock::now();
+    auto reader = makeReader<Record>(kTable);
+    EXPECT_FALSE(reader->initialize("test")) << file;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << file;
+    fs::remove(path);
+    fs::rename(saved, path);
+  }
+  auto reader = makeReader<Record>(kTable);
+  EXPECT_TRUE(reader->initialize("test"));
+}
+
+TEST_F(HostileFiles, AWalkOverALoopedChainEndsWithACorruptionReport) {
+  makeTable(50);
+  {
+    // Slot 0 holds the first row written; its link now leads back to itself.
+    auto reader = makeReader<Record>(kTable);
+    ASSERT_TRUE(reader->initialize("test"));
+    std::fstream f(dir_ + "/slots", std::ios::in | std::ios::out | std::ios::binary);
+    using Geometry = Mirak::SlotGeometry<FlowTracking::TableValue<Record>>;
+    uint32_t const self = 0;
+    f.seekp(Geometry::headerSize + offsetof(Mirak::SlotTable::SlotHead, link) + 4);
+    f.write(reinterpret_cast<char const*>(&self), sizeof self);
+  }
+  auto reader = makeReader<Record>(kTable);
+  ASSERT_TRUE(reader->initialize("test"));
+  uint32_t returned = 0;
+  bool ended = false;
+  try {
+    FlowTracking::TableValue<Record> v;
+    Mirak::IterHint hint;
+    for (bool more = reader->first(v, hint); more && returned < 10000;
+         more = reader->next(v.fwkKey(), v, hint)) {
+      returned++;
+    }
+    ended = true;
+  } catch (Lomi::CorruptionDetectedException const& e) {
+    ended = true;
+    EXPECT_FALSE(e.msg().empty());
+  }
+  EXPECT_TRUE(ended);
+  EXPECT_LE(returned, 50u) << "a walk returns no entry twice";
+}
+
+TEST_F(HostileFiles, TheMarkerIsWrittenOnceThroughNoLinkAndNeverByAnObserver) {
+  makeTable(10);
+  {
+    // A checksum that fails: every attach fails validation.
+    std::fstream f(dir_ + "/slots", std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(offsetof(Mirak::SlotTable::Header, hash));
+    uint32_t const bad = 0xbadc0de;
+    f.write(reinterpret_cast<char const*>(&bad), sizeof bad);
+  }
+  std::string const marker = dir_ + "/" + kMarker;
+  Mirak::Util::corruptionMarkersIs(false);
+  EXPECT_FALSE(makeReader<Record>(kTable)->initialize("observer"));
+  Mirak::Util::corruptionMarkersIs(true);
+  EXPECT_FALSE(fs::exists(marker)) << "an observer wrote into the table directory";
+
+  fs::create_symlink(victim_, marker);
+  EXPECT_FALSE(makeReader<Record>(kTable)->initialize("test"));
+  EXPECT_TRUE(fs::is_symlink(marker));
+  fs::remove(marker);
+
+  EXPECT_FALSE(makeReader<Record>(kTable)->initialize("test"));
+  struct stat first;
+  ASSERT_EQ(::stat(marker.c_str(), &first), 0);
+  std::string const text = slurp(marker);
+  EXPECT_NE(text.find("checksum fail"), std::string::npos) << text;
+  EXPECT_FALSE(makeReader<Record>(kTable)->initialize("test"));
+  struct stat second;
+  ASSERT_EQ(::stat(marker.c_str(), &second), 0);
+  EXPECT_EQ(first.st_ino, second.st_ino) << "a failed attach rewrote the marker";
+  EXPECT_EQ(slurp(marker), text);
+}
+
+}  // namespace
+}  // namespace FlowTrackingTest
