@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "Mem/BusGuard.h"
 #include "Mem/Error.h"
 #include "Mem/SharedGround.h"
 
@@ -66,6 +67,7 @@ void* ParcelWrapper::attach(uint64_t size, Mode mode, void* address) {
   fd_ = fd;
   base_ = p;
   mapped_ = size;
+  if (!rw) BusGuard::add(base_, mapped_);
   return base_;
 }
 
@@ -118,14 +120,17 @@ void* ParcelWrapper::resize(uint64_t size) {
       return nullptr;
     }
   }
+  if (!rw) BusGuard::remove(base_);
   void* p = ::mremap(base_, mapped_, size, MREMAP_MAYMOVE);
   if (p == MAP_FAILED) {
     lastError_ =
         posixError(fmt::format("mremap {} from {} to {} bytes", path_, mapped_, size), errno);
+    if (!rw) BusGuard::add(base_, mapped_);
     return nullptr;
   }
   base_ = p;
   mapped_ = size;
+  if (!rw) BusGuard::add(base_, mapped_);
   return base_;
 }
 
@@ -133,7 +138,10 @@ void ParcelWrapper::detach() {
   if (local()) {
     local_.detach();
   } else {
-    if (base_) ::munmap(base_, mapped_);
+    if (base_) {
+      if (mode_ == Mode::ReadOnly) BusGuard::remove(base_);
+      ::munmap(base_, mapped_);
+    }
     if (fd_ >= 0) ::close(fd_);
   }
   fd_ = -1;

@@ -3,7 +3,10 @@
 // never blocks on a FIFO in place of a table file; a looped chain ends a walk
 // with a corruption report instead of a walk without end; the corruption
 // marker is written once, through no link, and never by an observer.
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +20,7 @@
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 #include "Lomi/Exception.h"
+#include "Mem/BusGuard.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Util.h"
 
@@ -160,6 +164,54 @@ TEST_F(HostileFiles, TheMarkerIsWrittenOnceThroughNoLinkAndNeverByAnObserver) {
   ASSERT_EQ(::stat(marker.c_str(), &second), 0);
   EXPECT_EQ(first.st_ino, second.st_ino) << "a failed attach rewrote the marker";
   EXPECT_EQ(slurp(marker), text);
+}
+
+// A file cut shorter under a reader that maps it: the reader reports damage
+// or absence and lives on; each file and several lengths, each in a child
+// whose death by a signal would be the failure.
+TEST_F(HostileFiles, AFileTruncatedUnderAReaderIsReportedNeverFatal) {
+  makeTable(500);
+  for (char const* file : {"slots", "buckets"}) {
+    for (off_t length : {off_t(0), off_t(64), off_t(4096)}) {
+      pid_t const child = forkChild([&]() -> int {
+        auto reader = makeReader<Record>(kTable);
+        if (!reader->initialize("test")) return 2;
+        bool found = false;
+        FlowTracking::TableValue<Record> v;
+        reader->lookup(row<Record>(7).fwkKey(), found, &v);  // maps every slot
+        if (!found) return 3;
+        if (::truncate((dir_ + "/" + file).c_str(), length) != 0) return 4;
+        uint64_t reports = 0;
+        for (uint32_t i = 0; i < 500; i++) {
+          try {
+            reader->lookup(row<Record>(i).fwkKey(), found, &v);
+            Mirak::IterHint hint;
+            reader->first(v, hint);
+          } catch (Lomi::Exception const&) {
+            reports++;
+          }
+        }
+        return reports > 0 || Mem::BusGuard::faults() > 0 ? 0 : 5;
+      });
+      int const status = reap(child);
+      EXPECT_TRUE(exitedWith(status, 0)) << file << " cut to " << length << ": status " << status
+                                         << (WIFSIGNALED(status) ? " (killed by a signal)" : "");
+      makeTable(500);
+    }
+  }
+  // A fault outside any table mapping still ends the process as it would.
+  pid_t const child = forkChild([&]() -> int {
+    auto reader = makeReader<Record>(kTable);
+    if (!reader->initialize("test")) return 2;
+    std::string const other = root_.path() + "/other";
+    std::ofstream(other) << std::string(8192, 'x');
+    int const fd = ::open(other.c_str(), O_RDONLY);
+    auto const* p = static_cast<char const*>(::mmap(nullptr, 8192, PROT_READ, MAP_SHARED, fd, 0));
+    if (::truncate(other.c_str(), 0) != 0) return 4;
+    return p[100] == 'x' ? 6 : 7;
+  });
+  int const status = reap(child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << "status " << status;
 }
 
 }  // namespace
