@@ -2,6 +2,7 @@
 #include "Rusk/WriterRuskSm.h"
 
 #include <poll.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <random>
 
 #include <fmt/format.h>
 
@@ -54,7 +56,7 @@ bool parseNumber(std::string_view text, T& out) {
 }  // namespace
 
 std::string TunnetName::str() const {
-  return fmt::format("{}{}-{}", kPrefix, pid, tableId);
+  return fmt::format("{}{}-{}-{:016x}", kPrefix, pid, tableId, nonce);
 }
 
 std::optional<TunnetName> TunnetName::TunnetNameIs(std::string_view socketName) {
@@ -64,7 +66,15 @@ std::optional<TunnetName> TunnetName::TunnetNameIs(std::string_view socketName) 
   if (dash == std::string_view::npos) return std::nullopt;
   TunnetName n;
   if (!parseNumber(rest.substr(0, dash), n.pid) || n.pid <= 0) return std::nullopt;
-  if (!parseNumber(rest.substr(dash + 1), n.tableId)) return std::nullopt;
+  rest = rest.substr(dash + 1);
+  size_t const nonceDash = rest.find('-');
+  if (!parseNumber(rest.substr(0, nonceDash), n.tableId)) return std::nullopt;
+  if (nonceDash != std::string_view::npos) {
+    std::string_view const nonce = rest.substr(nonceDash + 1);
+    if (nonce.size() != 16) return std::nullopt;
+    auto [end, ec] = std::from_chars(nonce.data(), nonce.data() + nonce.size(), n.nonce, 16);
+    if (ec != std::errc() || end != nonce.data() + nonce.size()) return std::nullopt;
+  }
   return n;
 }
 
@@ -85,10 +95,23 @@ bool connectProbe(std::string const& socketName) {
   return accepted;
 }
 
+namespace {
+
+uint64_t randomNonce() {
+  uint64_t n = 0;
+  // getrandom without flags blocks only before the pool is first seeded.
+  if (::getrandom(&n, sizeof n, 0) != static_cast<ssize_t>(sizeof n)) {
+    n = std::random_device{}() * 0x9e3779b97f4a7c15ull ^ uint64_t(::getpid()) << 32;
+  }
+  return n;
+}
+
+}  // namespace
+
 WriterRuskSm::WriterRuskSm(Lomi::Platform::DebugHandler& handler)
     : handler_(handler),
       tableId_(tableCounter().fetch_add(1, std::memory_order_relaxed) + 1),
-      socketName_(TunnetName{::getpid(), tableId_}.str()) {}
+      socketName_(TunnetName{::getpid(), tableId_, randomNonce()}.str()) {}
 
 WriterRuskSm::~WriterRuskSm() {
   close();

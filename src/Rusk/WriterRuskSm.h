@@ -38,12 +38,17 @@ class DebugHandler;
 
 namespace Rusk {
 
-// The pid and table id carried by a wake-up socket's name.
+// The pid and table id carried by a wake-up socket's name, and a random
+// nonce: the abstract socket namespace is shared by every process of the
+// network namespace, and a name that can be foretold can be bound first by
+// anyone, which would make every start of that writer fail.
 struct TunnetName {
   pid_t pid = 0;
   uint32_t tableId = 0;
+  uint64_t nonce = 0;
 
-  // "@flowtables-<pid>-<tableId>".
+  // "@flowtables-<pid>-<tableId>-<nonce, 16 hex digits>"; a name without the
+  // nonce (an older writer's) still parses, with nonce 0.
   std::string str() const;
   // Parses the printable form; nullopt if `socketName` is not one.
   static std::optional<TunnetName> TunnetNameIs(std::string_view socketName);

@@ -42,18 +42,58 @@ int connectTo(std::string const& printable) {
   return fd;
 }
 
-TEST(WriterRuskSm, TableIdsCountUpAndNamesCarryPidAndId) {
+// A listener on an abstract name, as anyone could bind it; -1 on failure.
+int listenOn(std::string const& printable) {
+  sockaddr_un addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, printable.data(), printable.size());
+  addr.sun_path[0] = '\0';
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + printable.size());
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(fd, 1) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+TEST(WriterRuskSm, TableIdsCountUpAndNamesCarryPidIdAndANonce) {
   WriterRuskSm a(handler());
   WriterRuskSm b(handler());
   EXPECT_EQ(b.tableId(), a.tableId() + 1);
-  EXPECT_EQ(a.socketName(), fmt::format("@flowtables-{}-{}", ::getpid(), a.tableId()));
+  std::string const prefix = fmt::format("@flowtables-{}-{}-", ::getpid(), a.tableId());
+  EXPECT_EQ(a.socketName().substr(0, prefix.size()), prefix);
+  EXPECT_EQ(a.socketName().size(), prefix.size() + 16);
   std::optional<TunnetName> n = TunnetName::TunnetNameIs(b.socketName());
   ASSERT_TRUE(n.has_value());
   EXPECT_EQ(n->pid, ::getpid());
   EXPECT_EQ(n->tableId, b.tableId());
   EXPECT_EQ(n->str(), b.socketName());
+  EXPECT_NE(TunnetName::TunnetNameIs(a.socketName())->nonce, n->nonce);
+  // An older writer's name, without a nonce, still names its pid.
+  EXPECT_EQ(TunnetName::TunnetNameIs("@flowtables-12-3")->pid, 12);
   EXPECT_FALSE(a.listening());
   EXPECT_EQ(a.fd(), -1);
+}
+
+// The abstract namespace is everyone's: a process that binds the name a
+// writer would have used, had it been predictable, cannot stop its start.
+TEST(WriterRuskSm, ANameBoundByAnotherProcessDoesNotStopTheWriter) {
+  uint32_t const next = WriterRuskSm(handler()).tableId() + 1;
+  std::vector<int> squatters;
+  for (uint32_t id = next; id < next + 4; id++) {
+    for (std::string const& name :
+         {fmt::format("@flowtables-{}-{}", ::getpid(), id), TunnetName{::getpid(), id, 0}.str()}) {
+      int const fd = listenOn(name);
+      if (fd >= 0) squatters.push_back(fd);
+    }
+  }
+  ASSERT_FALSE(squatters.empty());
+  WriterRuskSm w(handler());
+  EXPECT_NO_THROW(w.doEnableListen());
+  EXPECT_TRUE(w.listening());
+  for (int fd : squatters) ::close(fd);
 }
 
 class TunnetNameParse : public ::testing::TestWithParam<char const*> {};
@@ -64,7 +104,9 @@ TEST_P(TunnetNameParse, RejectsWhatIsNotAWakeUpSocketName) {
 
 INSTANTIATE_TEST_SUITE_P(Malformed, TunnetNameParse,
                          ::testing::Values("", "@flowtables-", "@flowtables-12", "@flowtables-12-",
-                                           "@flowtables--3", "@flowtables-0-3", "@flowtables-x-3",
+                                           "@flowtables-12-3-", "@flowtables-12-3-abc",
+                                           "@flowtables-12-3-000000000000000g", "@flowtables--3",
+                                           "@flowtables-0-3", "@flowtables-x-3",
                                            "@flowtables-12-3x", "flowtables-12-3",
                                            "@flowtables-12-99999999999", "@other-12-3"));
 
