@@ -1,15 +1,14 @@
 // Mem::WriterLock: one writer per table directory.
 //
-// The owner file (Parcel::OwnerFile) names the directory's writer: its pid,
-// that process's start time and its wake-up socket. A recorded owner is alive
-// only if all of these hold:
-//   - the pid lives (kill(pid, 0) succeeds or fails with EPERM);
-//   - the process with that pid started when the record says (when the record
-//     knows), so a pid reused by an unrelated process is not the owner;
-//   - its wake-up socket, when the record names one, accepts a connection: an
-//     abstract socket vanishes with the last descriptor of its writer.
+// Whether a writer lives is said by a lock, not by a pid: a writer holds the
+// lifetime lock of its directory (Lifetime, below) from the moment it takes
+// the directory until it detaches or dies, and the kernel drops it then. The
+// owner file (Parcel::OwnerFile) names the writer, its pid, that process's
+// start time and its wake-up socket: those describe the owner in messages and
+// let a reader reach it, but a pid alone decides nothing (it may belong to an
+// unrelated process by now, and a record may carry no start time).
 // A record with no writer pid (a detached writer cleared it) or a damaged
-// record names no live owner.
+// record names no owner.
 //
 // Contract:
 //   - The caller of acquireWriterLock already holds ownerFile.lock(); calling
@@ -40,22 +39,57 @@ namespace Mem {
 
 class WriterLock {
  public:
+  // The file whose lock says that a writer lives. It is created once and never
+  // replaced (a rename would leave the lock on a file no name reaches).
+  static constexpr char kLifetimeFile[] = "writer.lock";
+
+  // The lifetime lock: a write lock on the first byte of kLifetimeFile, taken
+  // as an open file description lock (F_OFD_SETLK), so that it belongs to the
+  // open file, not to a process or a thread, and goes when its descriptor
+  // closes. A child that forks from the writer and keeps the descriptor keeps
+  // the table owned; the descriptor is close-on-exec.
+  class Lifetime {
+   public:
+    Lifetime() = default;
+    ~Lifetime() { release(); }
+    Lifetime(Lifetime const&) = delete;
+    Lifetime& operator=(Lifetime const&) = delete;
+    // Takes the lock of `rootPath`. False with `error` set when another open
+    // file holds it (a live writer) or the file cannot be made; a reader's
+    // probe that holds it for an instant is waited out.
+    bool take(NaoRootPath const& rootPath, std::string& error);
+    void release();
+    bool held() const { return fd_ >= 0; }
+
+   private:
+    int fd_ = -1;
+  };
+
+  // Whether some writer holds the lifetime lock of `rootPath` now. Probes by
+  // taking a shared lock for an instant; a missing file means no writer.
+  static bool lifetimeHeld(std::string const& directory);
+
   // Makes this process the directory's one writer, or throws
   // Lomi::InvalidInitializeException "Mirak table <dir> is owned by a live
   // writer, pid N; ..." when another live process owns it. A record that names
   // this process with `mySocketName` (or with no socket) is this process's
   // own. With `force` a live owner is taken over (traced at level 1), as
   // `cleanup` does.
+  // With `lifetime`, the lifetime lock is taken into it once the directory
+  // is this process's (a forced take-over first unlinks the old lock file,
+  // which the old writer keeps holding on a file no name reaches).
   static void acquireWriterLock(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
                                 Parcel::OwnerFile& ownerFile, bool force,
-                                std::string const& mySocketName = std::string());
+                                std::string const& mySocketName = std::string(),
+                                Lifetime* lifetime = nullptr);
 
   // Whether `socketName` (as found in an owner file) is a wake-up socket of
   // this process.
   static bool ownerIsMe(Lomi::Platform::DebugHandler& handler, std::string const& socketName);
 
-  // Whether the owner recorded in `ownerFile` is alive (see above). A missing
-  // or damaged record gives false.
+  // Whether the owner recorded in `ownerFile` is alive: a record names one
+  // and the directory's lifetime lock is held. A missing or damaged record
+  // gives false.
   static bool ownerIsAlive(Parcel::OwnerFile const& ownerFile);
 
   // Whether the writer behind `socketName` is alive: the pid carried by the

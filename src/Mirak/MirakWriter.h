@@ -248,6 +248,8 @@ class MirakWriter : public MirakInterface<OpsT> {
   Map map_;
   TesselWriter tessel_;
   bool owner_ = false;
+  // Held from the take of the directory to detach: it says that this writer lives.
+  Mem::WriterLock::Lifetime lifetime_;
   std::string typeName_;
   VersionAnchorHook hook_ = nullptr;
   // Readers of tables with a queue connect here to be woken; absent for
@@ -315,7 +317,8 @@ void MirakWriter<OpsT>::attach() {
     kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 0);
   } else {
     // 3
-    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, false, socketName());
+    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, false, socketName(),
+                                       &lifetime_);
     if (rusk_) tunnetInfo = Parcel::TunnetInfo(rusk_->socketName(), rusk_->tableId());
     kestorId_ = kestorFile.read();
     if (kestorId_.isZero()) {
@@ -444,6 +447,8 @@ void MirakWriter<OpsT>::detach(bool) {
   if (rusk_) rusk_->close();
   slots_.detach();
   map_.bucketWriter().detach();
+  // Last: from here on another writer may take the directory.
+  lifetime_.release();
   this->initializedIs(false);
 }
 
@@ -480,10 +485,13 @@ void MirakWriter<OpsT>::cleanup() {
   }
   Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
   if (!localMem_) {
-    std::string const control = rootPath_.filePath(Mem::Util::Clone::CONTROL_FILENAME);
-    if (::unlink(control.c_str()) != 0 && errno != ENOENT) {
-      throw Lomi::InvalidInitializeException("cannot remove {}: {}", control, std::strerror(errno));
+    for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Mem::WriterLock::kLifetimeFile}) {
+      std::string const path = rootPath_.filePath(name);
+      if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        throw Lomi::InvalidInitializeException("cannot remove {}: {}", path, std::strerror(errno));
+      }
     }
+    lifetime_.release();
   }
   ownerFile.remove();
   // 6

@@ -1,6 +1,7 @@
-// Mem::WriterLock: a live writer in another process refuses a second one; a
-// dead one, a reused pid, a closed socket or a damaged record do not; force
-// takes over.
+// Mem::WriterLock: a writer that holds the directory's lifetime lock, in
+// another process, refuses a second one; a dead one, a live pid that holds no
+// lock (a reused pid, a record without a start time) or a damaged record do
+// not; force takes over.
 #include "Mem/WriterLock.h"
 
 #include <signal.h>
@@ -52,21 +53,24 @@ class WriterLockTest : public ::testing::Test {
   WriterLockTest() : root_(handler(), "flowtracking/ip/status", false) {}
 
   // A child that becomes the directory's writer the way a writer does (lock,
-  // record, listen unless `listen` is false), reports its socket name, and
-  // stays alive until killed.
-  std::unique_ptr<Child> startWriter(bool listen, std::string& socketName) {
+  // record, listen), reports its socket name, and stays alive until killed.
+  // Without `holdLock` it records itself but keeps no lifetime lock, as an
+  // unrelated process that reuses a dead writer's pid would.
+  std::unique_ptr<Child> startWriter(bool holdLock, std::string& socketName) {
     Pipe name;
     auto child = std::make_unique<Child>([&] {
       name.closeRead();
       Rusk::WriterRuskSm rusk(handler());
+      WriterLock::Lifetime lifetime;
       {
         OwnerFile o(handler(), root_, false);
         o.lock();
-        WriterLock::acquireWriterLock(handler(), root_, o, false, rusk.socketName());
+        WriterLock::acquireWriterLock(handler(), root_, o, false, rusk.socketName(),
+                                      holdLock ? &lifetime : nullptr);
         o.typeNameIs("FlowTracking::HoIpFlowStatus");
         o.parcelTypeIs(Parcel::ParcelType::mirak);
         o.tunnetInfoIs(TunnetInfo(rusk.socketName(), rusk.tableId()));
-        if (listen) rusk.doEnableListen();
+        rusk.doEnableListen();
       }
       name.send(rusk.socketName());
       for (;;) ::pause();
@@ -79,11 +83,13 @@ class WriterLockTest : public ::testing::Test {
   }
 
   // acquireWriterLock's refusal text, or "" if it took the directory.
-  std::string tryAcquire(bool force, std::string const& mySocket = "@flowtables-1-1") {
+  // With `lifetime`, the lock is taken into it as a writer does.
+  std::string tryAcquire(bool force, std::string const& mySocket = "@flowtables-1-1",
+                         WriterLock::Lifetime* lifetime = nullptr) {
     OwnerFile o(handler(), root_, false);
     o.lock();
     try {
-      WriterLock::acquireWriterLock(handler(), root_, o, force, mySocket);
+      WriterLock::acquireWriterLock(handler(), root_, o, force, mySocket, lifetime);
       return "";
     } catch (Lomi::InvalidInitializeException const& e) {
       return e.msg();
@@ -126,14 +132,18 @@ TEST_F(WriterLockTest, LiveWriterRefusesASecondUntilItDies) {
 TEST_F(WriterLockTest, ForceTakesOverALiveWriter) {
   std::string socket;
   std::unique_ptr<Child> writer = startWriter(true, socket);
-  ASSERT_NE(tryAcquire(false), "");
-  EXPECT_EQ(tryAcquire(true), "");
-  EXPECT_TRUE(WriterLock::ownerIsAlive(OwnerFile(handler(), root_, false)));
+  WriterLock::Lifetime mine;
+  ASSERT_NE(tryAcquire(false, "@flowtables-1-1", &mine), "");
+  EXPECT_FALSE(mine.held());
+  EXPECT_EQ(tryAcquire(true, "@flowtables-1-1", &mine), "");
+  EXPECT_TRUE(mine.held()) << "the old writer's lock does not stand in the way";
+  // Another process now sees a held lock: this one's.
+  EXPECT_TRUE(WriterLock::lifetimeHeld(root_.path()));
 }
 
-// The pid lives but its socket does not accept (as when a pid is reused by a
-// process that never listened there): not alive.
-TEST_F(WriterLockTest, LivePidWithoutListeningSocketIsNotAlive) {
+// The pid lives, and even listens, but holds no lifetime lock (as a process
+// that reused a dead writer's pid would): not alive.
+TEST_F(WriterLockTest, ALivePidThatHoldsNoWriterLockIsNotAlive) {
   std::string socket;
   std::unique_ptr<Child> writer = startWriter(false, socket);
   ASSERT_FALSE(socket.empty());
@@ -142,10 +152,9 @@ TEST_F(WriterLockTest, LivePidWithoutListeningSocketIsNotAlive) {
   EXPECT_EQ(tryAcquire(false), "");
 }
 
-// A record naming our parent (alive) with a dead socket name is not alive; the
-// same pid with the wrong start time is not alive either, even without a
-// socket; with its true start time and no socket it is, and refuses.
-TEST_F(WriterLockTest, PidReuseIsToldApartBySocketAndStartTime) {
+// A record naming a live, unrelated process (our parent), with its true start
+// time or none and no socket, names no owner: the table is taken.
+TEST_F(WriterLockTest, ARecordNamingALiveUnrelatedPidIsNoOwner) {
   pid_t parent = ::getppid();
   ASSERT_TRUE(WriterLock::pidLives(parent));
   uint64_t parentStart = OwnerFile::processStartTime(parent);
@@ -154,26 +163,15 @@ TEST_F(WriterLockTest, PidReuseIsToldApartBySocketAndStartTime) {
   o.lock();
   o.typeNameIs("T");
   o.parcelTypeIs(Parcel::ParcelType::mirak);
-
-  o.tunnetInfoIs(TunnetInfo(fmt::format("@flowtables-{}-4000000000", parent), 7));
-  forgeWriter(o.path(), parent, parentStart);
-  ASSERT_TRUE(o.validate());
-  EXPECT_FALSE(WriterLock::ownerIsAlive(o));
-  EXPECT_NO_THROW(WriterLock::acquireWriterLock(handler(), root_, o, false, "@flowtables-1-1"));
-
   o.tunnetInfoIs(TunnetInfo("", 7));
-  forgeWriter(o.path(), parent, parentStart + 1);
-  EXPECT_FALSE(WriterLock::ownerIsAlive(o));
-  EXPECT_NO_THROW(WriterLock::acquireWriterLock(handler(), root_, o, false, "@flowtables-1-1"));
-
-  forgeWriter(o.path(), parent, parentStart);
-  EXPECT_TRUE(WriterLock::ownerIsAlive(o));
-  try {
-    WriterLock::acquireWriterLock(handler(), root_, o, false, "@flowtables-1-1");
-    FAIL() << "a live owner without a socket was not refused";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_NE(e.msg().find(fmt::format("live writer, pid {};", parent)), std::string::npos)
-        << e.msg();
+  for (uint64_t start : {parentStart, uint64_t(0)}) {
+    forgeWriter(o.path(), parent, start);
+    ASSERT_TRUE(o.validate());
+    EXPECT_FALSE(WriterLock::ownerIsAlive(o)) << "start time " << start;
+    WriterLock::Lifetime lifetime;
+    EXPECT_NO_THROW(
+        WriterLock::acquireWriterLock(handler(), root_, o, false, "@flowtables-1-1", &lifetime));
+    EXPECT_TRUE(lifetime.held());
   }
 }
 
@@ -188,9 +186,13 @@ TEST_F(WriterLockTest, OwnRecordIsMineButAnotherTableOfMineIsNot) {
   o.parcelTypeIs(Parcel::ParcelType::mirak);
   o.tunnetInfoIs(TunnetInfo(mine.socketName(), mine.tableId()));
   EXPECT_TRUE(WriterLock::ownerIsMe(handler(), mine.socketName()));
-  EXPECT_NO_THROW(WriterLock::acquireWriterLock(handler(), root_, o, false, mine.socketName()));
-  EXPECT_THROW(WriterLock::acquireWriterLock(handler(), root_, o, false, other.socketName()),
-               Lomi::InvalidInitializeException);
+  WriterLock::Lifetime mineLock, otherLock;
+  EXPECT_NO_THROW(
+      WriterLock::acquireWriterLock(handler(), root_, o, false, mine.socketName(), &mineLock));
+  EXPECT_THROW(
+      WriterLock::acquireWriterLock(handler(), root_, o, false, other.socketName(), &otherLock),
+      Lomi::InvalidInitializeException);
+  EXPECT_FALSE(otherLock.held());
 }
 
 TEST_F(WriterLockTest, DetachedOrDamagedRecordNamesNoOwner) {
@@ -201,6 +203,9 @@ TEST_F(WriterLockTest, DetachedOrDamagedRecordNamesNoOwner) {
   o.typeNameIs("T");
   o.parcelTypeIs(Parcel::ParcelType::mirak);
   o.tunnetInfoIs(TunnetInfo(rusk.socketName(), rusk.tableId()));
+  WriterLock::Lifetime lifetime;
+  ASSERT_NO_THROW(
+      WriterLock::acquireWriterLock(handler(), root_, o, false, rusk.socketName(), &lifetime));
   EXPECT_TRUE(WriterLock::ownerIsAlive(o));
   o.tunnetInfoIs(TunnetInfo());
   EXPECT_FALSE(WriterLock::ownerIsAlive(o));
