@@ -67,6 +67,8 @@ Options parseOptions(int argc, char** argv, int first) {
       o.high = parse32(name, value);
     } else if (name == "low") {
       o.low = parse32(name, value);
+    } else if (name == "restarts") {
+      o.restarts = parse32(name, value);
     } else if (name == "dir") {
       o.dir = value;
     } else if (name == "seed") {

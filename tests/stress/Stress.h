@@ -38,6 +38,8 @@ struct Options {
   uint32_t ids = 20000;
   uint32_t high = 6000;
   uint32_t low = 40;
+  // Writer restarts with a re-format, spread evenly over the run (hints).
+  uint32_t restarts = 3;
   uint64_t seed = 20240611;
   bool verbose = false;
   // Output directory of the corpus mode.
