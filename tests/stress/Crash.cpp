@@ -235,16 +235,9 @@ int runCrash(Options const& o) {
     auto w = makeSharedWriter<Record>(kTable, workloadDescriptor(o.ids));
     kestor = w->kestorId();
   }
-  RecordPipe readersUp, stopPipe;
-  std::vector<pid_t> readers;
-  for (uint32_t r = 0; r < o.readers; r++) {
-    readers.push_back(forkChild([&, r]() -> int {
-      ReaderFigures const f =
-          readUntil(kTable, o.ids, 0, o.seed + 7 + r, [&] { return stopPipe.readable(); });
-      readersUp.send(f);
-      return 0;
-    }));
-  }
+  ReaderProcesses<ReaderFigures> readers(o.readers, [&](uint32_t r, RecordPipe const& stop) {
+    return readUntil(kTable, o.ids, 0, o.seed + 7 + r, [&] { return stop.readable(); });
+  });
 
   for (uint32_t trial = 0; trial < o.trials && failures.size() < 10; trial++) {
     fig.trials++;
@@ -344,18 +337,10 @@ int runCrash(Options const& o) {
     }
   }
 
-  uint8_t stop = 1;
-  stopPipe.send(stop);
-  ReaderFigures all;
-  size_t reported = 0;
-  for (size_t i = 0; i < readers.size(); i++) {
-    ReaderFigures f;
-    if (!readersUp.receive(f)) break;
-    reported++;
-    all.add(f);
-  }
   int crashed = 0;
-  for (pid_t pid : readers) crashed += exitedWith(reap(pid), 0) ? 0 : 1;
+  ReaderFigures all;
+  std::vector<ReaderFigures> const reported = readers.stop(crashed);
+  for (ReaderFigures const& f : reported) all.add(f);
 
   std::string reasons;
   for (auto const& [r, n] : fig.reasons) reasons += fmt::format(" '{}':{}", r, n);
@@ -367,7 +352,7 @@ int runCrash(Options const& o) {
   fmt::print("crash: readers {}\n", all.toString());
   fmt::print("crash: reader crashes {} torn reads {} over {} reads\n", crashed, all.torn,
              all.reads);
-  if (reported != readers.size()) failures.push_back("a reader did not report");
+  if (reported.size() != readers.size()) failures.push_back("a reader did not report");
   if (crashed) failures.push_back(fmt::format("{} readers crashed", crashed));
   if (all.torn || all.wrongKey || all.walkDisorder) failures.push_back("readers saw wrong data");
   if (all.otherExceptions) failures.push_back("readers saw unexpected exceptions");

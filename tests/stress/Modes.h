@@ -6,9 +6,16 @@
 
 namespace Stress {
 
+// Readers against a writer that grows, compacts and shrinks.
 int runTorn(Options const& o);
+// A writer killed with SIGKILL at random moments, restarted.
 int runCrash(Options const& o);
+// Table files with random bytes flipped, then a reader and a writer.
 int runCorrupt(Options const& o);
+// The seed corpora of the fuzz targets, into o.dir.
 int runCorpus(Options const& o);
+// Readers that hold walk hints and version anchors across compaction,
+// regrowth, bucket resizes and re-formats (o.restarts writer restarts).
+int runHints(Options const& o);
 
 }  // namespace Stress

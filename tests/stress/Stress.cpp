@@ -1,6 +1,7 @@
 // Options, rows and the re-attaching reader loop of the reliability harness.
 #include "stress/Stress.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <random>
@@ -66,6 +67,8 @@ Options parseOptions(int argc, char** argv, int first) {
       o.high = parse32(name, value);
     } else if (name == "low") {
       o.low = parse32(name, value);
+    } else if (name == "restarts") {
+      o.restarts = parse32(name, value);
     } else if (name == "dir") {
       o.dir = value;
     } else if (name == "seed") {
@@ -107,6 +110,89 @@ Mirak::MapDescriptor workloadDescriptor(uint32_t size) {
   return d;
 }
 
+void WriterFigures::add(WriterFigures const& o) {
+  ops += o.ops;
+  cycles += o.cycles;
+  slotGrows += o.slotGrows;
+  compactions += o.compactions;
+  slotsMoved += o.slotsMoved;
+  bucketGrows += o.bucketGrows;
+  bucketShrinks += o.bucketShrinks;
+  mostCapacity = std::max(mostCapacity, o.mostCapacity);
+  leastCapacityAfterGrowth = std::min(leastCapacityAfterGrowth, o.leastCapacityAfterGrowth);
+  validationsFailed += o.validationsFailed;
+  kestor = o.kestor;
+  hashSeed = o.hashSeed;
+}
+
+std::string WriterFigures::toString() const {
+  return fmt::format(
+      "ops {} cycles {} slotGrows {} compactions {} slotsMoved {} capacity {} -> {} bucketGrows {} "
+      "bucketShrinks {} validationsFailed {}",
+      ops, cycles, slotGrows, compactions, slotsMoved, mostCapacity,
+      leastCapacityAfterGrowth == ~0ull ? 0 : leastCapacityAfterGrowth, bucketGrows, bucketShrinks,
+      validationsFailed);
+}
+
+void writePinned(Writer& w, uint32_t pinned, uint64_t& writes) {
+  for (uint32_t i = 0; i < pinned; i++) w.write(makeValue(i, ++writes), true);
+}
+
+WriterFigures cycleLiveSet(Writer& w, Options const& o, uint32_t pinned, uint64_t seed,
+                           uint64_t& writes, std::chrono::steady_clock::time_point end) {
+  WriterFigures f;
+  std::mt19937_64 rng(seed);
+  std::vector<uint32_t> live;
+  std::vector<int32_t> where(o.ids, -1);
+  bool growing = true;
+  for (;;) {
+    if ((f.ops & 255) == 0 && std::chrono::steady_clock::now() >= end) break;
+    f.ops++;
+    uint64_t const r = rng() % 100;
+    if (r < 30) {
+      w.write(makeValue(static_cast<uint32_t>(rng() % pinned), ++writes), true);
+    } else if (r < 45 && !live.empty()) {
+      w.write(makeValue(live[rng() % live.size()], rng()), true);
+    } else if (growing) {
+      uint32_t const id = pinned + static_cast<uint32_t>(rng() % (o.ids - pinned));
+      w.write(makeValue(id, rng()), true);
+      if (where[id] < 0) {
+        where[id] = static_cast<int32_t>(live.size());
+        live.push_back(id);
+      }
+      if (live.size() >= o.high) {
+        growing = false;
+        f.mostCapacity = std::max<uint64_t>(f.mostCapacity, w.capacity());
+      }
+    } else if (!live.empty()) {
+      size_t const at = rng() % live.size();
+      uint32_t const id = live[at];
+      Value removed;
+      w.remove(FlowTrackingTest::ipFlowKey(id), removed);
+      live[at] = live.back();
+      where[live[at]] = static_cast<int32_t>(at);
+      live.pop_back();
+      where[id] = -1;
+      if (live.size() <= o.low) {
+        growing = true;
+        f.cycles++;
+        f.leastCapacityAfterGrowth = std::min<uint64_t>(f.leastCapacityAfterGrowth, w.capacity());
+        // Every cycle ends with an audit of the table the readers read.
+        if (!w.validate()) f.validationsFailed++;
+      }
+    }
+  }
+  Mirak::Writer::Counters const c = w.writerCounters();
+  f.slotGrows = c.slotGrows;
+  f.compactions = c.slotShrinks;
+  f.slotsMoved = c.slotsMoved;
+  f.bucketGrows = c.bucketGrows;
+  f.bucketShrinks = c.bucketShrinks;
+  f.kestor = w.kestorId().value();
+  f.hashSeed = w.ops().hashSeed();
+  return f;
+}
+
 void ReaderFigures::note(std::string const& text) {
   std::snprintf(lastError, sizeof lastError, "%s", text.c_str());
 }
@@ -139,57 +225,122 @@ std::string ReaderFigures::toString() const {
       lastError[0] ? " last: " : "", lastError);
 }
 
-namespace {
+std::vector<std::string> ReaderFigures::faults() const {
+  std::vector<std::string> out;
+  if (torn || wrongKey || pinnedAbsent || walkBadPinned || walkDisorder) {
+    out.push_back("readers saw wrong data");
+  }
+  if (corruptionExceptions || otherExceptions) out.push_back("readers saw exceptions");
+  return out;
+}
 
-void takeCounters(Reader const& reader, ReaderFigures& f) {
-  Mirak::Reader::Counters const c = reader.readerCounters();
+AttachedReaders::AttachedReaders(std::string const& name, size_t count)
+    : name_(name),
+      count_(count),
+      kestorFile_(FlowTrackingTest::readerTestHandler(),
+                  Mem::NaoRootPath(FlowTrackingTest::readerTestHandler(), name, false), false) {}
+
+bool AttachedReaders::attach(ReaderFigures& f) {
+  readers_.clear();
+  for (size_t i = 0; i < count_; i++) {
+    readers_.push_back(FlowTrackingTest::makeReader<Record>(name_));
+    if (!readers_.back()->initialize("stress") ||
+        readers_.back()->kestorId() != readers_[0]->kestorId()) {
+      readers_.clear();
+      return false;
+    }
+  }
+  f.attaches++;
+  return true;
+}
+
+void AttachedReaders::detach(ReaderFigures& f) {
+  if (readers_.empty()) return;
+  Mirak::Reader::Counters const c = readers_[0]->readerCounters();
   f.retries += c.retries;
   f.lookasideReads += c.lookasideReads;
   f.resizesFollowed += c.resizesFollowed;
+  readers_.clear();
 }
 
+namespace {
+
 void walkOnce(Reader& reader, uint32_t pinned, ReaderFigures& f) {
-  std::vector<uint8_t> pinnedSeen(pinned, 0);
+  WalkCheck check(reader, pinned);
   Value v;
   Mirak::IterHint hint;
-  auto const& ops = reader.ops();
-  bool havePrev = false;
-  std::pair<uint32_t, Key> prev{};
   f.walks++;
-  for (bool ok = reader.first(v, hint); ok; ok = reader.next(v.fwkKey(), v, hint)) {
-    f.walkEntries++;
-    if (!intact(v)) {
-      f.torn++;
-      f.note(fmt::format("torn value of id {} in a walk", idOf(v.fwkKey())));
+  try {
+    for (bool ok = reader.first(v, hint); ok; ok = reader.next(v.fwkKey(), v, hint)) {
+      check.entry(v);
     }
-    std::pair<uint32_t, Key> const order{Lomi::Util::reverse(ops.hash(v.fwkKey())), v.fwkKey()};
-    if (havePrev && !(prev < order)) {
-      f.walkDisorder++;
-      f.note("walk order did not increase");
-    }
-    prev = order;
-    havePrev = true;
-    uint32_t const id = idOf(v.fwkKey());
-    if (id < pinned) pinnedSeen[id]++;
+  } catch (...) {
+    check.addTo(f, WalkCheck::End::cut);
+    throw;
   }
-  for (uint32_t i = 0; i < pinned; i++) {
-    if (pinnedSeen[i] != 1) {
-      f.walkBadPinned++;
-      f.note(fmt::format("pinned id {} seen {} times in a walk", i, pinnedSeen[i]));
-    }
-  }
+  check.addTo(f, WalkCheck::End::complete);
 }
 
 }  // namespace
+
+bool checkedLookup(Reader const& reader, uint32_t id, Value& out, ReaderFigures& f) {
+  Key const key = FlowTrackingTest::ipFlowKey(id);
+  bool found = false;
+  reader.lookup(key, found, &out);
+  f.reads++;
+  if (!found) return false;
+  if (!intact(out)) {
+    f.torn++;
+    f.note(fmt::format("torn value of id {}", id));
+  }
+  if (!(out.fwkKey() == key)) {
+    f.wrongKey++;
+    f.note(fmt::format("lookup of id {} returned id {}", id, idOf(out.fwkKey())));
+  }
+  return true;
+}
+
+WalkCheck::WalkCheck(Reader const& reader, uint32_t pinned)
+    : reader_(reader), pinnedSeen_(pinned, 0) {}
+
+void WalkCheck::entry(Value const& v) {
+  found_.walkEntries++;
+  if (!intact(v)) {
+    found_.torn++;
+    found_.note(fmt::format("torn value of id {} in a walk", idOf(v.fwkKey())));
+  }
+  std::pair<uint32_t, Key> const order{Lomi::Util::reverse(reader_.ops().hash(v.fwkKey())),
+                                       v.fwkKey()};
+  if (havePrev_ && !(prev_ < order)) {
+    found_.walkDisorder++;
+    found_.note(fmt::format("walk order did not increase at id {}", idOf(v.fwkKey())));
+  }
+  prev_ = order;
+  havePrev_ = true;
+  uint32_t const id = idOf(v.fwkKey());
+  if (id < pinnedSeen_.size() && pinnedSeen_[id] < 255) pinnedSeen_[id]++;
+}
+
+void WalkCheck::addTo(ReaderFigures& f, End end) const {
+  f.walkEntries += found_.walkEntries;
+  f.torn += found_.torn;
+  if (end != End::crossedReformat) f.walkDisorder += found_.walkDisorder;
+  if (found_.lastError[0] && (end != End::crossedReformat || found_.torn)) f.note(found_.lastError);
+  if (end == End::complete) {
+    for (uint32_t i = 0; i < pinnedSeen_.size(); i++) {
+      if (pinnedSeen_[i] != 1) {
+        f.walkBadPinned++;
+        f.note(fmt::format("pinned id {} seen {} times in a walk", i, pinnedSeen_[i]));
+      }
+    }
+  }
+}
 
 ReaderFigures readUntil(std::string const& name, uint32_t ids, uint32_t pinned, uint64_t seed,
                         std::function<bool()> const& stop) {
   ReaderFigures f;
   std::mt19937_64 rng(seed);
-  std::unique_ptr<Reader> reader;
-  Parcel::KestorFile const kestorFile(
-      FlowTrackingTest::readerTestHandler(),
-      Mem::NaoRootPath(FlowTrackingTest::readerTestHandler(), name, false), false);
+  AttachedReaders reader(name, 1);
   uint64_t n = 0;
   // After damage a reader waits for the next generation before it attaches
   // again, as a sentry does: the damaged files are only replaced when the next
@@ -198,72 +349,48 @@ ReaderFigures readUntil(std::string const& name, uint32_t ids, uint32_t pinned, 
   Parcel::KestorId damaged;
   std::chrono::steady_clock::time_point damagedAt;
   while (!stop()) {
-    if (!reader && !damaged.isZero() && kestorFile.read() == damaged &&
+    if (!reader.attached() && !damaged.isZero() && reader.current() == damaged &&
         std::chrono::steady_clock::now() - damagedAt < std::chrono::seconds(5)) {
       ::poll(nullptr, 0, 1);
       continue;
     }
-    if (!reader) {
+    if (!reader.attached()) {
       damaged = Parcel::KestorId();
-      reader = FlowTrackingTest::makeReader<Record>(name);
-      if (!reader->initialize("stress")) {
-        // The writer is formatting: its kestor file comes last.
-        reader.reset();
+      if (!reader.attach(f)) {
         ::poll(nullptr, 0, 1);
         continue;
       }
-      f.attaches++;
     }
     try {
       for (int i = 0; i < 256; i++, n++) {
         if (n % 4096 == 4095) {
-          walkOnce(*reader, pinned, f);
+          walkOnce(reader[0], pinned, f);
           continue;
         }
         uint32_t const id =
             pinned > 0 && rng() % 2 == 0 ? rng() % pinned : static_cast<uint32_t>(rng() % ids);
-        Key const key = FlowTrackingTest::ipFlowKey(id);
         Value buffer;
-        bool found = false;
-        Value const* p = reader->lookup(key, found, &buffer);
-        f.reads++;
-        if (!found) {
-          if (id < pinned) {
-            f.pinnedAbsent++;
-            f.note(fmt::format("pinned id {} reported absent", id));
-          }
-          continue;
-        }
-        if (!intact(*p)) {
-          f.torn++;
-          f.note(fmt::format("torn value of id {}", id));
-        }
-        if (!(p->fwkKey() == key)) {
-          f.wrongKey++;
-          f.note(fmt::format("lookup of id {} returned id {}", id, idOf(p->fwkKey())));
+        if (!checkedLookup(reader[0], id, buffer, f) && id < pinned) {
+          f.pinnedAbsent++;
+          f.note(fmt::format("pinned id {} reported absent", id));
         }
       }
       // A re-format made new files under a new generation; this reader's
       // mappings are of the old ones.
-      if (kestorFile.read() != reader->kestorId()) {
-        takeCounters(*reader, f);
-        reader.reset();
-      }
+      if (reader.replaced()) reader.detach(f);
     } catch (Lomi::CorruptionDetectedException const& e) {
       f.corruptionExceptions++;
       f.note(e.what());
-      takeCounters(*reader, f);
-      damaged = reader->kestorId();
+      damaged = reader[0].kestorId();
       damagedAt = std::chrono::steady_clock::now();
-      reader.reset();
+      reader.detach(f);
     } catch (std::exception const& e) {
       f.otherExceptions++;
       f.note(e.what());
-      takeCounters(*reader, f);
-      reader.reset();
+      reader.detach(f);
     }
   }
-  if (reader) takeCounters(*reader, f);
+  reader.detach(f);
   return f;
 }
 

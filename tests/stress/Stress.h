@@ -7,6 +7,7 @@
 // of another sees a wrong checksum, so torn reads are counted, not guessed.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -37,6 +38,8 @@ struct Options {
   uint32_t ids = 20000;
   uint32_t high = 6000;
   uint32_t low = 40;
+  // Writer restarts with a re-format, spread evenly over the run (hints).
+  uint32_t restarts = 3;
   uint64_t seed = 20240611;
   bool verbose = false;
   // Output directory of the corpus mode.
@@ -61,6 +64,39 @@ inline uint32_t idOf(Key const& k) {
 // compaction and bucket shrink on.
 Mirak::MapDescriptor workloadDescriptor(uint32_t size);
 
+// What a writer process did; sent up a pipe, so plain data only.
+struct WriterFigures {
+  uint64_t ops = 0;
+  uint64_t cycles = 0;
+  uint64_t slotGrows = 0;
+  uint64_t compactions = 0;
+  uint64_t slotsMoved = 0;
+  uint64_t bucketGrows = 0;
+  uint64_t bucketShrinks = 0;
+  uint64_t mostCapacity = 0;
+  uint64_t leastCapacityAfterGrowth = ~0ull;
+  uint64_t validationsFailed = 0;
+  // The generation and hash seed of the table it wrote.
+  uint32_t kestor = 0;
+  uint32_t hashSeed = 0;
+  // Sums the counts; the generation is the newer one's.
+  void add(WriterFigures const& o);
+  std::string toString() const;
+};
+
+// Writes every pinned id (below `pinned`) once. Each write of a pinned id,
+// here and in cycleLiveSet, takes `++writes` as its packets: a reader can
+// tell an older value of a pinned id from a newer one.
+void writePinned(Writer& w, uint32_t pinned, uint64_t& writes);
+
+// The writer's workload until `end`: inserts, overwrites and removes that
+// swing the live set between o.low and o.high ids of [pinned, o.ids), with
+// overwrites of the pinned ids in between, so that the table grows its slots
+// and buckets, compacts and halves them, and regrows into the slots it cut.
+// Every cycle ends with a validation of the table.
+WriterFigures cycleLiveSet(Writer& w, Options const& o, uint32_t pinned, uint64_t seed,
+                           uint64_t& writes, std::chrono::steady_clock::time_point end);
+
 // What a reader process saw; sent up a pipe, so plain data only.
 struct ReaderFigures {
   uint64_t reads = 0;
@@ -81,6 +117,63 @@ struct ReaderFigures {
   void note(std::string const& text);
   void add(ReaderFigures const& o);
   std::string toString() const;
+  // "readers saw wrong data" and "readers saw exceptions", as they apply.
+  std::vector<std::string> faults() const;
+};
+
+// One lookup of `id` and its checks: a torn value or another key than
+// asked for is counted in `f`. Returns whether the id was found; the value
+// read is in `out`.
+bool checkedLookup(Reader const& reader, uint32_t id, Value& out, ReaderFigures& f);
+
+// The checks of one walk: every value whole, the order strictly increasing
+// by (reversed hash, key), and each pinned id met exactly once. It keeps its
+// findings until addTo, which adds what the walk's end allows.
+class WalkCheck {
+ public:
+  enum class End {
+    // It may have crossed a re-format: only its torn values count.
+    crossedReformat,
+    // An exception ended it: the order of what it returned still counts.
+    cut,
+    complete,
+  };
+  WalkCheck(Reader const& reader, uint32_t pinned);
+  void entry(Value const& v);
+  void addTo(ReaderFigures& f, End end) const;
+
+ private:
+  Reader const& reader_;
+  std::vector<uint8_t> pinnedSeen_;
+  bool havePrev_ = false;
+  std::pair<uint32_t, Key> prev_{};
+  ReaderFigures found_;
+};
+
+// Reader objects of table `name` on one generation of its files: attached
+// together and let go together, as a sentry does when the kestor file names
+// another generation (the writer re-formatted).
+class AttachedReaders {
+ public:
+  AttachedReaders(std::string const& name, size_t count);
+  // Attaches every object, or none while the writer is formatting (its kestor
+  // file comes last) or the objects would see different generations. Counts
+  // an attach in `f`.
+  bool attach(ReaderFigures& f);
+  // Adds the first object's counters to `f` and lets go of every object.
+  void detach(ReaderFigures& f);
+  bool attached() const { return !readers_.empty(); }
+  Reader& operator[](size_t i) const { return *readers_[i]; }
+  // The generation the kestor file names now.
+  Parcel::KestorId current() const { return kestorFile_.read(); }
+  // Whether the kestor file names another generation than the one attached.
+  bool replaced() const { return current() != readers_[0]->kestorId(); }
+
+ private:
+  std::string name_;
+  size_t count_;
+  Parcel::KestorFile const kestorFile_;
+  std::vector<std::unique_ptr<Reader>> readers_;
 };
 
 // Reads `name` until `stop()`: lookups of random ids in [0, ids), and a walk
@@ -90,6 +183,37 @@ struct ReaderFigures {
 // never be absent while the reader is attached, when `pinned` > 0.
 ReaderFigures readUntil(std::string const& name, uint32_t ids, uint32_t pinned, uint64_t seed,
                         std::function<bool()> const& stop);
+
+// The reader processes of a mode: reader r runs `body(r, stop)`, which
+// returns once `stop` is readable, and sends up what it returned.
+template <typename Figures>
+class ReaderProcesses {
+ public:
+  using Body = std::function<Figures(uint32_t, FlowTrackingTest::RecordPipe const&)>;
+  ReaderProcesses(uint32_t n, Body const& body) {
+    for (uint32_t r = 0; r < n; r++) {
+      pids_.push_back(
+          FlowTrackingTest::forkChild([&, r] { return up_.send(body(r, stop_)) ? 0 : 3; }));
+    }
+  }
+  // Stops every reader and returns what those that reported by the deadline
+  // sent; `crashed` counts the readers that did not exit cleanly.
+  std::vector<Figures> stop(int& crashed) {
+    uint8_t const token = 1;
+    stop_.send(token);
+    std::vector<Figures> all;
+    for (Figures f; all.size() < pids_.size() && up_.receive(f);) all.push_back(f);
+    for (pid_t pid : pids_) {
+      crashed += FlowTrackingTest::exitedWith(FlowTrackingTest::reap(pid), 0) ? 0 : 1;
+    }
+    return all;
+  }
+  size_t size() const { return pids_.size(); }
+
+ private:
+  FlowTrackingTest::RecordPipe up_, stop_;
+  std::vector<pid_t> pids_;
+};
 
 // Collects the lines the table handler traces at levels 0 and 1 while it
 // lives: a writer's start says there whether it adopted and why it did not.

@@ -3,6 +3,8 @@
 //   crash    a writer killed with SIGKILL at random moments, restarted
 //   corrupt  table files with random bytes flipped, then a reader and a writer
 //   corpus   the seed corpora of the fuzz targets, into --dir
+//   hints    readers that hold walk hints and version anchors across
+//            compaction, regrowth, bucket resizes and re-formats (--restarts)
 // Exit code 0 when every check of the mode held, 1 when one failed, 2 on bad
 // usage.
 #include <cstdio>
@@ -17,9 +19,11 @@ namespace {
 
 void usage() {
   std::fprintf(stderr,
-               "usage: stress torn|crash|corrupt|corpus [--seconds S] [--trials N] [--cases N]\n"
-               "              [--readers N] [--ids N] [--high N] [--low N] [--seed N] "
-               "[--dir D] [--verbose]\n");
+               "usage: stress torn|crash|corrupt|corpus|hints [--seconds S] [--trials N] "
+               "[--cases N]\n"
+               "              [--readers N] [--ids N] [--high N] [--low N] [--restarts N] "
+               "[--seed N]\n"
+               "              [--dir D] [--verbose]\n");
 }
 
 }  // namespace
@@ -42,6 +46,7 @@ int main(int argc, char** argv) {
   if (mode == "crash") return Stress::runCrash(options);
   if (mode == "corrupt") return Stress::runCorrupt(options);
   if (mode == "corpus") return Stress::runCorpus(options);
+  if (mode == "hints") return Stress::runHints(options);
   std::fprintf(stderr, "stress: unknown mode '%s'\n", mode.c_str());
   usage();
   return 2;
