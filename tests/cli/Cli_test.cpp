@@ -2,6 +2,7 @@
 // process made and keeps open while the tool reads them.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -120,6 +121,20 @@ class Cli : public ::testing::Test {
   static Result run(std::vector<std::string> args, bool withRoot = true) {
     if (withRoot) args.insert(args.begin(), {"--root", root_});
     return CliTest::runTool(std::move(args), root_ + "/../" + fs::path(root_).filename().string());
+  }
+
+  // Runs the tool with --root `root` and `args`.
+  static Result runAt(std::string const& root, std::vector<std::string> args) {
+    args.insert(args.begin(), {"--root", root});
+    return CliTest::runTool(std::move(args), root_ + "-run");
+  }
+
+  // A copy of the writer's table files in `dir`, made with its parents.
+  static void copyTableTo(std::string const& dir) {
+    fs::create_directories(dir);
+    for (auto const& e : fs::directory_iterator(root_ + "/" + kTable)) {
+      if (e.is_regular_file()) fs::copy_file(e.path(), dir / e.path().filename());
+    }
   }
 
   static std::string root_;
@@ -370,6 +385,144 @@ TEST_F(Cli, TracesGoToStderrWhenAsked) {
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_EQ(lines(r.out).size(), 1u);
   EXPECT_NE(r.err.find("MirakReader"), std::string::npos) << r.err;
+}
+
+// Collects the tool's output streams and tells which of them a terminal or a
+// JSON reader would choke on: each must be well-formed UTF-8 without a raw
+// control character (C0 but newline, DEL, C1), and a JSON one must be one
+// valid JSON document. The checker is independent of the tool: Python's own
+// decoder and JSON parser, run once over all streams.
+class StreamChecker {
+ public:
+  explicit StreamChecker(std::string dir) : dir_(std::move(dir)) { fs::create_directories(dir_); }
+  ~StreamChecker() { fs::remove_all(dir_); }
+
+  void add(std::string const& label, std::string const& bytes, bool json) {
+    std::string const file = std::to_string(labels_.size()) + (json ? ".json" : ".text");
+    std::ofstream(dir_ + "/" + file, std::ios::binary) << bytes;
+    labels_.push_back(label + (json ? " (JSON)" : "") + ":\n" + bytes);
+  }
+
+  // One line per stream that fails: its label, bytes and what is wrong.
+  std::string faults() const {
+    std::string const report = dir_ + ".report";
+    std::string const command =
+        "python3 -c '"
+        "import json, os, sys\n"
+        "for f in os.listdir(sys.argv[1]):\n"
+        "  try:\n"
+        "    t = open(os.path.join(sys.argv[1], f), \"rb\").read().decode(\"utf-8\")\n"
+        "    bad = [c for c in t if (c < \" \" and c != \"\\n\") or \"\\x7f\" <= c <= \"\\x9f\"]\n"
+        "    if bad: raise ValueError(\"raw control character %r\" % bad[0])\n"
+        "    if f.endswith(\".json\"): json.loads(t)\n"
+        "  except Exception as e: print(f.split(\".\")[0], repr(e).replace(\"\\n\", \" \"))\n"
+        "' " +
+        dir_ + " > " + report + " 2>&1";
+    int const status = std::system(command.c_str());
+    std::string out;
+    std::stringstream lines(slurp(report));
+    fs::remove(report);
+    for (std::string l; std::getline(lines, l);) {
+      size_t const n = std::strtoul(l.c_str(), nullptr, 10);
+      out += (n < labels_.size() ? labels_[n] : "?") + "\n  -> " + l + "\n";
+    }
+    if (status != 0) out += "python3 failed: " + std::to_string(status) + "\n";
+    return out;
+  }
+
+ private:
+  std::string dir_;
+  std::vector<std::string> labels_;
+};
+
+// Table directories that a neighbour on shared ground or a damaged disk left
+// behind, under names and with contents that try the tool's output: every
+// command answers with the exit code it owes, stdout and stderr carry no raw
+// control byte and stay UTF-8, and --json stdout is one JSON document.
+TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
+  auto nothing = [](std::string const&) {};
+  enum { ls, show, dump, check, get };
+  struct Case {
+    char const* what;
+    std::string name;  // of the table directory under a root of its own
+    std::function<void(std::string const&)> plant;
+    int code[5];         // of ls, show, dump, check, get (a key not there)
+    char const* lsText;  // in ls's stdout
+    char const* lsJson;  // in ls --json's stdout
+  };
+  Case const cases[] = {
+      {"controlName",
+       "t\x1b[31m\x07\x7f\xc2\x9b",
+       nothing,
+       {0, 0, 0, 0, 1},
+       "t\\x1b[31m\\x07\\x7f\\xc2\\x9b ",
+       "\"t\\u001b[31m\\u0007\\u007f\\u009b\""},
+      {"invalidUtf8Name",
+       "bad\xff\xfe\xc3(\xed\xa0\x80",
+       nothing,
+       {0, 0, 0, 0, 1},
+       "bad\\xff\\xfe\\xc3(\\xed\\xa0\\x80 ",
+       "\"bad\\ufffd\\ufffd\\ufffd(\\ufffd\\ufffd\\ufffd\""},
+      {"hostileValueType",
+       "type",
+       [](std::string const& dir) {
+         std::fstream f(dir + "/slots", std::ios::in | std::ios::out | std::ios::binary);
+         f.seekp(20);
+         char const type[] = "Flow\x1b]0;owned\x07\xc3(\x9b";
+         f.write(type, sizeof type);
+       },
+       {0, 1, 1, 1, 1},
+       "Flow\\x1b]0;owned\\x07\\xc3(\\x9b ",
+       "\"Flow\\u001b]0;owned\\u0007\\ufffd(\\ufffd\""},
+      {"truncatedSlots",
+       "cut",
+       [](std::string const& dir) { fs::resize_file(dir + "/slots", 1000); },
+       {0, 1, 1, 1, 1},
+       "",
+       ""},
+      {"loopedChain",
+       "loop",
+       [](std::string const& dir) {
+         std::fstream f(dir + "/slots", std::ios::in | std::ios::out | std::ios::binary);
+         uint32_t const self = 0;
+         f.seekp(688 + 4);
+         f.write(reinterpret_cast<char const*>(&self), sizeof self);
+       },
+       {0, 0, 1, 1, 1},
+       "",
+       ""},
+  };
+  std::string const absentKey = FlowTracking::valueToStrep(row(kRows).key()).stdString();
+  std::string const base = root_ + "-hostile";
+  StreamChecker streams(root_ + "-streams");
+  for (Case const& c : cases) {
+    std::string const root = base + "/" + c.what;
+    std::string const dir = root + "/" + c.name;
+    copyTableTo(dir);
+    c.plant(dir);
+    for (int command : {ls, show, dump, check, get}) {
+      char const* const names[] = {"ls", "show", "dump", "check", "get"};
+      for (bool json : {false, true}) {
+        std::vector<std::string> args;
+        if (json) args.push_back("--json");
+        args.push_back(names[command]);
+        if (command != ls) args.push_back(c.name);
+        if (command == get) args.push_back(absentKey);
+        Result const r = runAt(root, args);
+        std::string const at = std::string(c.what) + " " + names[command] + (json ? " --json" : "");
+        EXPECT_EQ(r.code, c.code[command]) << at << "\n" << r.out << r.err;
+        streams.add(at + " stdout", r.out, json);
+        streams.add(at + " stderr", r.err, false);
+        if (command != ls) continue;
+        std::string const shown = json ? c.lsJson : c.lsText;
+        EXPECT_NE(r.out.find(shown), std::string::npos) << at << " wants " << shown << "\n"
+                                                        << r.out;
+      }
+    }
+    EXPECT_FALSE(fs::exists(dir + "/corruption-detected")) << c.what;
+  }
+  EXPECT_EQ(streams.faults(), "");
+  fs::remove_all(base);
 }
 
 }  // namespace

@@ -9,6 +9,13 @@
 //
 // The tool reads tables as a lock-free reader and never writes into them;
 // `check` validates a private copy of the files in a temporary directory.
+//
+// Output. What the files say (names, type names, headers, rows, errors) is
+// escaped as Text.h tells, in text and in JSON. With --json, stdout holds one
+// JSON document whatever happens: the data, or {"error": "..."} when the
+// command fails before it has any (usage errors too); `dump`, which streams
+// its array, closes it on a failure after the first row with a last element
+// {"error": "..."}. Errors are also written to stderr, one line each.
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,6 +34,7 @@
 #include "Mem/RootPath.h"
 #include "Mirak/Util.h"
 #include "TableAccess.h"
+#include "Text.h"
 #include "Zeb/Module.h"
 #include "Zeb/Strep.h"
 
@@ -86,33 +94,6 @@ void usage(std::FILE* out, std::string const& command = {}) {
   fmt::print(out, fmt::runtime(kGlobal), Mem::RootPath::kDefaultBase);
 }
 
-std::string jsonString(std::string_view s) {
-  std::string out = "\"";
-  for (char c : s) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-        } else {
-          out += c;
-        }
-    }
-  }
-  return out + "\"";
-}
-
 struct Options {
   std::string root = Mem::RootPath::kDefaultBase;
   bool rootGiven = false;
@@ -133,12 +114,21 @@ uint64_t parseCount(std::string const& flag, std::string const& text) {
   return v;
 }
 
-Options parse(int argc, char** argv) {
-  Options o;
+// Reads the command line into `o`. The first mistake is thrown as a
+// UsageError after the whole line is read, so that `o.json` says how to
+// report it.
+void parse(int argc, char** argv, Options& o) {
+  std::string mistake;
+  auto fail = [&](std::string text) {
+    if (mistake.empty()) mistake = std::move(text);
+  };
   for (int i = 1; i < argc; ++i) {
     std::string const a = argv[i];
     auto value = [&](char const* flag) {
-      if (i + 1 >= argc) throw UsageError(fmt::format("{} needs a value", flag));
+      if (i + 1 >= argc) {
+        fail(fmt::format("{} needs a value", flag));
+        return std::string();
+      }
       return std::string(argv[++i]);
     };
     if (a == "--help" || a == "-h") {
@@ -151,19 +141,19 @@ Options parse(int argc, char** argv) {
     } else if (a == "--trace") {
       std::string const setting = value("--trace");
       if (!Lomi::Platform::traceSettingIs(setting)) {
-        throw UsageError(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", setting));
+        fail(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", setting));
       }
     } else if (a == "--limit" || a == "--flows") {
       o.flags[a] = value(a.c_str());
     } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
-      throw UsageError(fmt::format("unknown option {}", a));
+      fail(fmt::format("unknown option {}", a));
     } else if (o.command.empty()) {
       o.command = a;
     } else {
       o.args.push_back(a);
     }
   }
-  return o;
+  if (!mistake.empty()) throw UsageError(mistake);
 }
 
 void wantArgs(Options const& o, size_t n) {
@@ -179,6 +169,15 @@ void allowFlags(Options const& o, std::initializer_list<char const*> allowed) {
     for (char const* a : allowed) ok = ok || flag == a;
     if (!ok) throw UsageError(fmt::format("{} has no option {}", o.command, flag));
   }
+}
+
+// Reports a failure that ends the command: one line on stderr and, with
+// --json, the error object on stdout (nothing else has been written there:
+// the commands print their documents whole, and `dump` closes its own).
+int fail(Options const& o, std::string const& why, int code) {
+  fmt::print(stderr, "flowtable: {}\n", printable(why));
+  if (o.json) fmt::print("{{\"error\": {}}}\n", jsonString(why));
+  return code;
 }
 
 // --- commands -------------------------------------------------------------------
@@ -209,15 +208,15 @@ int cmdLs(Options const& o) {
              "ENTRIES", "CAPACITY", "MAX", "KESTOR", "WRITER", "ALIVE", "BYTES");
   for (auto const& t : tables) {
     if (!t.header) {
-      fmt::print("{:<48} unreadable: {}\n", t.name, t.headerError);
+      fmt::print("{:<48} unreadable: {}\n", printable(t.name), printable(t.headerError));
       continue;
     }
-    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", t.name,
-               t.header->valueType, t.header->occupiedSlots, t.header->numSlots.value,
+    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", printable(t.name),
+               printable(t.header->valueType), t.header->occupiedSlots, t.header->numSlots.value,
                t.header->maxSlots, Parcel::KestorId(t.kestor), t.writerPid,
                t.writerAlive ? "yes" : "no", t.bytesOnDisk);
   }
-  if (tables.empty()) fmt::print(stderr, "no tables under {}\n", o.root);
+  if (tables.empty()) fmt::print(stderr, "no tables under {}\n", printable(o.root));
   return kOk;
 }
 
@@ -259,8 +258,8 @@ int cmdShow(Options const& o) {
   }
   fmt::print(
       "table {}\nvalue type {}\nentries {}\nwriter pid {} ({})\n\n{}\n\nreader counters: {}\n",
-      s.name, s.header->valueType, table->members(), s.writerPid,
-      s.writerAlive ? "alive" : "not alive", headers, counters);
+      printable(s.name), printable(s.header->valueType), table->members(), s.writerPid,
+      s.writerAlive ? "alive" : "not alive", printable(headers, true), printable(counters));
   return kOk;
 }
 
@@ -275,22 +274,32 @@ int cmdDump(Options const& o) {
   Zeb::AttributeInfo const* text = type.attribute("mirakString");
   bool first = true;
   if (o.json) fmt::print("[");
-  uint64_t const n = table->walk(limit, [&](void const* record) {
-    Zeb::String const strep = table->strep(record);
-    if (!o.json) {
-      fmt::print("{}\n", strep);
-      return;
-    }
-    Zeb::String trace;
-    if (text) {
-      Zeb::attributeOp(type, &trace, const_cast<void*>(record), text->id, Zeb::GenericIf::opCall);
-    }
-    fmt::print("{}\n  {{\"type\": {}, \"strep\": {}, \"text\": {}}}", first ? "" : ",",
-               jsonString(type.name), jsonString(strep), jsonString(trace));
-    first = false;
-  });
+  uint64_t n = 0;
+  try {
+    n = table->walk(limit, [&](void const* record) {
+      Zeb::String const strep = table->strep(record);
+      if (!o.json) {
+        fmt::print("{}\n", printable(strep));
+        return;
+      }
+      Zeb::String trace;
+      if (text) {
+        Zeb::attributeOp(type, &trace, const_cast<void*>(record), text->id, Zeb::GenericIf::opCall);
+      }
+      fmt::print("{}\n  {{\"type\": {}, \"strep\": {}, \"text\": {}}}", first ? "" : ",",
+                 jsonString(type.name), jsonString(strep), jsonString(trace));
+      first = false;
+    });
+  } catch (std::exception const& e) {
+    // The rows so far are out; the array they are in is closed with the
+    // reason as its last element, so the output stays one JSON document.
+    std::string const why = e.what();
+    if (o.json) fmt::print("{}\n  {{\"error\": {}}}\n]\n", first ? "" : ",", jsonString(why));
+    fmt::print(stderr, "flowtable: {}\n", printable(why));
+    return kFailure;
+  }
   if (o.json) fmt::print("\n]\n");
-  fmt::print(stderr, "{} rows of {}\n", n, s.name);
+  fmt::print(stderr, "{} rows of {}\n", n, printable(s.name));
   return kOk;
 }
 
@@ -306,16 +315,13 @@ int cmdGet(Options const& o) {
   } catch (Zeb::RangeException const& e) {
     throw UsageError(fmt::format("KEY is not a key of {}: {}", s.name, e.msg()));
   }
-  if (!found) {
-    fmt::print(stderr, "flowtable: no row with that key in {}\n", s.name);
-    return kFailure;
-  }
+  if (!found) return fail(o, fmt::format("no row with that key in {}", s.name), kFailure);
   Zeb::String const strep = table->strep(record.data());
   if (o.json) {
     fmt::print("{{\"type\": {}, \"strep\": {}}}\n", jsonString(table->rowType().name),
                jsonString(strep));
   } else {
-    fmt::print("{}\n", strep);
+    fmt::print("{}\n", printable(strep));
   }
   return kOk;
 }
@@ -365,7 +371,7 @@ int cmdCheck(Options const& o) {
   } else if (ok) {
     fmt::print("OK\n");
   } else {
-    fmt::print("{}\n", error);
+    fmt::print("{}\n", printable(error));
   }
   if (!ok && s.writerAlive) {
     fmt::print(stderr,
@@ -381,7 +387,11 @@ int cmdCheck(Options const& o) {
 int cmdDemo(Options& o) {
   wantArgs(o, 0);
   allowFlags(o, {"--flows"});
-  if (o.json) throw UsageError("demo has no --json output");
+  if (o.json) {
+    // The demo writes no JSON, its refusal included: stdout stays empty.
+    o.json = false;
+    throw UsageError("demo has no --json output");
+  }
   uint64_t const flows =
       o.flags.count("--flows") ? parseCount("--flows", o.flags.at("--flows")) : 100000;
   // Fewer flows than a thousand keep the tables at their smallest size, where
@@ -418,7 +428,7 @@ int cmdDemo(Options& o) {
 int main(int argc, char** argv) {
   Options o;
   try {
-    o = parse(argc, argv);
+    parse(argc, argv, o);
     if (o.help) {
       usage(stdout, o.command);
       return kOk;
@@ -442,16 +452,12 @@ int main(int argc, char** argv) {
     if (o.command == "check") return cmdCheck(o);
     throw UsageError(fmt::format("unknown command '{}'", o.command));
   } catch (UsageError const& e) {
-    fmt::print(stderr, "flowtable: {}\n", e.what());
+    int const code = fail(o, e.what(), kUsage);
     bool known = false;
     for (auto const& c : commands) known = known || o.command == c.name;
     usage(stderr, known ? o.command : std::string());
-    return kUsage;
-  } catch (Lomi::Exception const& e) {
-    fmt::print(stderr, "flowtable: {}\n", e.msg());
-    return kFailure;
+    return code;
   } catch (std::exception const& e) {
-    fmt::print(stderr, "flowtable: {}\n", e.what());
-    return kFailure;
+    return fail(o, e.what(), kFailure);
   }
 }
