@@ -2,6 +2,7 @@
 // process made and keeps open while the tool reads them.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -123,10 +124,11 @@ class Cli : public ::testing::Test {
     return CliTest::runTool(std::move(args), root_ + "/../" + fs::path(root_).filename().string());
   }
 
-  // Runs the tool with --root `root` and `args`.
-  static Result runAt(std::string const& root, std::vector<std::string> args) {
+  // Runs the tool with --root `root` and `args`; `inChild` as in runTool.
+  static Result runAt(std::string const& root, std::vector<std::string> args,
+                      std::function<void()> const& inChild = nullptr) {
     args.insert(args.begin(), {"--root", root});
-    return CliTest::runTool(std::move(args), root_ + "-run");
+    return CliTest::runTool(std::move(args), root_ + "-run", inChild);
   }
 
   // A copy of the writer's table files in `dir`, made with its parents.
@@ -523,6 +525,64 @@ TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
   }
   EXPECT_EQ(streams.faults(), "");
   fs::remove_all(base);
+}
+
+// `check` copies what it validates and nothing more: a planted file is not
+// copied, a table file only up to the size its header says is mapped (holes
+// stay holes), and a table file that is no regular file is refused with the
+// reason. The tool runs with a file size limit far below the planted sizes,
+// which kills it (SIGXFSZ) the moment it writes past it, and with a private
+// TMPDIR that it leaves empty.
+TEST_F(Cli, CheckCopiesOnlyTheTablesFilesUpToTheirMappedSize) {
+  constexpr uint64_t kLimit = 64 << 20, kPlanted = uint64_t(1) << 30;
+  auto sparse = [&](char const* file) {
+    return
+        [file, kPlanted](std::string const& dir) { fs::resize_file(dir + "/" + file, kPlanted); };
+  };
+  auto planted = [&](std::string const& dir) {
+    std::ofstream(dir + "/junk");
+    fs::resize_file(dir + "/junk", kPlanted);
+  };
+  struct Case {
+    char const* what;
+    std::function<void(std::string const&)> plant;
+    int code;
+    char const* out;  // in stdout
+  };
+  Case const cases[] = {
+      {"plantedFile", planted, 0, "OK\n"},
+      {"longSlots", sparse("slots"), 0, "OK\n"},
+      {"longBuckets", sparse("buckets"), 0, "OK\n"},
+      {"longQueue", sparse("tessel.1"), 0, "OK\n"},
+      {"longKestor", sparse("kestor"), 1, "kestor"},
+      {"tesselFifo",
+       [](std::string const& dir) {
+         fs::remove(dir + "/tessel");
+         ASSERT_EQ(::mkfifo((dir + "/tessel").c_str(), 0666), 0);
+       },
+       1, "tessel is a FIFO"},
+  };
+  std::string const base = root_ + "-check";
+  std::string const tmp = base + "-tmp";
+  fs::create_directories(tmp);
+  auto const limits = [&] {
+    rlimit const fsize{kLimit, kLimit};
+    ::setrlimit(RLIMIT_FSIZE, &fsize);
+    ::setenv("TMPDIR", tmp.c_str(), 1);
+  };
+  for (Case const& c : cases) {
+    std::string const name = c.what;
+    copyTableTo(base + "/" + name);
+    c.plant(base + "/" + name);
+    Result const r = runAt(base, {"check", name}, limits);
+    EXPECT_EQ(r.code, c.code) << c.what << (r.code == 128 + SIGXFSZ ? " copied too much" : "")
+                              << "\n"
+                              << r.out << r.err;
+    EXPECT_NE(r.out.find(c.out), std::string::npos) << c.what << "\n" << r.out;
+    EXPECT_TRUE(fs::is_empty(tmp)) << c.what;
+  }
+  fs::remove_all(base);
+  fs::remove_all(tmp);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -16,12 +17,18 @@
 #include "FlowTracking/TableWriters.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
+#include "Lomi/Util.h"
+#include "Mem/Error.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedGround.h"
 #include "Mem/WriterLock.h"
 #include "Mirak/IterHint.h"
+#include "Mirak/SlotLink.h"
+#include "MirakCore/BucketTable.h"
+#include "MirakCore/BucketWriter.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/OwnerFile.h"
+#include "Tessel/TesselFormat.h"
 
 namespace FlowtableCli {
 
@@ -34,6 +41,21 @@ Lomi::Platform::DebugHandler& handler() {
 }
 
 constexpr char kSlotFile[] = "slots";
+
+// Closes on scope exit.
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  Fd(Fd const&) = delete;
+  Fd& operator=(Fd const&) = delete;
+  ~Fd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
 
 // The fixed part of the slot header, read with one pread: no mapping, and so
 // nothing that a writer's resize could pull away.
@@ -182,6 +204,7 @@ class Table final : public AnyTable {
   }
 
   std::string dumpHeaders() const override { return reader().dumpHeaders(); }
+  uint32_t slotSize() const override { return Mirak::SlotGeometry<Value>::slotSize; }
   std::string readerCounters() const override { return reader().readerCounters().toString(); }
   uint32_t members() const override { return reader().members(); }
 
@@ -260,19 +283,138 @@ std::unique_ptr<AnyTable> openTable(std::string const& valueType, std::string co
                                          name, valueType);
 }
 
-void copyTable(std::string const& from, std::string const& to) {
+namespace {
+
+// Bytes of the kestor and owner records copied at most: a page, more than
+// either record (16 and 512 bytes), so a record that is too long stays too
+// long in the copy and fails there as it would in place.
+constexpr uint64_t kRecordCopyLimit = 4096;
+
+// Reads `size` bytes at `offset`; false when the file is shorter.
+bool readAt(int fd, void* into, size_t size, off_t offset) {
+  return ::pread(fd, into, size, offset) == static_cast<ssize_t>(size);
+}
+
+// How many bytes of the table file `name` (open at `fd`) a validation reads:
+// what its header says the writer maps. A header that is cut short, or that
+// holds a size the format cannot have, gives just the header: enough for the
+// validation to say what is wrong with it. `mostSlots` is the slot header's.
+uint64_t copyLimit(std::string const& name, int fd, std::string const& path, uint32_t slotSize,
+                   uint32_t mostSlots) {
+  using Buckets = MirakCore::BucketTable<Mirak::SlotLink>;
+  // `size` of a header `h` read from the file's start, or the header's size.
+  auto sized = [&](auto& h, uint64_t headerSize, auto size) -> uint64_t {
+    if (!readAt(fd, &h, sizeof h, 0)) return headerSize;
+    try {
+      return size();
+    } catch (Lomi::RuntimeException const&) {
+      return headerSize;
+    }
+  };
+  if (name == kSlotFile) {
+    uint64_t const headerSize = Mirak::SlotTable::kHeaderFixedSize + slotSize;
+    Mirak::SlotTable::Header h;
+    return sized(h, headerSize, [&] {
+      return Lomi::Util::fileSizeHelper(h.numSlots.value, slotSize, headerSize);
+    });
+  }
+  if (name == MirakCore::BucketWriter<Mirak::SlotLink>::kFileName) {
+    Buckets::Header h;
+    return sized(h, sizeof h, [&] {
+      uint32_t const count = h.numBuckets.value;
+      return count == 0 || count > Buckets::kMaxNumBuckets ? sizeof h
+                                                           : Buckets::Header::mapSize(count);
+    });
+  }
+  if (name == Tessel::kHeaderFileName) {
+    Tessel::TesselHeader h;
+    // The writer attaches the queue for the slot file's mostSlots.
+    return sized(h, sizeof h,
+                 [&] { return Tessel::headerFileSize(std::max(h.mostSlots, mostSlots), path); });
+  }
+  if (name == Tessel::kTableFileNames[0] || name == Tessel::kTableFileNames[1]) {
+    Tessel::TesselTableHeader h;
+    return sized(h, sizeof h, [&] { return Tessel::tableFileSize(h.capacity, path); });
+  }
+  return kRecordCopyLimit;
+}
+
+// Copies the first `limit` bytes of `in` (`path`, `size` bytes long) to
+// `out`, data only: a hole of the source stays a hole of the copy.
+void copyData(int in, int out, std::string const& path, uint64_t size, uint64_t limit) {
+  uint64_t const length = std::min(size, limit);
+  if (::ftruncate(out, static_cast<off_t>(length)) != 0) {
+    throw Lomi::RuntimeException("{}", Mem::posixError(fmt::format("copy {}", path), errno));
+  }
+  std::vector<char> buffer(1 << 20);
+  uint64_t at = 0;
+  while (at < length) {
+    off_t data = ::lseek(in, static_cast<off_t>(at), SEEK_DATA);
+    if (data < 0 && errno == ENXIO) break;  // only a hole is left
+    off_t hole = data < 0 ? -1 : ::lseek(in, data, SEEK_HOLE);
+    if (data < 0 || hole < 0) {
+      // No hole seeking here: copy it all.
+      data = static_cast<off_t>(at);
+      hole = static_cast<off_t>(length);
+    }
+    uint64_t const end = std::min<uint64_t>(static_cast<uint64_t>(hole), length);
+    for (uint64_t pos = static_cast<uint64_t>(data); pos < end;) {
+      size_t const want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), end - pos));
+      ssize_t const n = ::pread(in, buffer.data(), want, static_cast<off_t>(pos));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        throw Lomi::RuntimeException("{}", Mem::posixError(fmt::format("read {}", path), errno));
+      }
+      if (n == 0) return;  // shortened since: the copy keeps the length it had
+      if (::pwrite(out, buffer.data(), static_cast<size_t>(n), static_cast<off_t>(pos)) != n) {
+        throw Lomi::RuntimeException("{}", Mem::posixError(fmt::format("copy {}", path), errno));
+      }
+      pos += static_cast<uint64_t>(n);
+    }
+    at = end;
+  }
+}
+
+}  // namespace
+
+void copyTable(std::string const& from, std::string const& to, uint32_t slotSize) {
   std::error_code ec;
   fs::create_directories(to, ec);
   if (ec) throw Lomi::RuntimeException("cannot make {}: {}", to, ec.message());
-  for (auto const& e : fs::directory_iterator(from, ec)) {
-    if (!e.is_regular_file()) continue;
-    fs::copy_file(e.path(), fs::path(to) / e.path().filename(),
-                  fs::copy_options::overwrite_existing, ec);
-    if (ec) {
-      throw Lomi::RuntimeException("cannot copy {} to {}: {}", e.path().string(), to, ec.message());
+  // The slot file first: the queue's header is sized by its mostSlots.
+  char const* const names[] = {kSlotFile,
+                               MirakCore::BucketWriter<Mirak::SlotLink>::kFileName,
+                               Tessel::kHeaderFileName,
+                               Tessel::kTableFileNames[0],
+                               Tessel::kTableFileNames[1],
+                               Parcel::KestorFile::KESTOR_NAME,
+                               Parcel::OwnerFile::FILENAME};
+  uint32_t mostSlots = 0;
+  for (char const* name : names) {
+    std::string const path = from + "/" + name;
+    std::string error;
+    Fd const in(Mem::openSharedFile(path, O_RDONLY, 0, error));
+    if (in.get() < 0) {
+      if (errno == ENOENT) continue;  // the validation says what is missing
+      throw Lomi::RuntimeException("{}", error);
     }
+    struct stat st;
+    if (::fstat(in.get(), &st) != 0) {
+      throw Lomi::RuntimeException("{}", Mem::posixError(fmt::format("fstat {}", path), errno));
+    }
+    if (name == std::string_view(kSlotFile)) {
+      Mirak::SlotTable::Header h;
+      if (readAt(in.get(), &h, sizeof h, 0)) mostSlots = h.mostSlots;
+    }
+    std::string const target = to + "/" + name;
+    Fd const out(
+        ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (out.get() < 0) {
+      throw Lomi::RuntimeException("{}", Mem::posixError(fmt::format("create {}", target), errno));
+    }
+    copyData(in.get(), out.get(), path, static_cast<uint64_t>(st.st_size),
+             copyLimit(name, in.get(), path, slotSize, mostSlots));
   }
-  if (ec) throw Lomi::RuntimeException("cannot read {}: {}", from, ec.message());
 }
 
 }  // namespace FlowtableCli

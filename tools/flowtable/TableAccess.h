@@ -72,6 +72,9 @@ class AnyTable {
   // (which must be a private copy), for a table formatted with `maxSlots`.
   // True, or false with the first failure.
   virtual bool check(uint32_t maxSlots, std::string& error) = 0;
+  // Bytes of one slot in this table's slot file: the geometry the validator
+  // reads the file with.
+  virtual uint32_t slotSize() const = 0;
 
   Zeb::String strep(void const* record) const {
     return rowType_->impl.methods->strRep(record, rowType_);
@@ -90,9 +93,16 @@ class AnyTable {
 // no table row.
 std::unique_ptr<AnyTable> openTable(std::string const& valueType, std::string const& name);
 
-// Copies the files of directory `from` (not its subdirectories) into `to`,
-// which is made with its parents. Throws Lomi::RuntimeException naming the
-// file that fails.
-void copyTable(std::string const& from, std::string const& to);
+// Copies into `to` (made with its parents; it must be private to the
+// process) the files of table directory `from` that a validation reads:
+// "slots", "buckets", "kestor", "owner" and the queue's "tessel", "tessel.0"
+// and "tessel.1", those that exist. Each is opened through
+// Mem::openSharedFile (no link followed, a FIFO never waited on, only a
+// regular file taken) and copied only up to the size its own header says it
+// maps, the slot file with `slotSize`-byte slots, the kestor and owner
+// records up to a page (more than either record, so a record that is too long
+// stays too long); holes stay holes. Nothing else in `from` is opened. Throws
+// Lomi::RuntimeException naming the file that cannot be opened or copied.
+void copyTable(std::string const& from, std::string const& to, uint32_t slotSize);
 
 }  // namespace FlowtableCli

@@ -354,14 +354,23 @@ int cmdCheck(Options const& o) {
   std::string error;
   bool ok = false;
   if (s.header) {
-    TempDir const copy;
-    copyTable(s.dir, copy.path() + "/" + s.name);
-    // From here on every table path names the copy.
-    Mem::RootPath::baseIs(copy.path());
-    auto table = openTable(s.header->valueType, s.name);
-    ok = table->check(s.header->maxSlots, error);
-    table.reset();
-    Mem::RootPath::baseIs(o.root);
+    // A table that cannot be opened or copied fails the check like one that
+    // does not validate: the answer is that reason.
+    try {
+      auto table = openTable(s.header->valueType, s.name);
+      TempDir const copy;
+      copyTable(s.dir, copy.path() + "/" + s.name, table->slotSize());
+      // While the table checks, every table path names the copy.
+      Mem::RootPath::baseIs(copy.path());
+      struct RootBack {
+        std::string root;
+        ~RootBack() { Mem::RootPath::baseIs(root); }
+      } const back{o.root};
+      ok = table->check(s.header->maxSlots, error);
+    } catch (Lomi::Exception const& e) {
+      ok = false;
+      error = e.msg();
+    }
   } else {
     error = s.headerError;
   }
