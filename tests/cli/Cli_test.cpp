@@ -440,29 +440,41 @@ class StreamChecker {
 // Table directories that a neighbour on shared ground or a damaged disk left
 // behind, under names and with contents that try the tool's output: every
 // command answers with the exit code it owes, stdout and stderr carry no raw
-// control byte and stay UTF-8, and --json stdout is one JSON document.
+// control byte and stay UTF-8, --json stdout is one JSON document, and `ls`
+// names what it could not read.
 TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
+  std::string const victim = root_ + "-victim";
+  copyTableTo(victim);
+  auto fifo = [](char const* file) {
+    return [file](std::string const& dir) {
+      fs::remove(dir + "/" + file);
+      ASSERT_EQ(::mkfifo((dir + "/" + file).c_str(), 0666), 0);
+    };
+  };
   auto nothing = [](std::string const&) {};
   enum { ls, show, dump, check, get };
   struct Case {
     char const* what;
     std::string name;  // of the table directory under a root of its own
     std::function<void(std::string const&)> plant;
-    int code[5];         // of ls, show, dump, check, get (a key not there)
-    char const* lsText;  // in ls's stdout
-    char const* lsJson;  // in ls --json's stdout
+    int code[5];           // of ls, show, dump, check, get (a key not there)
+    char const* lsReason;  // in ls's stderr when ls fails
+    char const* lsText;    // in ls's stdout
+    char const* lsJson;    // in ls --json's stdout
   };
   Case const cases[] = {
       {"controlName",
        "t\x1b[31m\x07\x7f\xc2\x9b",
        nothing,
        {0, 0, 0, 0, 1},
+       "",
        "t\\x1b[31m\\x07\\x7f\\xc2\\x9b ",
        "\"t\\u001b[31m\\u0007\\u007f\\u009b\""},
       {"invalidUtf8Name",
        "bad\xff\xfe\xc3(\xed\xa0\x80",
        nothing,
        {0, 0, 0, 0, 1},
+       "",
        "bad\\xff\\xfe\\xc3(\\xed\\xa0\\x80 ",
        "\"bad\\ufffd\\ufffd\\ufffd(\\ufffd\\ufffd\\ufffd\""},
       {"hostileValueType",
@@ -474,12 +486,14 @@ TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
          f.write(type, sizeof type);
        },
        {0, 1, 1, 1, 1},
+       "",
        "Flow\\x1b]0;owned\\x07\\xc3(\\x9b ",
        "\"Flow\\u001b]0;owned\\u0007\\ufffd(\\ufffd\""},
       {"truncatedSlots",
        "cut",
        [](std::string const& dir) { fs::resize_file(dir + "/slots", 1000); },
        {0, 1, 1, 1, 1},
+       "",
        "",
        ""},
       {"loopedChain",
@@ -491,6 +505,30 @@ TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
          f.write(reinterpret_cast<char const*>(&self), sizeof self);
        },
        {0, 0, 1, 1, 1},
+       "",
+       "",
+       ""},
+      {"slotsFifo", "sfifo", fifo("slots"), {1, 1, 1, 1, 1}, "slots is a FIFO", "unreadable", ""},
+      {"kestorFifo", "kfifo", fifo("kestor"), {1, 1, 1, 1, 1}, "kestor is a FIFO", "", ""},
+      {"ownerFifo", "ofifo", fifo("owner"), {1, 0, 0, 1, 1}, "owner is unreadable", "", ""},
+      {"slotsLink",
+       "slink",
+       [&](std::string const& dir) {
+         fs::remove(dir + "/slots");
+         fs::create_symlink(victim + "/slots", dir + "/slots");
+       },
+       {1, 1, 1, 1, 1},
+       "slots is a symbolic link",
+       "",
+       ""},
+      {"linkedTableDir",
+       "dlink",
+       [&](std::string const& dir) {
+         fs::remove_all(dir);
+         fs::create_directory_symlink(victim, dir);
+       },
+       {1, 1, 1, 1, 1},
+       "dlink: is a symbolic link to a directory",
        "",
        ""},
   };
@@ -516,6 +554,10 @@ TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
         streams.add(at + " stdout", r.out, json);
         streams.add(at + " stderr", r.err, false);
         if (command != ls) continue;
+        if (r.code != 0) {
+          EXPECT_NE(r.err.find(c.lsReason), std::string::npos) << at << r.err;
+          EXPECT_TRUE(!json || r.out.find("\"error\": ") != std::string::npos) << at << r.out;
+        }
         std::string const shown = json ? c.lsJson : c.lsText;
         EXPECT_NE(r.out.find(shown), std::string::npos) << at << " wants " << shown << "\n"
                                                         << r.out;
@@ -525,6 +567,7 @@ TEST_F(Cli, HostileDirectoriesGiveCleanOutputAndHonestExitCodes) {
   }
   EXPECT_EQ(streams.faults(), "");
   fs::remove_all(base);
+  fs::remove_all(victim);
 }
 
 // `check` copies what it validates and nothing more: a planted file is not
@@ -583,6 +626,42 @@ TEST_F(Cli, CheckCopiesOnlyTheTablesFilesUpToTheirMappedSize) {
   }
   fs::remove_all(base);
   fs::remove_all(tmp);
+}
+
+// With few descriptors left, `ls` lists every table or fails saying what it
+// could not read; it never answers with a short listing and exit code 0.
+TEST_F(Cli, LsShortOfDescriptorsFailsLoudlyNeverWithAShortList) {
+  std::string const root = root_ + "-fds";
+  copyTableTo(root + "/" + kTable);
+  bool sawList = false, sawFailure = false;
+  StreamChecker streams(root + "-streams");
+  // Below 4 the dynamic loader cannot open the libraries.
+  for (rlim_t fds = 4; fds <= 16; ++fds) {
+    for (bool json : {false, true}) {
+      std::vector<std::string> args{"ls"};
+      if (json) args.insert(args.begin(), "--json");
+      Result const r = runAt(root, args, [fds] {
+        ::close_range(3, ~0u, 0);
+        rlimit const n{fds, fds};
+        ::setrlimit(RLIMIT_NOFILE, &n);
+      });
+      std::string const at = "RLIMIT_NOFILE " + std::to_string(fds) + (json ? " --json" : "");
+      bool const listed =
+          r.out.find(json ? "\"bytesOnDisk\"" : "HoIpFlowConfig") != std::string::npos;
+      if (r.code == 0) {
+        EXPECT_TRUE(listed) << at << ": exit 0 without the table\n" << r.out << r.err;
+        sawList = true;
+      } else {
+        EXPECT_EQ(r.code, 1) << at << r.err;
+        EXPECT_NE(r.err.find("Too many open files"), std::string::npos) << at << r.err;
+        sawFailure = true;
+      }
+      streams.add(at, r.out, json);
+    }
+  }
+  EXPECT_TRUE(sawList && sawFailure) << "the limits tried must cover both outcomes";
+  EXPECT_EQ(streams.faults(), "");
+  fs::remove_all(root);
 }
 
 }  // namespace

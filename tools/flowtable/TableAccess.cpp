@@ -2,6 +2,7 @@
 // behind one interface chosen by registered row type, and private copies.
 #include "TableAccess.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,6 +42,9 @@ Lomi::Platform::DebugHandler& handler() {
 }
 
 constexpr char kSlotFile[] = "slots";
+// Directories deeper than this under the root are not walked (and said so):
+// the walk holds one descriptor per level.
+constexpr int kMaxDepth = 32;
 
 // Closes on scope exit.
 class Fd {
@@ -58,20 +62,21 @@ class Fd {
 };
 
 // The fixed part of the slot header, read with one pread: no mapping, and so
-// nothing that a writer's resize could pull away.
-std::optional<Mirak::SlotTable::Header> readHeader(std::string const& path, std::string& error) {
+// nothing that a writer's resize could pull away. On failure `error` says why
+// and `missing` whether there is no file of that name at all.
+std::optional<Mirak::SlotTable::Header> readHeader(std::string const& path, std::string& error,
+                                                   bool* missing = nullptr) {
   std::string openError;
-  int const fd = Mem::openSharedFile(path, O_RDONLY, 0, openError);
-  if (fd < 0) {
+  Fd const fd(Mem::openSharedFile(path, O_RDONLY, 0, openError));
+  if (fd.get() < 0) {
+    if (missing) *missing = errno == ENOENT || errno == ENOTDIR;
     error = openError;
     return std::nullopt;
   }
   Mirak::SlotTable::Header h;
-  ssize_t const n = ::pread(fd, &h, sizeof h, 0);
-  int const err = errno;
-  ::close(fd);
+  ssize_t const n = ::pread(fd.get(), &h, sizeof h, 0);
   if (n != static_cast<ssize_t>(sizeof h)) {
-    error = n < 0 ? fmt::format("cannot read {}: {}", path, std::strerror(err))
+    error = n < 0 ? Mem::posixError(fmt::format("read {}", path), errno)
                   : fmt::format("{} is shorter than a slot header ({} bytes)", path, n);
     return std::nullopt;
   }
@@ -83,71 +88,170 @@ std::optional<Mirak::SlotTable::Header> readHeader(std::string const& path, std:
   return h;
 }
 
-uint64_t bytesOnDisk(std::string const& dir) {
-  uint64_t total = 0;
-  std::error_code ec;
-  for (auto const& e : fs::directory_iterator(dir, ec)) {
+// The names in the directory open at `fd`, with their kinds as lstat tells
+// them (a link is a link). False with `error` set when it cannot be listed.
+bool listDirectory(int fd, std::string const& dir,
+                   std::vector<std::pair<std::string, mode_t>>& entries, std::string& error) {
+  int const listFd = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  DIR* const d = listFd < 0 ? nullptr : ::fdopendir(listFd);
+  if (!d) {
+    error = Mem::posixError(fmt::format("list {}", dir), errno);
+    if (listFd >= 0) ::close(listFd);
+    return false;
+  }
+  ::rewinddir(d);
+  bool ok = true;
+  for (;;) {
+    errno = 0;
+    struct dirent const* e = ::readdir(d);
+    if (!e) {
+      if (errno != 0) {
+        error = Mem::posixError(fmt::format("list {}", dir), errno);
+        ok = false;
+      }
+      break;
+    }
+    std::string const name = e->d_name;
+    if (name == "." || name == "..") continue;
     struct stat st;
-    if (::lstat(e.path().c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+    if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) continue;  // gone since it was listed
+      error = Mem::posixError(fmt::format("lstat {}/{}", dir, name), errno);
+      ok = false;
+      break;
+    }
+    entries.emplace_back(name, st.st_mode);
+  }
+  ::closedir(d);
+  return ok;
+}
+
+// Walks the directory open at `fd` (named `rel` under `root`; "" for the
+// root), `depth` levels down.
+void walk(int fd, std::string const& root, std::string const& rel, int depth,
+          std::vector<std::string>& tables, std::vector<Unwalked>& unwalked) {
+  std::string const dir = rel.empty() ? root : root + "/" + rel;
+  std::vector<std::pair<std::string, mode_t>> entries;
+  std::string error;
+  if (!listDirectory(fd, dir, entries, error)) {
+    if (rel.empty())
+      throw Lomi::InvalidInitializeException("cannot read the root {}: {}", root, error);
+    unwalked.push_back({rel, error});
+    return;
+  }
+  std::sort(entries.begin(), entries.end());
+  for (auto const& [name, mode] : entries) {
+    std::string const sub = rel.empty() ? name : rel + "/" + name;
+    if (name == kSlotFile && !rel.empty()) tables.push_back(rel);
+    if (S_ISLNK(mode)) {
+      // Only a link that stands for a directory is worth a word: a table
+      // reached through it would be read from wherever it points.
+      struct stat target;
+      if (::fstatat(fd, name.c_str(), &target, 0) == 0 && S_ISDIR(target.st_mode)) {
+        unwalked.push_back({sub, "is a symbolic link to a directory; links are not followed"});
+      }
+      continue;
+    }
+    if (!S_ISDIR(mode)) continue;
+    if (depth + 1 > kMaxDepth) {
+      unwalked.push_back({sub, fmt::format("is deeper than {} levels; not walked", kMaxDepth)});
+      continue;
+    }
+    Fd const child(
+        ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (child.get() < 0) {
+      unwalked.push_back({sub, Mem::posixError(fmt::format("open {}/{}", root, sub), errno)});
+      continue;
+    }
+    walk(child.get(), root, sub, depth + 1, tables, unwalked);
+  }
+}
+
+// Allocated bytes of the regular files directly in `dir`; false with `error`
+// when it cannot be listed.
+bool bytesOnDisk(std::string const& dir, uint64_t& total, std::string& error) {
+  Fd const fd(Mem::openSharedDirectory(dir, O_NONBLOCK, error));
+  if (fd.get() < 0) return false;
+  std::vector<std::pair<std::string, mode_t>> entries;
+  if (!listDirectory(fd.get(), dir, entries, error)) return false;
+  total = 0;
+  for (auto const& [name, mode] : entries) {
+    struct stat st;
+    if (S_ISREG(mode) && ::fstatat(fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(st.st_mode)) {
       total += static_cast<uint64_t>(st.st_blocks) * 512;
     }
   }
-  return total;
+  return true;
+}
+
+// The kestor file's id; a file that is there but is no regular file, cannot
+// be read or holds no valid record adds its reason to `s.errors`.
+void readKestor(Mem::NaoRootPath const& path, TableSummary& s) {
+  Parcel::KestorFile const file(handler(), path, false);
+  s.kestor = file.read().value();
+  if (s.kestor != 0) return;
+  std::string error;
+  Fd const fd(Mem::openSharedFile(file.path(), O_RDONLY, 0, error));
+  if (fd.get() < 0) {
+    if (errno != ENOENT) s.errors.push_back(error);
+    return;
+  }
+  // The file is there, so a false validate says what is wrong with it.
+  Parcel::KestorId const wanted(s.header && s.header->kestor ? s.header->kestor : 1);
+  if (!file.validate(wanted, error)) s.errors.push_back(error);
 }
 
 TableSummary summarizeDir(std::string const& root, std::string const& name) {
   TableSummary s;
   s.name = name;
   s.dir = root + "/" + name;
-  s.header = readHeader(s.dir + "/" + kSlotFile, s.headerError);
-  s.bytesOnDisk = bytesOnDisk(s.dir);
+  s.header = readHeader(s.dir + "/" + kSlotFile, s.headerError, &s.slotFileMissing);
+  if (!s.header) s.errors.push_back(s.headerError);
+  std::string error;
+  if (!bytesOnDisk(s.dir, s.bytesOnDisk, error)) s.errors.push_back(error);
   // The files are named relative to the process-wide base, which the tool
   // sets to the root.
   Mem::NaoRootPath const path(handler(), name, false);
-  s.kestor = Parcel::KestorFile(handler(), path, false).read().value();
+  readKestor(path, s);
   try {
     Parcel::OwnerFile const owner(handler(), path, false);
     auto const record = owner.record();
     if (record) {
       s.writerPid = record->writerPid;
       s.writerAlive = Mem::WriterLock::ownerIsAlive(owner);
-    } else {
-      s.ownerError = "no owner file";
     }
   } catch (Lomi::Exception const& e) {
-    s.ownerError = e.msg();
+    s.errors.push_back(e.msg());
   }
   return s;
 }
 
 }  // namespace
 
-std::vector<TableSummary> listTables(std::string const& root) {
+Listing listTables(std::string const& root) {
+  Fd const fd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+  if (fd.get() < 0) {
+    throw Lomi::InvalidInitializeException("cannot read the root {}: {}", root,
+                                           Mem::posixError("open", errno));
+  }
   std::vector<std::string> names;
-  std::error_code ec;
-  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
-  if (ec) {
-    throw Lomi::InvalidInitializeException("cannot read the root {}: {}", root, ec.message());
-  }
-  for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
-    if (ec) break;
-    if (!it->is_directory(ec)) continue;
-    if (fs::is_regular_file(it->path() / kSlotFile, ec)) {
-      names.push_back(fs::relative(it->path(), root, ec).string());
-    }
-  }
+  Listing out;
+  walk(fd.get(), root, "", 0, names, out.unwalked);
   std::sort(names.begin(), names.end());
-  std::vector<TableSummary> out;
-  for (auto const& n : names) out.push_back(summarizeDir(root, n));
+  std::sort(out.unwalked.begin(), out.unwalked.end(),
+            [](Unwalked const& a, Unwalked const& b) { return a.name < b.name; });
+  for (auto const& n : names) out.tables.push_back(summarizeDir(root, n));
   return out;
 }
 
 TableSummary summarize(std::string const& root, std::string const& name) {
-  std::error_code ec;
-  if (name.empty() || !fs::is_regular_file(fs::path(root) / name / kSlotFile, ec)) {
+  TableSummary s;
+  if (!name.empty()) s = summarizeDir(root, name);
+  if (name.empty() || s.slotFileMissing) {
     throw Lomi::InvalidInitializeException("no table {} under {} (no slot file there)", name, root);
   }
-  return summarizeDir(root, name);
+  return s;
 }
 
 AnyTable::~AnyTable() = default;

@@ -182,42 +182,67 @@ int fail(Options const& o, std::string const& why, int code) {
 
 // --- commands -------------------------------------------------------------------
 
+// A table or directory that could not be read is listed with its reason (a
+// row "unreadable" for a table without a slot header, an "error" field in
+// JSON), each reason also goes to stderr, and the exit code is 1.
 int cmdLs(Options const& o) {
   wantArgs(o, 0);
   allowFlags(o, {});
-  auto const tables = listTables(o.root);
+  Listing const listing = listTables(o.root);
+  auto const& tables = listing.tables;
+  bool failed = !listing.unwalked.empty();
+  for (auto const& t : tables) failed = failed || !t.errors.empty();
+  auto joined = [](std::vector<std::string> const& errors) {
+    std::string out;
+    for (auto const& e : errors) out += (out.empty() ? "" : "; ") + e;
+    return out;
+  };
   if (o.json) {
     std::string out = "[";
-    for (size_t i = 0; i < tables.size(); ++i) {
-      auto const& t = tables[i];
+    char const* sep = "";
+    for (auto const& t : tables) {
       out += fmt::format(
           "{}\n  {{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"capacity\": {}, "
           "\"max\": {}, \"kestor\": {}, \"writerPid\": {}, \"writerAlive\": {}, "
           "\"bytesOnDisk\": {}{}}}",
-          i ? "," : "", jsonString(t.name), jsonString(t.header ? t.header->valueType : ""),
+          sep, jsonString(t.name), jsonString(t.header ? t.header->valueType : ""),
           t.header ? t.header->occupiedSlots : 0, t.header ? t.header->numSlots.value : 0,
           t.header ? t.header->maxSlots : 0,
           jsonString(fmt::format("{}", Parcel::KestorId(t.kestor))), t.writerPid,
           t.writerAlive ? "true" : "false", t.bytesOnDisk,
-          t.header ? "" : ", \"error\": " + jsonString(t.headerError));
+          t.errors.empty() ? "" : ", \"error\": " + jsonString(joined(t.errors)));
+      sep = ",";
+    }
+    for (auto const& u : listing.unwalked) {
+      out += fmt::format("{}\n  {{\"name\": {}, \"error\": {}}}", sep, jsonString(u.name),
+                         jsonString(u.error));
+      sep = ",";
     }
     fmt::print("{}\n]\n", out);
-    return kOk;
-  }
-  fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", "TABLE", "VALUE TYPE",
-             "ENTRIES", "CAPACITY", "MAX", "KESTOR", "WRITER", "ALIVE", "BYTES");
-  for (auto const& t : tables) {
-    if (!t.header) {
-      fmt::print("{:<48} unreadable: {}\n", printable(t.name), printable(t.headerError));
-      continue;
+  } else {
+    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", "TABLE", "VALUE TYPE",
+               "ENTRIES", "CAPACITY", "MAX", "KESTOR", "WRITER", "ALIVE", "BYTES");
+    for (auto const& t : tables) {
+      if (!t.header) {
+        fmt::print("{:<48} unreadable: {}\n", printable(t.name), printable(t.headerError));
+        continue;
+      }
+      fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", printable(t.name),
+                 printable(t.header->valueType), t.header->occupiedSlots, t.header->numSlots.value,
+                 t.header->maxSlots, Parcel::KestorId(t.kestor), t.writerPid,
+                 t.writerAlive ? "yes" : "no", t.bytesOnDisk);
     }
-    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", printable(t.name),
-               printable(t.header->valueType), t.header->occupiedSlots, t.header->numSlots.value,
-               t.header->maxSlots, Parcel::KestorId(t.kestor), t.writerPid,
-               t.writerAlive ? "yes" : "no", t.bytesOnDisk);
   }
-  if (tables.empty()) fmt::print(stderr, "no tables under {}\n", printable(o.root));
-  return kOk;
+  for (auto const& t : tables) {
+    for (auto const& e : t.errors) {
+      fmt::print(stderr, "flowtable: cannot read table {}: {}\n", printable(t.name), printable(e));
+    }
+  }
+  for (auto const& u : listing.unwalked) {
+    fmt::print(stderr, "flowtable: cannot read {}: {}\n", printable(u.name), printable(u.error));
+  }
+  if (tables.empty() && !failed) fmt::print(stderr, "no tables under {}\n", printable(o.root));
+  return failed ? kFailure : kOk;
 }
 
 // The table named on the command line; a name that names no table is the
@@ -247,6 +272,11 @@ int cmdShow(Options const& o) {
   auto const table = attach(o, s);
   std::string const headers = table->dumpHeaders();
   std::string const counters = table->readerCounters();
+  // The table attached, so it is shown; what else of it could not be read
+  // (its owner record, say) is said beside it.
+  for (auto const& e : s.errors) {
+    fmt::print(stderr, "flowtable: note: table {}: {}\n", printable(s.name), printable(e));
+  }
   if (o.json) {
     fmt::print(
         "{{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"kestor\": {}, \"writerPid\": {}, "
