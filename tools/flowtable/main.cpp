@@ -55,12 +55,13 @@ struct Command {
 Command const commands[] = {
     {"ls", "",
      "every table under the root: name, value type, entries, capacity, max, kestor, "
-     "writer pid and whether it is alive, bytes on disk"},
+     "writer pid and whether it is alive, bytes on disk; what cannot be read is said on "
+     "stderr (--json: an \"error\" field) and the exit code is 1"},
     {"show", "TABLE", "the slot, bucket and queue headers of TABLE and the reader's counters"},
     {"dump", "TABLE [--limit N]", "the rows of TABLE as streps (--json: objects), read lock-free"},
     {"get", "TABLE KEY", "the row of TABLE whose key has the strep KEY"},
     {"check", "TABLE",
-     "full validation of a private copy of TABLE's files: OK or the first failure"},
+     "full validation of a private copy of TABLE's own files: OK or the first failure"},
     {"demo", "[--flows N]",
      "the main job: a writer and a reader process, N flows (default 100000) written, read "
      "back, updated, half removed, then a quarter left, which compacts the tables; on a "
@@ -71,7 +72,7 @@ Command const commands[] = {
 constexpr char kGlobal[] =
     "global options:\n"
     "  --root DIR              the tables' base directory (default {})\n"
-    "  --json                  data as JSON\n"
+    "  --json                  data as JSON; a failure as {{\"error\": ...}}\n"
     "  --trace HANDLER=LEVELS  turn traces on, e.g. flowtable=0-3 or *=all\n"
     "  --help                  this text; COMMAND --help for one command\n";
 
