@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -27,8 +28,10 @@ inline std::string slurp(std::string const& path) {
 }
 
 // Runs the tool with `args`; its stdout and stderr go through the files
-// `outBase`.out and `outBase`.err, which are removed afterwards.
-inline Result runTool(std::vector<std::string> args, std::string const& outBase) {
+// `outBase`.out and `outBase`.err, which are removed afterwards. `inChild`,
+// if given, runs in the child just before the tool starts (limits, setenv).
+inline Result runTool(std::vector<std::string> args, std::string const& outBase,
+                      std::function<void()> const& inChild = nullptr) {
   std::string const out = outBase + ".out", err = outBase + ".err";
   pid_t const pid = ::fork();
   if (pid == 0) {
@@ -37,6 +40,7 @@ inline Result runTool(std::vector<std::string> args, std::string const& outBase)
     int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int const e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (o < 0 || e < 0 || ::dup2(o, 1) < 0 || ::dup2(e, 2) < 0) ::_exit(127);
+    if (inChild) inChild();
     std::vector<char*> argv{const_cast<char*>(FLOWTABLE_BINARY)};
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

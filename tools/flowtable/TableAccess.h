@@ -36,17 +36,40 @@ struct TableSummary {
   std::string dir;                                 // absolute
   std::optional<Mirak::SlotTable::Header> header;  // none: unreadable
   std::string headerError;
-  uint32_t kestor = 0;  // the kestor file's id; 0: none or damaged
-  pid_t writerPid = 0;
+  bool slotFileMissing = false;  // nothing at all of the name "slots"
+  uint32_t kestor = 0;           // the kestor file's id; 0: none or damaged
+  pid_t writerPid = 0;           // 0: no owner record, or no writer in it
   bool writerAlive = false;
-  std::string ownerError;
   uint64_t bytesOnDisk = 0;  // allocated bytes of the directory's own files
+  // Why parts of the table could not be read, one reason each: the slot
+  // header (headerError), a kestor or owner file that is there but is no
+  // regular file or is damaged, a directory that cannot be listed. A missing
+  // kestor or owner file is no reason: a writer that is formatting the table
+  // or has left it leaves them so. Empty: everything was read.
+  std::vector<std::string> errors;
 };
 
-// Every table (a directory holding a "slots" file) under `root`, by name.
-std::vector<TableSummary> listTables(std::string const& root);
+// A directory under the root that the walk could not read (tables may be in
+// it), or a link where a directory would be, which is not followed.
+struct Unwalked {
+  std::string name;  // relative to the root
+  std::string error;
+};
+
+struct Listing {
+  std::vector<TableSummary> tables;  // by name
+  std::vector<Unwalked> unwalked;    // by name
+};
+
+// Every table (a directory holding an entry "slots", whatever its kind) under
+// `root`, found by a walk that opens each directory with O_NOFOLLOW relative
+// to its parent, so that it follows no link and cannot loop. Throws
+// Lomi::InvalidInitializeException "cannot read the root <root>: <reason>"
+// when the root itself cannot be listed; whatever else fails is in the
+// result.
+Listing listTables(std::string const& root);
 // The table `name` under `root`; throws Lomi::InvalidInitializeException
-// "no table <name> under <root>" when there is no slot file.
+// "no table <name> under <root>" when there is nothing named "slots" there.
 TableSummary summarize(std::string const& root, std::string const& name);
 
 // A table opened by its row type. Rows and keys travel as streps.
@@ -72,6 +95,9 @@ class AnyTable {
   // (which must be a private copy), for a table formatted with `maxSlots`.
   // True, or false with the first failure.
   virtual bool check(uint32_t maxSlots, std::string& error) = 0;
+  // Bytes of one slot in this table's slot file: the geometry the validator
+  // reads the file with.
+  virtual uint32_t slotSize() const = 0;
 
   Zeb::String strep(void const* record) const {
     return rowType_->impl.methods->strRep(record, rowType_);
@@ -90,9 +116,16 @@ class AnyTable {
 // no table row.
 std::unique_ptr<AnyTable> openTable(std::string const& valueType, std::string const& name);
 
-// Copies the files of directory `from` (not its subdirectories) into `to`,
-// which is made with its parents. Throws Lomi::RuntimeException naming the
-// file that fails.
-void copyTable(std::string const& from, std::string const& to);
+// Copies into `to` (made with its parents; it must be private to the
+// process) the files of table directory `from` that a validation reads:
+// "slots", "buckets", "kestor", "owner" and the queue's "tessel", "tessel.0"
+// and "tessel.1", those that exist. Each is opened through
+// Mem::openSharedFile (no link followed, a FIFO never waited on, only a
+// regular file taken) and copied only up to the size its own header says it
+// maps, the slot file with `slotSize`-byte slots, the kestor and owner
+// records up to a page (more than either record, so a record that is too long
+// stays too long); holes stay holes. Nothing else in `from` is opened. Throws
+// Lomi::RuntimeException naming the file that cannot be opened or copied.
+void copyTable(std::string const& from, std::string const& to, uint32_t slotSize);
 
 }  // namespace FlowtableCli

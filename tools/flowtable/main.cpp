@@ -9,6 +9,13 @@
 //
 // The tool reads tables as a lock-free reader and never writes into them;
 // `check` validates a private copy of the files in a temporary directory.
+//
+// Output. What the files say (names, type names, headers, rows, errors) is
+// escaped as Text.h tells, in text and in JSON. With --json, stdout holds one
+// JSON document whatever happens: the data, or {"error": "..."} when the
+// command fails before it has any (usage errors too); `dump`, which streams
+// its array, closes it on a failure after the first row with a last element
+// {"error": "..."}. Errors are also written to stderr, one line each.
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,6 +34,7 @@
 #include "Mem/RootPath.h"
 #include "Mirak/Util.h"
 #include "TableAccess.h"
+#include "Text.h"
 #include "Zeb/Module.h"
 #include "Zeb/Strep.h"
 
@@ -47,12 +55,13 @@ struct Command {
 Command const commands[] = {
     {"ls", "",
      "every table under the root: name, value type, entries, capacity, max, kestor, "
-     "writer pid and whether it is alive, bytes on disk"},
+     "writer pid and whether it is alive, bytes on disk; what cannot be read is said on "
+     "stderr (--json: an \"error\" field) and the exit code is 1"},
     {"show", "TABLE", "the slot, bucket and queue headers of TABLE and the reader's counters"},
     {"dump", "TABLE [--limit N]", "the rows of TABLE as streps (--json: objects), read lock-free"},
     {"get", "TABLE KEY", "the row of TABLE whose key has the strep KEY"},
     {"check", "TABLE",
-     "full validation of a private copy of TABLE's files: OK or the first failure"},
+     "full validation of a private copy of TABLE's own files: OK or the first failure"},
     {"demo", "[--flows N]",
      "the main job: a writer and a reader process, N flows (default 100000) written, read "
      "back, updated, half removed, then a quarter left, which compacts the tables; on a "
@@ -63,7 +72,7 @@ Command const commands[] = {
 constexpr char kGlobal[] =
     "global options:\n"
     "  --root DIR              the tables' base directory (default {})\n"
-    "  --json                  data as JSON\n"
+    "  --json                  data as JSON; a failure as {{\"error\": ...}}\n"
     "  --trace HANDLER=LEVELS  turn traces on, e.g. flowtable=0-3 or *=all\n"
     "  --help                  this text; COMMAND --help for one command\n";
 
@@ -86,33 +95,6 @@ void usage(std::FILE* out, std::string const& command = {}) {
   fmt::print(out, fmt::runtime(kGlobal), Mem::RootPath::kDefaultBase);
 }
 
-std::string jsonString(std::string_view s) {
-  std::string out = "\"";
-  for (char c : s) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-        } else {
-          out += c;
-        }
-    }
-  }
-  return out + "\"";
-}
-
 struct Options {
   std::string root = Mem::RootPath::kDefaultBase;
   bool rootGiven = false;
@@ -133,12 +115,21 @@ uint64_t parseCount(std::string const& flag, std::string const& text) {
   return v;
 }
 
-Options parse(int argc, char** argv) {
-  Options o;
+// Reads the command line into `o`. The first mistake is thrown as a
+// UsageError after the whole line is read, so that `o.json` says how to
+// report it.
+void parse(int argc, char** argv, Options& o) {
+  std::string mistake;
+  auto fail = [&](std::string text) {
+    if (mistake.empty()) mistake = std::move(text);
+  };
   for (int i = 1; i < argc; ++i) {
     std::string const a = argv[i];
     auto value = [&](char const* flag) {
-      if (i + 1 >= argc) throw UsageError(fmt::format("{} needs a value", flag));
+      if (i + 1 >= argc) {
+        fail(fmt::format("{} needs a value", flag));
+        return std::string();
+      }
       return std::string(argv[++i]);
     };
     if (a == "--help" || a == "-h") {
@@ -151,19 +142,19 @@ Options parse(int argc, char** argv) {
     } else if (a == "--trace") {
       std::string const setting = value("--trace");
       if (!Lomi::Platform::traceSettingIs(setting)) {
-        throw UsageError(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", setting));
+        fail(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", setting));
       }
     } else if (a == "--limit" || a == "--flows") {
       o.flags[a] = value(a.c_str());
     } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
-      throw UsageError(fmt::format("unknown option {}", a));
+      fail(fmt::format("unknown option {}", a));
     } else if (o.command.empty()) {
       o.command = a;
     } else {
       o.args.push_back(a);
     }
   }
-  return o;
+  if (!mistake.empty()) throw UsageError(mistake);
 }
 
 void wantArgs(Options const& o, size_t n) {
@@ -181,44 +172,78 @@ void allowFlags(Options const& o, std::initializer_list<char const*> allowed) {
   }
 }
 
+// Reports a failure that ends the command: one line on stderr and, with
+// --json, the error object on stdout (nothing else has been written there:
+// the commands print their documents whole, and `dump` closes its own).
+int fail(Options const& o, std::string const& why, int code) {
+  fmt::print(stderr, "flowtable: {}\n", printable(why));
+  if (o.json) fmt::print("{{\"error\": {}}}\n", jsonString(why));
+  return code;
+}
+
 // --- commands -------------------------------------------------------------------
 
+// A table or directory that could not be read is listed with its reason (a
+// row "unreadable" for a table without a slot header, an "error" field in
+// JSON), each reason also goes to stderr, and the exit code is 1.
 int cmdLs(Options const& o) {
   wantArgs(o, 0);
   allowFlags(o, {});
-  auto const tables = listTables(o.root);
+  Listing const listing = listTables(o.root);
+  auto const& tables = listing.tables;
+  bool failed = !listing.unwalked.empty();
+  for (auto const& t : tables) failed = failed || !t.errors.empty();
+  auto joined = [](std::vector<std::string> const& errors) {
+    std::string out;
+    for (auto const& e : errors) out += (out.empty() ? "" : "; ") + e;
+    return out;
+  };
   if (o.json) {
     std::string out = "[";
-    for (size_t i = 0; i < tables.size(); ++i) {
-      auto const& t = tables[i];
+    char const* sep = "";
+    for (auto const& t : tables) {
       out += fmt::format(
           "{}\n  {{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"capacity\": {}, "
           "\"max\": {}, \"kestor\": {}, \"writerPid\": {}, \"writerAlive\": {}, "
           "\"bytesOnDisk\": {}{}}}",
-          i ? "," : "", jsonString(t.name), jsonString(t.header ? t.header->valueType : ""),
+          sep, jsonString(t.name), jsonString(t.header ? t.header->valueType : ""),
           t.header ? t.header->occupiedSlots : 0, t.header ? t.header->numSlots.value : 0,
           t.header ? t.header->maxSlots : 0,
           jsonString(fmt::format("{}", Parcel::KestorId(t.kestor))), t.writerPid,
           t.writerAlive ? "true" : "false", t.bytesOnDisk,
-          t.header ? "" : ", \"error\": " + jsonString(t.headerError));
+          t.errors.empty() ? "" : ", \"error\": " + jsonString(joined(t.errors)));
+      sep = ",";
+    }
+    for (auto const& u : listing.unwalked) {
+      out += fmt::format("{}\n  {{\"name\": {}, \"error\": {}}}", sep, jsonString(u.name),
+                         jsonString(u.error));
+      sep = ",";
     }
     fmt::print("{}\n]\n", out);
-    return kOk;
-  }
-  fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", "TABLE", "VALUE TYPE",
-             "ENTRIES", "CAPACITY", "MAX", "KESTOR", "WRITER", "ALIVE", "BYTES");
-  for (auto const& t : tables) {
-    if (!t.header) {
-      fmt::print("{:<48} unreadable: {}\n", t.name, t.headerError);
-      continue;
+  } else {
+    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", "TABLE", "VALUE TYPE",
+               "ENTRIES", "CAPACITY", "MAX", "KESTOR", "WRITER", "ALIVE", "BYTES");
+    for (auto const& t : tables) {
+      if (!t.header) {
+        fmt::print("{:<48} unreadable: {}\n", printable(t.name), printable(t.headerError));
+        continue;
+      }
+      fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", printable(t.name),
+                 printable(t.header->valueType), t.header->occupiedSlots, t.header->numSlots.value,
+                 t.header->maxSlots, Parcel::KestorId(t.kestor), t.writerPid,
+                 t.writerAlive ? "yes" : "no", t.bytesOnDisk);
     }
-    fmt::print("{:<48} {:<34} {:>9} {:>9} {:>9} {:>9} {:>8} {:>6} {:>12}\n", t.name,
-               t.header->valueType, t.header->occupiedSlots, t.header->numSlots.value,
-               t.header->maxSlots, Parcel::KestorId(t.kestor), t.writerPid,
-               t.writerAlive ? "yes" : "no", t.bytesOnDisk);
   }
-  if (tables.empty()) fmt::print(stderr, "no tables under {}\n", o.root);
-  return kOk;
+  for (auto const& t : tables) {
+    for (auto const& e : t.errors) {
+      fmt::print(stderr, "flowtable: cannot read table {}: {}\n", printable(t.name), printable(e));
+    }
+  }
+  for (auto const& u : listing.unwalked) {
+    fmt::print(stderr, "flowtable: cannot read {}: {}\n", printable(u.name), printable(u.error));
+  }
+  if (tables.empty() && !failed) fmt::print(stderr, "no tables under {}\n", printable(o.root));
+  return failed ? kFailure : kOk;
 }
 
 // The table named on the command line; a name that names no table is the
@@ -248,6 +273,11 @@ int cmdShow(Options const& o) {
   auto const table = attach(o, s);
   std::string const headers = table->dumpHeaders();
   std::string const counters = table->readerCounters();
+  // The table attached, so it is shown; what else of it could not be read
+  // (its owner record, say) is said beside it.
+  for (auto const& e : s.errors) {
+    fmt::print(stderr, "flowtable: note: table {}: {}\n", printable(s.name), printable(e));
+  }
   if (o.json) {
     fmt::print(
         "{{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"kestor\": {}, \"writerPid\": {}, "
@@ -259,8 +289,8 @@ int cmdShow(Options const& o) {
   }
   fmt::print(
       "table {}\nvalue type {}\nentries {}\nwriter pid {} ({})\n\n{}\n\nreader counters: {}\n",
-      s.name, s.header->valueType, table->members(), s.writerPid,
-      s.writerAlive ? "alive" : "not alive", headers, counters);
+      printable(s.name), printable(s.header->valueType), table->members(), s.writerPid,
+      s.writerAlive ? "alive" : "not alive", printable(headers, true), printable(counters));
   return kOk;
 }
 
@@ -275,22 +305,32 @@ int cmdDump(Options const& o) {
   Zeb::AttributeInfo const* text = type.attribute("mirakString");
   bool first = true;
   if (o.json) fmt::print("[");
-  uint64_t const n = table->walk(limit, [&](void const* record) {
-    Zeb::String const strep = table->strep(record);
-    if (!o.json) {
-      fmt::print("{}\n", strep);
-      return;
-    }
-    Zeb::String trace;
-    if (text) {
-      Zeb::attributeOp(type, &trace, const_cast<void*>(record), text->id, Zeb::GenericIf::opCall);
-    }
-    fmt::print("{}\n  {{\"type\": {}, \"strep\": {}, \"text\": {}}}", first ? "" : ",",
-               jsonString(type.name), jsonString(strep), jsonString(trace));
-    first = false;
-  });
+  uint64_t n = 0;
+  try {
+    n = table->walk(limit, [&](void const* record) {
+      Zeb::String const strep = table->strep(record);
+      if (!o.json) {
+        fmt::print("{}\n", printable(strep));
+        return;
+      }
+      Zeb::String trace;
+      if (text) {
+        Zeb::attributeOp(type, &trace, const_cast<void*>(record), text->id, Zeb::GenericIf::opCall);
+      }
+      fmt::print("{}\n  {{\"type\": {}, \"strep\": {}, \"text\": {}}}", first ? "" : ",",
+                 jsonString(type.name), jsonString(strep), jsonString(trace));
+      first = false;
+    });
+  } catch (std::exception const& e) {
+    // The rows so far are out; the array they are in is closed with the
+    // reason as its last element, so the output stays one JSON document.
+    std::string const why = e.what();
+    if (o.json) fmt::print("{}\n  {{\"error\": {}}}\n]\n", first ? "" : ",", jsonString(why));
+    fmt::print(stderr, "flowtable: {}\n", printable(why));
+    return kFailure;
+  }
   if (o.json) fmt::print("\n]\n");
-  fmt::print(stderr, "{} rows of {}\n", n, s.name);
+  fmt::print(stderr, "{} rows of {}\n", n, printable(s.name));
   return kOk;
 }
 
@@ -306,16 +346,13 @@ int cmdGet(Options const& o) {
   } catch (Zeb::RangeException const& e) {
     throw UsageError(fmt::format("KEY is not a key of {}: {}", s.name, e.msg()));
   }
-  if (!found) {
-    fmt::print(stderr, "flowtable: no row with that key in {}\n", s.name);
-    return kFailure;
-  }
+  if (!found) return fail(o, fmt::format("no row with that key in {}", s.name), kFailure);
   Zeb::String const strep = table->strep(record.data());
   if (o.json) {
     fmt::print("{{\"type\": {}, \"strep\": {}}}\n", jsonString(table->rowType().name),
                jsonString(strep));
   } else {
-    fmt::print("{}\n", strep);
+    fmt::print("{}\n", printable(strep));
   }
   return kOk;
 }
@@ -348,14 +385,23 @@ int cmdCheck(Options const& o) {
   std::string error;
   bool ok = false;
   if (s.header) {
-    TempDir const copy;
-    copyTable(s.dir, copy.path() + "/" + s.name);
-    // From here on every table path names the copy.
-    Mem::RootPath::baseIs(copy.path());
-    auto table = openTable(s.header->valueType, s.name);
-    ok = table->check(s.header->maxSlots, error);
-    table.reset();
-    Mem::RootPath::baseIs(o.root);
+    // A table that cannot be opened or copied fails the check like one that
+    // does not validate: the answer is that reason.
+    try {
+      auto table = openTable(s.header->valueType, s.name);
+      TempDir const copy;
+      copyTable(s.dir, copy.path() + "/" + s.name, table->slotSize());
+      // While the table checks, every table path names the copy.
+      Mem::RootPath::baseIs(copy.path());
+      struct RootBack {
+        std::string root;
+        ~RootBack() { Mem::RootPath::baseIs(root); }
+      } const back{o.root};
+      ok = table->check(s.header->maxSlots, error);
+    } catch (Lomi::Exception const& e) {
+      ok = false;
+      error = e.msg();
+    }
   } else {
     error = s.headerError;
   }
@@ -365,7 +411,7 @@ int cmdCheck(Options const& o) {
   } else if (ok) {
     fmt::print("OK\n");
   } else {
-    fmt::print("{}\n", error);
+    fmt::print("{}\n", printable(error));
   }
   if (!ok && s.writerAlive) {
     fmt::print(stderr,
@@ -381,7 +427,11 @@ int cmdCheck(Options const& o) {
 int cmdDemo(Options& o) {
   wantArgs(o, 0);
   allowFlags(o, {"--flows"});
-  if (o.json) throw UsageError("demo has no --json output");
+  if (o.json) {
+    // The demo writes no JSON, its refusal included: stdout stays empty.
+    o.json = false;
+    throw UsageError("demo has no --json output");
+  }
   uint64_t const flows =
       o.flags.count("--flows") ? parseCount("--flows", o.flags.at("--flows")) : 100000;
   // Fewer flows than a thousand keep the tables at their smallest size, where
@@ -418,7 +468,7 @@ int cmdDemo(Options& o) {
 int main(int argc, char** argv) {
   Options o;
   try {
-    o = parse(argc, argv);
+    parse(argc, argv, o);
     if (o.help) {
       usage(stdout, o.command);
       return kOk;
@@ -442,16 +492,12 @@ int main(int argc, char** argv) {
     if (o.command == "check") return cmdCheck(o);
     throw UsageError(fmt::format("unknown command '{}'", o.command));
   } catch (UsageError const& e) {
-    fmt::print(stderr, "flowtable: {}\n", e.what());
+    int const code = fail(o, e.what(), kUsage);
     bool known = false;
     for (auto const& c : commands) known = known || o.command == c.name;
     usage(stderr, known ? o.command : std::string());
-    return kUsage;
-  } catch (Lomi::Exception const& e) {
-    fmt::print(stderr, "flowtable: {}\n", e.msg());
-    return kFailure;
+    return code;
   } catch (std::exception const& e) {
-    fmt::print(stderr, "flowtable: {}\n", e.what());
-    return kFailure;
+    return fail(o, e.what(), kFailure);
   }
 }
