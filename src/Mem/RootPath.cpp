@@ -89,6 +89,7 @@ NaoRootPath::NaoRootPath(Lomi::Platform::DebugHandler& handler, std::string name
   if (local_) return;
   std::string base = RootPath::base();
   path_ = base == "/" ? "/" + checkedName(name_) : base + "/" + checkedName(name_);
+  baseLength_ = base.size();
 }
 
 std::string NaoRootPath::dirName() const {
@@ -117,16 +118,46 @@ void NaoRootPath::createDirectories() const {
   for (size_t pos = 1; pos <= path_.size(); ++pos) {
     if (pos != path_.size() && path_[pos] != '/') continue;
     std::string prefix = path_.substr(0, pos);
+    bool const trusted = pos >= baseLength_;
     if (::mkdir(prefix.c_str(), 0755) == 0) {
       FMTRACE(*handler_, 2, "NaoRootPath", "created directory {}", prefix);
-      continue;
+    } else {
+      int err = errno;
+      struct stat st;
+      if (err != EEXIST || ::stat(prefix.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        if (err == EEXIST) err = ENOTDIR;
+        throw Lomi::InvalidInitializeException("cannot create directory of Mirak table {}: {}",
+                                               path_,
+                                               posixError(fmt::format("mkdir {}", prefix), err));
+      }
     }
-    int err = errno;
-    struct stat st;
-    if (err == EEXIST && ::stat(prefix.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) continue;
-    if (err == EEXIST) err = ENOTDIR;
-    throw Lomi::InvalidInitializeException("cannot create directory of Mirak table {}: {}", path_,
-                                           posixError(fmt::format("mkdir {}", prefix), err));
+    if (trusted) checkTrusted(prefix);
+  }
+}
+
+void NaoRootPath::checkTrusted(std::string const& dir) const {
+  struct stat st;
+  if (::lstat(dir.c_str(), &st) != 0) {
+    throw Lomi::InvalidInitializeException("cannot use directory of Mirak table {}: {}", path_,
+                                           posixError(fmt::format("lstat {}", dir), errno));
+  }
+  auto refuse = [&](std::string const& why) {
+    throw Lomi::InvalidInitializeException("refusing directory {} of Mirak table {}: {}", dir,
+                                           path_, why);
+  };
+  if (S_ISLNK(st.st_mode)) {
+    refuse("it is a symbolic link; make it a directory, or set the base beyond it");
+  }
+  uid_t const me = ::geteuid();
+  if (st.st_uid != me && st.st_uid != 0) {
+    refuse(
+        fmt::format("it is owned by uid {}, neither this process's user ({}) nor root; remove "
+                    "it or give it to this user",
+                    st.st_uid, me));
+  }
+  if ((st.st_mode & S_IWOTH) && !(st.st_mode & S_ISVTX)) {
+    refuse(fmt::format("anyone may write into it (mode {:o}) and it is not sticky; chmod o-w it",
+                       st.st_mode & 07777));
   }
 }
 

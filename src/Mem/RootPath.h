@@ -19,7 +19,12 @@
 //     them by `cleanup`) outside its own directory under the base.
 //   - createDirectories() makes the directory with its parents (mode 0755
 //     under the umask) and throws Lomi::InvalidInitializeException naming the
-//     path and the system's reason when it cannot.
+//     path and the system's reason when it cannot. It is the writer's way in,
+//     and it trusts only what a writer may: the base and every directory below
+//     it down to the table's must be a directory (no link), owned by this
+//     process's user or by root, and not writable by others unless sticky;
+//     anything else is refused with what to fix. Above the base nothing is
+//     checked: the base is the deployment's choice (/dev/shm/mirak, /tmp/x).
 #pragma once
 
 #include <string>
@@ -76,9 +81,14 @@ class NaoRootPath {
   }
 
  private:
+  // Throws unless `dir` may hold a writer's files (see createDirectories).
+  void checkTrusted(std::string const& dir) const;
+
   Lomi::Platform::DebugHandler* handler_;
   std::string name_;
   std::string path_;
+  // Length of the base within path_: the trusted part starts there.
+  size_t baseLength_ = 0;
   bool local_;
 };
 

@@ -126,6 +126,25 @@ int openSharedFile(std::string const& path, int flags, mode_t mode, std::string&
     errno = EINVAL;
     return -1;
   }
+  // A file this process will write must be its own and writable by nobody
+  // else: another user could cut it shorter under the writer, or rewrite it.
+  if ((flags & O_ACCMODE) != O_RDONLY) {
+    uid_t const me = ::geteuid();
+    if (st.st_uid != me) {
+      error = fmt::format(
+          "{} is owned by uid {}, not by this process's user ({}); remove it or give it to this "
+          "user",
+          path, st.st_uid, me);
+      errno = EPERM;
+      return -1;
+    }
+    if (st.st_mode & S_IWOTH) {
+      error = fmt::format("{} may be written by anyone (mode {:o}); chmod o-w it", path,
+                          st.st_mode & 07777);
+      errno = EPERM;
+      return -1;
+    }
+  }
   // Back to blocking reads and writes; on a regular file the flag is moot,
   // but the descriptor is the caller's and should not surprise it.
   int const fl = ::fcntl(fd.get(), F_GETFL);

@@ -8,7 +8,8 @@
 //   - O_NONBLOCK always, so that a FIFO in place of a file cannot block the
 //     open (it has no effect on a regular file);
 //   - the result must be a regular file, checked with fstat on the open
-//     descriptor, or it is closed and refused;
+//     descriptor, or it is closed and refused; a file opened for writing
+//     must also be owned by this process's user and not writable by others;
 //   - a file is replaced through a temporary made with O_CREAT|O_EXCL under
 //     an unpredictable name in the same directory, then renamed over the
 //     name: a link planted at a guessable temporary name is never followed.
