@@ -9,6 +9,7 @@
 #include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
+#include "Mem/WriterSentry.h"
 #include "Parcel/KestorFile.h"
 
 namespace Mem {
@@ -91,6 +92,10 @@ void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
   FMTRACE(handler_, 3, "ReaderSentry", "{} file:{} mask:{:#x}", rootPath_, change.name,
           change.mask);
   if (!enabled) return;
+  // A failed attach leaves the corruption marker; a sentry that took its own
+  // write for news would attach, fail and write again without end. The
+  // marker is for the writer's sentry; failures here wait for the timer.
+  if (change.name == WriterSentry::kMarkerName) return;
   bool const attached = notifiee_->readerFullyAttached();
   if (isKestor(change.name)) {
     if (change.mask & (IN_DELETE | IN_MOVED_FROM)) {

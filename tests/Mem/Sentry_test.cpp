@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -188,6 +189,23 @@ TEST_F(ReaderSentryTest, AFailedAttachIsRetriedOnTheNextChangeOfTheDirectory) {
   std::ofstream(root.filePath("buckets")).put('x');
   ASSERT_TRUE(runUntil([&] { return coll.attached; }));
   EXPECT_EQ(coll.calls.back(), "attach change");
+}
+
+// A reader's failed attach leaves the corruption marker; the sentry does not
+// take its own write for news (that was a busy loop at full CPU): failures
+// are retried by the timer alone, with growing delays.
+TEST_F(ReaderSentryTest, TheMarkerOfAFailedAttachDoesNotWakeTheSentry) {
+  writeKestor(3);
+  coll.succeed = false;
+  coll.onAttach = [&] {
+    std::ofstream(root.filePath(Mem::WriterSentry::kMarkerName), std::ios::trunc) << "damaged";
+  };
+  auto s = start();
+  auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+  while (std::chrono::steady_clock::now() < end) loop.runOnce(0.01);
+  // 10, 20, 40, 80 and 160 ms of backoff fit in 300 ms: 6 attempts at most.
+  EXPECT_LE(coll.count("attach"), 6);
+  EXPECT_GE(coll.count("attach retry"), 2);
 }
 
 TEST_F(ReaderSentryTest, ADisabledSentryStartsNothingUntilTheFlushIsComplete) {
