@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "Mem/Error.h"
+#include "Mem/Fd.h"
 
 namespace Mem {
 
@@ -27,26 +28,6 @@ Split split(std::string const& path) {
   if (slash == 0) return {"/", path.substr(1)};
   return {path.substr(0, slash), path.substr(slash + 1)};
 }
-
-// Closes on scope exit unless released.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-  int release() {
-    int const fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
 
 char const* kindOf(mode_t m) {
   if (S_ISDIR(m)) return "a directory";

@@ -12,6 +12,7 @@
 
 #include "Lomi/Exception.h"
 #include "Mem/Error.h"
+#include "Mem/Fd.h"
 #include "Mem/SharedGround.h"
 
 namespace Parcel::Impl {
@@ -37,31 +38,12 @@ std::string localKey(std::string const& table, std::string_view record) {
   return key;
 }
 
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-
- private:
-  int fd_;
-};
-
 }  // namespace
 
 std::optional<std::string> readSmallFile(std::string const& path, size_t maxSize,
                                          std::string& error) {
   std::string openError;
-  Fd fd(Mem::openSharedFile(path, O_RDONLY, 0, openError));
+  Mem::Fd fd(Mem::openSharedFile(path, O_RDONLY, 0, openError));
   if (fd.get() < 0) {
     if (errno != ENOENT) error = openError;
     return std::nullopt;

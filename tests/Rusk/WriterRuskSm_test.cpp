@@ -26,15 +26,20 @@ Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("test.WriterRuskSm");
 }
 
-// A client connection to an abstract name, kept open; -1 on failure.
-int connectTo(std::string const& printable) {
-  sockaddr_un addr;
+// The address of an abstract name given in printable form ('@' first).
+socklen_t abstractAddress(std::string const& printable, sockaddr_un& addr) {
   std::memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
   std::memcpy(addr.sun_path, printable.data(), printable.size());
   addr.sun_path[0] = '\0';
+  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + printable.size());
+}
+
+// A client connection to an abstract name, kept open; -1 on failure.
+int connectTo(std::string const& printable) {
+  sockaddr_un addr;
+  socklen_t const len = abstractAddress(printable, addr);
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + printable.size());
   if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
     ::close(fd);
     return -1;
@@ -45,12 +50,8 @@ int connectTo(std::string const& printable) {
 // A listener on an abstract name, as anyone could bind it; -1 on failure.
 int listenOn(std::string const& printable) {
   sockaddr_un addr;
-  std::memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, printable.data(), printable.size());
-  addr.sun_path[0] = '\0';
+  socklen_t const len = abstractAddress(printable, addr);
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + printable.size());
   if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(fd, 1) != 0) {
     ::close(fd);
     return -1;

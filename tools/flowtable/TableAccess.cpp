@@ -20,6 +20,7 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Error.h"
+#include "Mem/Fd.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedGround.h"
 #include "Mem/WriterLock.h"
@@ -46,28 +47,13 @@ constexpr char kSlotFile[] = "slots";
 // the walk holds one descriptor per level.
 constexpr int kMaxDepth = 32;
 
-// Closes on scope exit.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd const&) = delete;
-  Fd& operator=(Fd const&) = delete;
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // The fixed part of the slot header, read with one pread: no mapping, and so
 // nothing that a writer's resize could pull away. On failure `error` says why
 // and `missing` whether there is no file of that name at all.
 std::optional<Mirak::SlotTable::Header> readHeader(std::string const& path, std::string& error,
                                                    bool* missing = nullptr) {
   std::string openError;
-  Fd const fd(Mem::openSharedFile(path, O_RDONLY, 0, openError));
+  Mem::Fd const fd(Mem::openSharedFile(path, O_RDONLY, 0, openError));
   if (fd.get() < 0) {
     if (missing) *missing = errno == ENOENT || errno == ENOTDIR;
     error = openError;
@@ -157,7 +143,7 @@ void walk(int fd, std::string const& root, std::string const& rel, int depth,
       unwalked.push_back({sub, fmt::format("is deeper than {} levels; not walked", kMaxDepth)});
       continue;
     }
-    Fd const child(
+    Mem::Fd const child(
         ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (child.get() < 0) {
       unwalked.push_back({sub, Mem::posixError(fmt::format("open {}/{}", root, sub), errno)});
@@ -170,7 +156,7 @@ void walk(int fd, std::string const& root, std::string const& rel, int depth,
 // Allocated bytes of the regular files directly in `dir`; false with `error`
 // when it cannot be listed.
 bool bytesOnDisk(std::string const& dir, uint64_t& total, std::string& error) {
-  Fd const fd(Mem::openSharedDirectory(dir, O_NONBLOCK, error));
+  Mem::Fd const fd(Mem::openSharedDirectory(dir, O_NONBLOCK, error));
   if (fd.get() < 0) return false;
   std::vector<std::pair<std::string, mode_t>> entries;
   if (!listDirectory(fd.get(), dir, entries, error)) return false;
@@ -192,7 +178,7 @@ void readKestor(Mem::NaoRootPath const& path, TableSummary& s) {
   s.kestor = file.read().value();
   if (s.kestor != 0) return;
   std::string error;
-  Fd const fd(Mem::openSharedFile(file.path(), O_RDONLY, 0, error));
+  Mem::Fd const fd(Mem::openSharedFile(file.path(), O_RDONLY, 0, error));
   if (fd.get() < 0) {
     if (errno != ENOENT) s.errors.push_back(error);
     return;
@@ -230,7 +216,7 @@ TableSummary summarizeDir(std::string const& root, std::string const& name) {
 }  // namespace
 
 Listing listTables(std::string const& root) {
-  Fd const fd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+  Mem::Fd const fd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
   if (fd.get() < 0) {
     throw Lomi::InvalidInitializeException("cannot read the root {}: {}", root,
                                            Mem::posixError("open", errno));
@@ -497,7 +483,7 @@ void copyTable(std::string const& from, std::string const& to, uint32_t slotSize
   for (char const* name : names) {
     std::string const path = from + "/" + name;
     std::string error;
-    Fd const in(Mem::openSharedFile(path, O_RDONLY, 0, error));
+    Mem::Fd const in(Mem::openSharedFile(path, O_RDONLY, 0, error));
     if (in.get() < 0) {
       if (errno == ENOENT) continue;  // the validation says what is missing
       throw Lomi::RuntimeException("{}", error);
@@ -511,7 +497,7 @@ void copyTable(std::string const& from, std::string const& to, uint32_t slotSize
       if (readAt(in.get(), &h, sizeof h, 0)) mostSlots = h.mostSlots;
     }
     std::string const target = to + "/" + name;
-    Fd const out(
+    Mem::Fd const out(
         ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (out.get() < 0) {
       throw Lomi::RuntimeException("{}", Mem::posixError(fmt::format("create {}", target), errno));
