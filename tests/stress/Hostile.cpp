@@ -235,9 +235,11 @@ std::string figures(std::map<std::string, uint64_t> const& counts) {
   return fmt::format("{}", fmt::join(out, ", "));
 }
 
-// The reader's outcomes as the figures count them.
-constexpr char const* kFigureOf[] = {"rows found", "refused attach", "named error", "named error",
-                                     "rows found", "unnamed error",  "crashed",     "hung"};
+// The reader's outcomes as the figures count them: rows found are right or
+// wrong (the damage hid rows, or showed removed ones, and nothing noticed).
+constexpr char const* kFigureOf[] = {
+    "rows found",         "refused attach", "named error", "named error",
+    "rows found (wrong)", "unnamed error",  "crashed",     "hung"};
 static_assert(std::size(kFigureOf) == std::size(kReadNames));
 
 }  // namespace
