@@ -14,8 +14,8 @@
 // a tool run that changed the table directory's listing (names, kinds, sizes,
 // mtimes); rows read through a link in place of the slot or bucket file or
 // the directory. Case c of a run with --seed S is the only case of a run with
-// --seed S+c (but each run makes its golden table under a hash seed of its
-// own, so rewired links may fall in other chains: the words are printed).
+// --seed S+c; the words rewired are printed as well, since the chains follow
+// the hash seed the golden table's writer drew.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
