@@ -33,101 +33,13 @@ namespace {
 using namespace FlowTrackingTest;
 namespace fs = std::filesystem;
 
-// The config table: it has the change queue's files as well.
-using CRecord = FlowTracking::HoIpFlowConfig;
-using CValue = FlowTracking::TableValue<CRecord>;
 constexpr char kTable[] = "stress/corrupt";
-constexpr uint32_t kRows = 600;
-constexpr uint32_t kIds = 800;
 constexpr int kBoundMs = 10000;
-
-// Row i of the golden table: 0..599 written, 100..199 removed again (so the
-// free list is long), 0..49 overwritten.
-bool goldenHas(uint32_t id) {
-  return id < kRows && !(id >= 100 && id < 200);
-}
-CValue goldenRow(uint32_t id) {
-  return row<CRecord>(id, id < 50 ? 2 : 1);
-}
-// The id of a row of the golden key space, from its flow key's source address.
-uint32_t idOfRow(CValue const& v) {
-  return v.key().ipFlowKey().srcAddr().value() - 0x0a000000u;
-}
-
-void writeGolden() {
-  auto w = makeSharedWriter<CRecord>(kTable, workloadDescriptor(4096));
-  for (uint32_t i = 0; i < kRows; i++) w->write(row<CRecord>(i, 1), true);
-  CValue removed;
-  for (uint32_t i = 100; i < 200; i++) w->remove(row<CRecord>(i).key(), removed);
-  for (uint32_t i = 0; i < 50; i++) w->write(goldenRow(i), true);
-}
-
-enum class ReadOutcome : uint32_t {
-  correct,
-  refused,
-  detected,
-  wrongRows,
-  otherException,
-  crashed,
-  hung
-};
-constexpr char const* kReadNames[] = {"correct rows", "attach refused",  "damage detected",
-                                      "wrong rows",   "other exception", "crashed",
-                                      "hung"};
+using CValue = ConfigValue;
 
 enum class StartOutcome : uint32_t { adopted, reformatted, adoptedInvalid, threw, crashed, hung };
 constexpr char const* kStartNames[] = {"adopted (validates)", "re-formatted", "adopted invalid",
                                        "start threw",         "crashed",      "hung"};
-
-struct ChildReport {
-  uint32_t outcome = 0;
-  char text[200] = {};
-};
-
-void noteText(ChildReport& r, std::string const& s) {
-  std::snprintf(r.text, sizeof r.text, "%s", s.c_str());
-}
-
-ChildReport readerCase() {
-  ChildReport rep;
-  auto reader = makeReader<CRecord>(kTable);
-  try {
-    if (!reader->initialize("corrupt")) {
-      rep.outcome = static_cast<uint32_t>(ReadOutcome::refused);
-      return rep;
-    }
-    uint32_t wrong = 0;
-    for (uint32_t id = 0; id < kIds; id++) {
-      bool found = false;
-      CValue buffer;
-      CValue const* v = reader->lookup(row<CRecord>(id).key(), found, &buffer);
-      if (found != goldenHas(id) || (found && !(*v == goldenRow(id)))) wrong++;
-    }
-    CValue v;
-    Mirak::IterHint hint;
-    uint32_t walked = 0;
-    for (bool ok = reader->first(v, hint); ok; ok = reader->next(v.fwkKey(), v, hint)) {
-      if (++walked > 100 * kRows) {
-        rep.outcome = static_cast<uint32_t>(ReadOutcome::hung);
-        noteText(rep, "the walk did not end");
-        return rep;
-      }
-      uint32_t const id = idOfRow(v);
-      if (!goldenHas(id) || !(v == goldenRow(id))) wrong++;
-    }
-    uint32_t const live = kRows - 100;
-    if (walked != live) wrong++;
-    rep.outcome = static_cast<uint32_t>(wrong ? ReadOutcome::wrongRows : ReadOutcome::correct);
-    if (wrong) noteText(rep, fmt::format("{} wrong answers, walk {} of {}", wrong, walked, live));
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    rep.outcome = static_cast<uint32_t>(ReadOutcome::detected);
-    noteText(rep, e.msg());
-  } catch (std::exception const& e) {
-    rep.outcome = static_cast<uint32_t>(ReadOutcome::otherException);
-    noteText(rep, e.what());
-  }
-  return rep;
-}
 
 ChildReport writerCase() {
   ChildReport rep;
@@ -139,51 +51,25 @@ ChildReport writerCase() {
       before = k.read();
     }
     TraceCapture trace;
-    auto w = makeSharedWriter<CRecord>(kTable, workloadDescriptor(4096));
+    auto w = makeSharedWriter<ConfigRecord>(kTable, workloadDescriptor(4096));
     bool const reformatted = trace.contains("will be lost") || w->kestorId() != before;
     if (reformatted) {
       rep.outcome = static_cast<uint32_t>(StartOutcome::reformatted);
-      noteText(rep, trace.reformatReason());
+      rep.note(trace.reformatReason());
       if (!w->validate()) {
         rep.outcome = static_cast<uint32_t>(StartOutcome::adoptedInvalid);
-        noteText(rep, "the re-formatted table does not validate");
+        rep.note("the re-formatted table does not validate");
       }
     } else {
       std::string error;
       bool const ok = w->validate(w->kestorId(), error, false);
       rep.outcome =
           static_cast<uint32_t>(ok ? StartOutcome::adopted : StartOutcome::adoptedInvalid);
-      noteText(rep, error);
+      rep.note(error);
     }
   } catch (std::exception const& e) {
     rep.outcome = static_cast<uint32_t>(StartOutcome::threw);
-    noteText(rep, e.what());
-  }
-  return rep;
-}
-
-// Runs `body` in a child with the bound; a signal is "crashed", the bound
-// "hung".
-template <typename Outcome>
-ChildReport runBounded(std::function<ChildReport()> body) {
-  RecordPipe up;
-  pid_t const pid = forkChild([&]() -> int {
-    up.send(body());
-    return 0;
-  });
-  up.closeWrite();
-  ChildReport rep;
-  bool const got = up.receive(rep, kBoundMs);
-  int const status = reap(pid, got ? kDeadlineMs : 1);
-  if (!got) {
-    if (status == -1) {
-      rep.outcome = static_cast<uint32_t>(Outcome::hung);
-      noteText(rep, "no answer within the bound");
-    } else {
-      rep.outcome = static_cast<uint32_t>(Outcome::crashed);
-      noteText(rep, WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
-                                        : fmt::format("exit status {}", WEXITSTATUS(status)));
-    }
+    rep.note(e.what());
   }
   return rep;
 }
@@ -249,7 +135,7 @@ int runCorrupt(Options const& o) {
   std::string const golden = root.path() + "/golden";
   {
     pid_t const pid = forkChild([] {
-      writeGolden();
+      writeGolden(kTable);
       return 0;
     });
     if (!exitedWith(reap(pid), 0)) {
@@ -259,7 +145,7 @@ int runCorrupt(Options const& o) {
   }
   fs::copy(dir, golden, fs::copy_options::recursive);
   std::mt19937_64 rng(o.seed);
-  uint64_t reads[7] = {};
+  uint64_t reads[std::size(kReadNames)] = {};
   uint64_t starts[6] = {};
   std::map<std::string, uint64_t> filesHit;
   uint64_t wrongOutsideValues = 0;
@@ -275,12 +161,12 @@ int runCorrupt(Options const& o) {
       where += fmt::format(" {}@{}", f.file, f.offset);
       anyInValue = anyInValue || f.inValue;
     }
-    ChildReport const r = runBounded<ReadOutcome>(readerCase);
+    ChildReport const r = runBounded<ReadOutcome>([] { return readGolden(kTable); }, kBoundMs);
     reads[r.outcome]++;
     auto const ro = static_cast<ReadOutcome>(r.outcome);
     if (ro == ReadOutcome::wrongRows && !anyInValue) wrongOutsideValues++;
     if (ro == ReadOutcome::crashed || ro == ReadOutcome::hung ||
-        ro == ReadOutcome::otherException ||
+        ro == ReadOutcome::otherException || ro == ReadOutcome::named ||
         (ro == ReadOutcome::wrongRows && !anyInValue && o.verbose)) {
       if (ro != ReadOutcome::wrongRows) {
         failures.push_back(fmt::format("case {} reader {}: {} (flips{})", c, kReadNames[r.outcome],
@@ -289,7 +175,7 @@ int runCorrupt(Options const& o) {
         fmt::print("corrupt: case {} wrong rows outside values: {} (flips{})\n", c, r.text, where);
       }
     }
-    ChildReport const s = runBounded<StartOutcome>(writerCase);
+    ChildReport const s = runBounded<StartOutcome>(writerCase, kBoundMs);
     starts[s.outcome]++;
     auto const so = static_cast<StartOutcome>(s.outcome);
     if (so != StartOutcome::adopted && so != StartOutcome::reformatted) {
@@ -304,7 +190,8 @@ int runCorrupt(Options const& o) {
   std::string files;
   for (auto const& [f, n] : filesHit) files += fmt::format(" {}:{}", f, n);
   std::string readLine, startLine;
-  for (int i = 0; i < 7; i++) readLine += fmt::format(" {} {},", kReadNames[i], reads[i]);
+  for (size_t i = 0; i < std::size(kReadNames); i++)
+    readLine += fmt::format(" {} {},", kReadNames[i], reads[i]);
   for (int i = 0; i < 6; i++) startLine += fmt::format(" {} {},", kStartNames[i], starts[i]);
   fmt::print("corrupt: cases {} files hit{}\n", o.cases, files);
   fmt::print("corrupt: reader:{} (wrong rows with no flip inside a value: {})\n", readLine,

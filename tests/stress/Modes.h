@@ -17,5 +17,8 @@ int runCorpus(Options const& o);
 // Readers that hold walk hints and version anchors across compaction,
 // regrowth, bucket resizes and re-formats (o.restarts writer restarts).
 int runHints(Options const& o);
+// Table directories with rewired links, cut files, FIFOs and links planted in
+// them, then a reader and the operator's tool.
+int runHostile(Options const& o);
 
 }  // namespace Stress

@@ -394,6 +394,80 @@ ReaderFigures readUntil(std::string const& name, uint32_t ids, uint32_t pinned, 
   return f;
 }
 
+bool goldenHas(uint32_t id) {
+  return id < kGoldenRows && !(id >= 100 && id < 200);
+}
+
+ConfigValue goldenRow(uint32_t id) {
+  return FlowTrackingTest::row<ConfigRecord>(id, id < 50 ? 2 : 1);
+}
+
+void writeGolden(std::string const& name) {
+  using FlowTrackingTest::row;
+  auto w = FlowTrackingTest::makeSharedWriter<ConfigRecord>(name, workloadDescriptor(4096));
+  for (uint32_t i = 0; i < kGoldenRows; i++) w->write(row<ConfigRecord>(i, 1), true);
+  ConfigValue removed;
+  for (uint32_t i = 100; i < 200; i++) w->remove(row<ConfigRecord>(i).key(), removed);
+  for (uint32_t i = 0; i < 50; i++) w->write(goldenRow(i), true);
+}
+
+void ChildReport::note(std::string const& s) {
+  std::snprintf(text, sizeof text, "%s", s.c_str());
+}
+
+ChildReport readGolden(std::string const& name, std::function<void()> const& midway) {
+  using FlowTrackingTest::row;
+  ChildReport rep;
+  auto const is = [&](ReadOutcome o, std::string const& text) {
+    rep.outcome = static_cast<uint32_t>(o);
+    rep.note(text);
+    return rep;
+  };
+  auto reader = FlowTrackingTest::makeReader<ConfigRecord>(name);
+  try {
+    if (!reader->initialize("golden")) return is(ReadOutcome::refused, "");
+    uint32_t wrong = 0;
+    auto const lookups = [&] {
+      for (uint32_t id = 0; id < kGoldenIds; id++) {
+        bool found = false;
+        ConfigValue buffer;
+        ConfigValue const* v = reader->lookup(row<ConfigRecord>(id).key(), found, &buffer);
+        if (found != goldenHas(id) || (found && !(*v == goldenRow(id)))) wrong++;
+      }
+    };
+    if (midway) {
+      lookups();
+      midway();
+      wrong = 0;
+    }
+    lookups();
+    ConfigValue v;
+    Mirak::IterHint hint;
+    uint32_t walked = 0;
+    for (bool ok = reader->first(v, hint); ok; ok = reader->next(v.fwkKey(), v, hint)) {
+      if (++walked > 100 * kGoldenRows) return is(ReadOutcome::hung, "the walk did not end");
+      // The row's id, from its flow key's source address.
+      uint32_t const id = v.key().ipFlowKey().srcAddr().value() - 0x0a000000u;
+      if (!goldenHas(id) || !(v == goldenRow(id))) wrong++;
+    }
+    uint32_t const live = kGoldenRows - 100;
+    if (walked != live) wrong++;
+    if (wrong) {
+      return is(ReadOutcome::wrongRows,
+                fmt::format("{} wrong answers, walk {} of {}", wrong, walked, live));
+    }
+    return is(ReadOutcome::correct, "");
+  } catch (Lomi::Exception const& e) {
+    bool const corrupt = dynamic_cast<Lomi::CorruptionDetectedException const*>(&e) != nullptr;
+    if (e.msg().empty()) return is(ReadOutcome::otherException, "an exception with no message");
+    return is(corrupt ? ReadOutcome::detected : ReadOutcome::named, e.msg());
+  } catch (std::exception const& e) {
+    return is(ReadOutcome::otherException, e.what());
+  } catch (...) {
+    return is(ReadOutcome::otherException, "an exception of no known type");
+  }
+}
+
 TraceCapture::TraceCapture() {
   FlowTrackingTest::readerTestHandler().maskIs(0x3);
   Lomi::Platform::traceSinkIs([this](std::string_view line) { lines_.emplace_back(line); });

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 
@@ -232,5 +234,79 @@ class TraceCapture {
  private:
   std::vector<std::string> lines_;
 };
+
+// The table of the damage modes (corrupt, hostile): the config table, which
+// has the change queue's files as well. Its golden rows: ids 0..599 written,
+// 100..199 removed again (so the free list is long), 0..49 overwritten.
+using ConfigRecord = FlowTracking::HoIpFlowConfig;
+using ConfigValue = FlowTracking::TableValue<ConfigRecord>;
+constexpr uint32_t kGoldenRows = 600;
+// Lookups of the golden table ask for every id below this.
+constexpr uint32_t kGoldenIds = 800;
+bool goldenHas(uint32_t id);
+ConfigValue goldenRow(uint32_t id);
+// Writes the golden table `name` on the current root; the writer then lets
+// go of it and its files stay.
+void writeGolden(std::string const& name);
+
+// What a bounded child of a damage mode sends up its pipe.
+struct ChildReport {
+  uint32_t outcome = 0;
+  char text[200] = {};
+  void note(std::string const& s);
+};
+
+// How a reader of a damaged golden table ended.
+enum class ReadOutcome : uint32_t {
+  correct,
+  refused,
+  // Lomi::CorruptionDetectedException.
+  detected,
+  // Another Lomi::Exception with a message.
+  named,
+  wrongRows,
+  // Anything else thrown, or a Lomi::Exception with no message.
+  otherException,
+  crashed,
+  hung
+};
+inline constexpr char const* kReadNames[] = {
+    "correct rows", "attach refused",  "damage detected", "named exception",
+    "wrong rows",   "other exception", "crashed",         "hung"};
+
+// A reader of the golden table `name`: initialize, a lookup of every id below
+// kGoldenIds and a whole walk, each answer compared with the golden rows; a
+// walk that returns more than 100 times the golden rows is "hung". With
+// `midway`, the reader first looks up every id (which maps every file), then
+// calls `midway` and goes on as above over its mappings.
+ChildReport readGolden(std::string const& name, std::function<void()> const& midway = {});
+
+// Runs `body` in a child and waits for its report up to `boundMs`: a child
+// that ends without one (a signal, an exit) is Outcome::crashed, one still
+// running at the bound is killed and Outcome::hung.
+template <typename Outcome>
+ChildReport runBounded(std::function<ChildReport()> const& body, int boundMs) {
+  using namespace FlowTrackingTest;
+  RecordPipe up;
+  pid_t const pid = forkChild([&]() -> int {
+    up.send(body());
+    return 0;
+  });
+  up.closeWrite();
+  ChildReport rep;
+  bool const got = up.receive(rep, boundMs);
+  int const status = reap(pid, got ? kDeadlineMs : 1);
+  if (!got) {
+    if (status == -1) {
+      rep.outcome = static_cast<uint32_t>(Outcome::hung);
+      rep.note("no answer within the bound");
+    } else {
+      rep.outcome = static_cast<uint32_t>(Outcome::crashed);
+      rep.note(WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
+                                   : fmt::format("exit status {}", WEXITSTATUS(status)));
+    }
+  }
+  return rep;
+}
 
 }  // namespace Stress

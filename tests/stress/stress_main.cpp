@@ -5,6 +5,8 @@
 //   corpus   the seed corpora of the fuzz targets, into --dir
 //   hints    readers that hold walk hints and version anchors across
 //            compaction, regrowth, bucket resizes and re-formats (--restarts)
+//   hostile  table directories with rewired links, cut files, FIFOs and
+//            planted links, then a reader and the operator's tool (--cases)
 // Exit code 0 when every check of the mode held, 1 when one failed, 2 on bad
 // usage.
 #include <cstdio>
@@ -19,7 +21,7 @@ namespace {
 
 void usage() {
   std::fprintf(stderr,
-               "usage: stress torn|crash|corrupt|corpus|hints [--seconds S] [--trials N] "
+               "usage: stress torn|crash|corrupt|corpus|hints|hostile [--seconds S] [--trials N] "
                "[--cases N]\n"
                "              [--readers N] [--ids N] [--high N] [--low N] [--restarts N] "
                "[--seed N]\n"
@@ -47,6 +49,7 @@ int main(int argc, char** argv) {
   if (mode == "corrupt") return Stress::runCorrupt(options);
   if (mode == "corpus") return Stress::runCorpus(options);
   if (mode == "hints") return Stress::runHints(options);
+  if (mode == "hostile") return Stress::runHostile(options);
   std::fprintf(stderr, "stress: unknown mode '%s'\n", mode.c_str());
   usage();
   return 2;
