@@ -294,9 +294,20 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   }
   // A re-format carries the size version on, so that a reader still mapping
   // the old generation sees it move (and never meets a version it knew).
+  // Before anything is taken from under such a reader (the tail released
+  // below, the slots formatted), the new kestor and a moved version are
+  // published: a reader that then reads a released or formatted slot finds
+  // the kestor changed and answers as detached instead of reporting damage
+  // (MirakReader::reformatted). The format publishes the new size with the
+  // version after that.
   uint32_t numSlotsVersion = 0;
   if (existing >= sizeof(SlotTable::Header)) {
-    numSlotsVersion = Mem::loadAcquire(header_->numSlots).version + 1;
+    Mem::VersionedRef<unsigned int> const old = Mem::loadAcquire(header_->numSlots);
+    Mem::storeRelease(header_->kestor, kestor.value());
+    Mem::storeRelease(header_->numSlots,
+                      Mem::VersionedRef<unsigned int>{old.version + 1, old.value});
+    Mem::releaseFence();
+    numSlotsVersion = old.version + 2;
   }
   if (existing != 0) {
     // Re-format: take the file as it stands, then bring it to the size for
