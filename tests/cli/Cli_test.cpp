@@ -631,6 +631,11 @@ TEST_F(Cli, CheckCopiesOnlyTheTablesFilesUpToTheirMappedSize) {
 // With few descriptors left, `ls` lists every table or fails saying what it
 // could not read; it never answers with a short listing and exit code 0.
 TEST_F(Cli, LsShortOfDescriptorsFailsLoudlyNeverWithAShortList) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // A sanitizer's runtime needs descriptors of its own and reports false
+  // faults without them; the plain build runs this case.
+  GTEST_SKIP() << "the sanitizer runtime itself needs the descriptors this case takes away";
+#endif
   std::string const root = root_ + "-fds";
   copyTableTo(root + "/" + kTable);
   bool sawList = false, sawFailure = false;
