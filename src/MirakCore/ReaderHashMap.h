@@ -98,6 +98,12 @@ class ReaderHashMap {
   static bool after(uint32_t rhash, Key const& key, uint32_t thanRhash, Key const& thanKey) {
     return rhash > thanRhash || (rhash == thanRhash && Ops::keyLess(thanKey, key));
   }
+  // Whether `key` lies after `than` in table order, by the hashes of the keys
+  // themselves: the rhash words of a damaged file may say anything, and a
+  // walk that trusted them could come back on itself.
+  bool keyAfter(Key const& key, uint32_t thanRhash, Key const& than) const {
+    return after(Lomi::Util::reverse(hashOf(key)), key, thanRhash, than);
+  }
   bool nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const;
   Mirak::SlotReaderTable<Ops>& slots() const { return reader_->slotTable(); }
   Mirak::Reader::Counters& counters() const { return reader_->counters(); }
@@ -306,9 +312,8 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
   // path, which finds its place from the key. Only the slow path's checks
   // stand as corruption.
   //
-  // Every entry `next` returns lies strictly after `key` in table order; the
-  // fast path checks it against the rhash of the hint's slot (the key's own
-  // while the word matches), the slow path finds it so. A walk can therefore
+  // Every entry `next` returns lies strictly after `key` in table order, by
+  // the hashes of both keys (keyAfter), whatever the rhash words say. A walk can therefore
   // not come back on itself, whatever the links of a damaged file say: it
   // returns at most as many entries as the table holds, then ends or throws.
   if (hint.slotIndex < table.capacity() && hint.bucket < n) {
@@ -316,7 +321,7 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
     // 1, 2: the hint's slot still holds the entry the caller saw.
     Link const link = Mem::loadAcquire(from.link);
     if (Mem::loadAcquire(from.versionFlags) == hint.versionFlags) {
-      uint32_t const keyRhash = Mem::loadRelaxed(from.rhash);
+      uint32_t const keyRhash = Lomi::Util::reverse(hashOf(key));
       // 3
       if (Link::isEndOfChain(link.next)) {
         uint32_t const nextBucket = link.next == Link::kEndOfTable ? 0 : Link::indexOf(link.next);
@@ -330,7 +335,7 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
           Mirak::IterHint const before = hint;
           uint32_t rhash = 0;
           if (!first(nextBucket, value, hint, &rhash)) return false;
-          if (after(rhash, Ops::key(value), keyRhash, key)) return true;
+          if (keyAfter(Ops::key(value), keyRhash, key)) return true;
           hint = before;
         }
         return nextSlow(key, value, hint);
@@ -346,7 +351,7 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
                                                   link.next, keyHex(slotKey));
         }
         // 7
-        if (!keyFits(slotKey, hint.bucket) || !after(read.rhash, slotKey, keyRhash, key)) {
+        if (!keyFits(slotKey, hint.bucket) || !keyAfter(slotKey, keyRhash, key)) {
           return nextSlow(key, value, hint);
         }
         // 8
@@ -407,6 +412,10 @@ bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHi
         if (read.rhash == target && linkMoved(prevVersion)) break;
         // 5
         keyCheck(slotKey, bucket, KeyCheck::next);
+        if (!keyAfter(slotKey, target, key)) {
+          throw Lomi::CorruptionDetectedException("walk order broken: key:{} slot {} after key:{}",
+                                                  keyHex(slotKey), curr, keyHex(key));
+        }
         hint = Mirak::IterHint{read.word, curr, bucket};
         FMTRACE(handler_, 9, "ReaderHashMap", "{} success {}, saving {}", Ops::keyText(key),
                 Ops::keyText(slotKey), hint);
@@ -432,7 +441,7 @@ bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHi
     FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {}", Ops::keyText(key), nextBucket);
     uint32_t rhash = 0;
     if (!first(nextBucket, value, hint, &rhash)) return false;
-    if (!after(rhash, Ops::key(value), target, key)) {
+    if (!keyAfter(Ops::key(value), target, key)) {
       throw Lomi::CorruptionDetectedException("walk order broken: key:{} bucket {} after key:{}",
                                               keyHex(Ops::key(value)), nextBucket, keyHex(key));
     }
