@@ -62,6 +62,7 @@
 #include "Parcel/OwnerFile.h"
 #include "Parcel/TunnetInfo.h"
 #include "Rusk/WriterRuskSm.h"
+#include "Tessel/TesselFormat.h"
 
 namespace Mirak {
 
@@ -283,6 +284,8 @@ MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const
       tessel_(rootPath_.isLocal() ? std::string() : rootPath_.path(), handler),
       typeName_(Ops::ValueOps::typeName()) {
   if (TesselWriter::hasQueue && !localMem_) rusk_ = std::make_unique<Rusk::WriterRuskSm>(handler);
+  // Given, negated: pruneQueue asks for PruneMode::prune (0).
+  tessel_.pruneModeIs(static_cast<Tessel::PruneMode>(!desc.pruneQueue));
 }
 
 template <TablePolicy OpsT>
@@ -614,8 +617,10 @@ uint32_t MirakWriter<OpsT>::allocSlot(uint32_t hash, Link*& prev, Link*& curr) {
     int64_t const currOffset = toOffset(curr);
     if (!slots_.grow()) slots_.alloc();
     h = slots_.header();
-    // The queue keeps one back reference per slot the table ever had.
-    tessel_.mostSlotsIs(h->mostSlots);
+    // The queue keeps one back reference per slot the table ever had. If its
+    // header cannot grow now, the notify of a slot beyond it tries again and
+    // tells the readers to sweep if that fails too: the write goes on.
+    (void)tessel_.mostSlotsIs(h->mostSlots);
     // 4
     if (slots_.base() != oldBase) {
       if (prevOffset >= 0) prev = reinterpret_cast<Link*>(slots_.base() + prevOffset);
@@ -814,6 +819,16 @@ void MirakWriter<OpsT>::doMaybeShrinkSlots(uint32_t threshold) {
   purgeFreeSlots(n);
   // 5
   tessel_.markShrinkStart();
+  // The table is consistent between two moves; if a critical task throws
+  // between them, the corral still closes on the way out, or every later
+  // shrink would find the marker set and skip.
+  struct CorralCloser {
+    TesselWriter& tessel;
+    bool open = true;
+    ~CorralCloser() {
+      if (open) tessel.markShrinkEnd();
+    }
+  } corral{tessel_};
   // 6
   MirakCore::CriticalTaskClock clock(criticalTaskCheck_);
   // 7: the mapping does not move before step 10.
@@ -841,6 +856,7 @@ void MirakWriter<OpsT>::doMaybeShrinkSlots(uint32_t threshold) {
     clock.tick();
   }
   // 8
+  corral.open = false;
   tessel_.markShrinkEnd();
   // 9, 10
   FMTRACE(handler_, 5, "MirakWriter", "newNumSlots:{}", n);
@@ -1072,6 +1088,12 @@ void MirakWriter<OpsT>::directCommit() {
            "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
   uint32_t const index = directSlot_;
   SlotT& s = slots_.slots()[index];
+  // directUpdate left the critical section while the client filled the
+  // lookaside slot. The stores below change a visible slot and the notify
+  // comes after them: a death between the two would leave a change that no
+  // reader of the queue hears of. The marker covers them, so that a restart
+  // refuses the table like any death inside a write.
+  if (!slots_.inCriticalSection()) slots_.enterCriticalSection();
   // 2: a new entry points into the chain; nobody points at it yet.
   if (directNew_) {
     Mem::storeRelease(s.link, Link{s.link.version + Link::kVersionStep, directPrevLink_->next});
@@ -1101,7 +1123,7 @@ void MirakWriter<OpsT>::directCommit() {
   if (members() > map_.growThreshold()) map_.growBuckets();
   // 8
   tessel_.notify(index);
-  // 9: after directUpdate the bit is clear already.
+  // 9
   slots_.leaveCriticalSection();
 }
 

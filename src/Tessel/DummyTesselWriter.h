@@ -41,7 +41,8 @@ class DummyTesselWriter {
   void markShrinkStart() {}
   void markShrinkEnd() {}
   uint64_t shrinkMarker() const { return 0; }
-  void mostSlotsIs(uint32_t) {}
+  bool mostSlotsIs(uint32_t) { return true; }
+  void pruneModeIs(PruneMode) {}
   void detach() {}
   void onDetach() {}
   void cleanup() {}
@@ -63,6 +64,8 @@ class DummyTesselWriter {
   uint32_t mostSlots() const { return 0; }
   uint64_t corralStart() const { return 0; }
   uint64_t corralEnd() const { return 0; }
+  uint64_t lostSequence() const { return 0; }
+  uint64_t losses() const { return 0; }
   uint32_t generation() const { return 0; }
   uint64_t compactions() const { return 0; }
   uint64_t headerMappedSize() const { return 0; }

@@ -54,12 +54,13 @@ std::string headerToString(TesselHeader const& h) {
   }
   return fmt::format(
       "magic:{} version:{} kestor:{:#x} sequence:{} base:[{}, {}] generation:{} current:{} "
-      "corral:[{}, {}] mostSlots:{}",
+      "corral:[{}, {}] mostSlots:{} lost:{}",
       magic, Mem::loadAcquire(h.formatVersion), Mem::loadAcquire(h.kestor),
       Mem::loadAcquire(h.sequence), Mem::loadAcquire(h.baseSequence[0]),
       Mem::loadAcquire(h.baseSequence[1]), Mem::loadAcquire(h.generation),
       Mem::loadAcquire(h.currentTable), Mem::loadAcquire(h.corralStart),
-      Mem::loadAcquire(h.corralEnd), Mem::loadAcquire(h.mostSlots));
+      Mem::loadAcquire(h.corralEnd), Mem::loadAcquire(h.mostSlots),
+      Mem::loadAcquire(h.lostSequence));
 }
 
 std::string tableHeaderToString(TesselTableHeader const& t) {

@@ -16,15 +16,23 @@
 //     uint64_t sequence;             //  16  last sequence issued, 0 = none
 //     uint64_t baseSequence[2];      //  24  base of table 0's / table 1's
 //                                    //      relative sequences
-//     uint32_t generation;           //  40  +1 at each compaction, before the
-//                                    //      writer touches the other table
-//     uint32_t currentTable;         //  44  0 or 1: the table notify appends to
+//     uint32_t generation;           //  40  +1 at each compaction, stored
+//     uint32_t currentTable;         //  44  with the index of the table that
+//                                    //      notify appends to (0 or 1) in one
+//                                    //      8-byte store: a reader that sees
+//                                    //      a generation sees its table
 //     uint64_t corralStart;          //  48  first sequence of the last shrink's
 //                                    //      corral, 0 = none
 //     uint64_t corralEnd;            //  56  its last sequence; 0 while the
 //                                    //      shrink runs (open corral)
 //     uint32_t mostSlots;            //  64  length of tesselSlots
-//     uint8_t  reserved[60];         //  68  zero
+//     uint32_t reserved0;            //  68  zero
+//     uint64_t lostSequence;         //  72  last sequence the writer issued
+//                                    //      without an entry (the queue could
+//                                    //      not take it, or pruning dropped
+//                                    //      it): a reader that has consumed
+//                                    //      less must sweep; 0 = none
+//     uint8_t  reserved[48];         //  80  zero
 //     TesselPos tesselSlots[mostSlots]; // 128  back reference of each slot
 //   };
 //
@@ -80,12 +88,21 @@ struct TesselHeader {
   uint32_t kestor;
   uint64_t sequence;
   uint64_t baseSequence[2];
-  uint32_t generation;
-  uint32_t currentTable;
+  // The pair is one 8-byte word to whoever publishes or re-finds a table;
+  // each half is a u32 to everyone else.
+  union {
+    struct {
+      uint32_t generation;
+      uint32_t currentTable;
+    };
+    uint64_t generationAndTable;
+  };
   uint64_t corralStart;
   uint64_t corralEnd;
   uint32_t mostSlots;
-  uint8_t reserved[60];
+  uint32_t reserved0;
+  uint64_t lostSequence;
+  uint8_t reserved[48];
 
   Mirak::TesselPos* tesselSlots() { return reinterpret_cast<Mirak::TesselPos*>(this + 1); }
   Mirak::TesselPos const* tesselSlots() const {
@@ -106,6 +123,15 @@ static_assert(offsetof(TesselHeader, currentTable) == 44);
 static_assert(offsetof(TesselHeader, corralStart) == 48);
 static_assert(offsetof(TesselHeader, corralEnd) == 56);
 static_assert(offsetof(TesselHeader, mostSlots) == 64);
+static_assert(offsetof(TesselHeader, lostSequence) == 72);
+static_assert(offsetof(TesselHeader, generationAndTable) == 40);
+
+// The halves of generationAndTable (little-endian: generation is the low one).
+inline uint64_t generationAndTableOf(uint32_t generation, uint32_t table) {
+  return uint64_t{table} << 32 | generation;
+}
+inline uint32_t generationOf(uint64_t word) { return static_cast<uint32_t>(word); }
+inline uint32_t tableOf(uint64_t word) { return static_cast<uint32_t>(word >> 32); }
 static_assert(sizeof(Mirak::TesselPos) == 4);
 
 struct TesselTableHeader {
@@ -136,6 +162,10 @@ inline TesselEntry* tableEntries(TesselTableHeader* t) {
 inline TesselEntry const* tableEntries(TesselTableHeader const* t) {
   return reinterpret_cast<TesselEntry const*>(t + 1);
 }
+
+// Whether a writer's compaction may drop live entries that every connected
+// reader has passed (see TesselWriter, Pruning).
+enum class PruneMode : bool { prune = false, keep = true };
 
 // One notification as the writer and readers hand it out.
 struct TesselNotification {

@@ -69,6 +69,7 @@ void TesselReaderView::detach() {
   hdr_ = nullptr;
   positioned_ = false;
   reformatted_ = false;
+  overrun_ = false;
   table_ = 0;
   lastConsumed_ = 0;
 }
@@ -76,6 +77,20 @@ void TesselReaderView::detach() {
 void TesselReaderView::seek(Rusk::Sequence after) {
   lastConsumed_ = after;
   positioned_ = false;
+  overrun_ = false;
+}
+
+Rusk::Sequence TesselReaderView::headSequence() const {
+  return hdr_ ? Mem::loadAcquire(hdr_->sequence) : 0;
+}
+
+bool TesselReaderView::lostSinceConsumed() {
+  Rusk::Sequence const lost = Mem::loadAcquire(hdr_->lostSequence);
+  if (lost <= lastConsumed_) return false;
+  FMTRACE(handler_, 1, "TesselReaderView", "{} lost sequence:{} after:{}: a sweep is due", dir_,
+          lost, lastConsumed_);
+  overrun_ = true;
+  return true;
 }
 
 bool TesselReaderView::ensureMapped(unsigned table, uint64_t entries) {
@@ -92,7 +107,9 @@ bool TesselReaderView::ensureMapped(unsigned table, uint64_t entries) {
 
 bool TesselReaderView::refind() {
   for (;;) {
-    uint32_t const g = Mem::loadAcquire(hdr_->generation);
+    // R2: one load gives the generation and its table (writer invariant 4).
+    uint64_t const pair = Mem::loadAcquire(hdr_->generationAndTable);
+    uint32_t const g = generationOf(pair);
     if (Mem::loadAcquire(hdr_->kestor) != kestor_ ||
         std::memcmp(hdr_->magic, kMagic, sizeof kMagic) != 0) {
       // Re-checked under a still generation: a format in progress moves it.
@@ -102,7 +119,7 @@ bool TesselReaderView::refind() {
       reformatted_ = true;
       return false;
     }
-    unsigned const t = Mem::loadAcquire(hdr_->currentTable);
+    unsigned const t = tableOf(pair);
     bool sound = false;
     Rusk::Sequence base = 0;
     uint32_t lo = 0;
@@ -137,6 +154,8 @@ bool TesselReaderView::refind() {
     base_ = base;
     pos_ = lo;
     positioned_ = true;
+    // The re-find may have skipped entries that pruning dropped.
+    if (lostSinceConsumed()) return false;
     FMTRACE(handler_, 5, "TesselReaderView", "{} found pos:{} in table:{} generation:{} after:{}",
             dir_, lo, t, g, lastConsumed_);
     return true;
@@ -144,15 +163,16 @@ bool TesselReaderView::refind() {
 }
 
 bool TesselReaderView::next(TesselNotification& out) {
-  if (!hdr_ || reformatted_) return false;
+  if (!hdr_ || reformatted_ || overrun_) return false;
   for (;;) {
     if (!positioned_ && !refind()) return false;
     auto const* th = static_cast<TesselTableHeader const*>(tables_[table_].base());
     uint32_t const count = Mem::loadAcquire(th->count);
     if (pos_ >= count) {
       // R3
-      if (Mem::loadAcquire(hdr_->currentTable) == table_ &&
-          Mem::loadAcquire(hdr_->generation) == gen_) {
+      if (Mem::loadAcquire(hdr_->generationAndTable) == generationAndTableOf(gen_, table_)) {
+        // Caught up, unless the writer issued a sequence it could not queue.
+        lostSinceConsumed();
         return false;
       }
       positioned_ = false;
@@ -182,7 +202,11 @@ bool TesselReaderView::next(TesselNotification& out) {
       refinds_++;
       continue;
     }
+    Rusk::Sequence const seq = base_ + rel;
     if (slot == tombstoneSlot) {
+      // A retired entry has a newer one of its slot after it: passing it is
+      // as good as consuming it.
+      if (seq > lastConsumed_) lastConsumed_ = seq;
       pos_++;
       continue;
     }
@@ -190,7 +214,6 @@ bool TesselReaderView::next(TesselNotification& out) {
       corrupt(fmt::format("pos:{} of table:{} names slot:{} beyond mostSlots:{}", pos_, table_,
                           slot, mostSlots));
     }
-    Rusk::Sequence const seq = base_ + rel;
     if (seq <= lastConsumed_) {
       pos_++;
       continue;
@@ -212,6 +235,8 @@ void TesselReaderView::rejected() {
     positioned_ = false;
     refinds_++;
   } else {
+    // Retired under a still generation: a newer entry of its slot follows.
+    if (standingSeq_ > lastConsumed_) lastConsumed_ = standingSeq_;
     pos_ = standing_ + 1;
   }
 }

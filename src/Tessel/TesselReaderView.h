@@ -13,14 +13,21 @@
 //       found its place (writer invariant 4). Else the reader re-finds.
 //   R2. A place is found by a binary search for the first entry above the
 //       last consumed sequence in the current table, and is trusted only if
-//       the generation stood still across the whole search.
+//       the generation stood still across the whole search. Generation and
+//       table are read in one 8-byte load (writer invariant 4), so the table
+//       searched is the one that belongs to the generation.
 //   R3. The end of a table is the end of the queue only while that table is
 //       still current: a reader whose table was left behind by a compaction
 //       re-finds in the new one.
+//   R5. At the end of the queue, and after each re-find, `lostSequence` above
+//       the last consumed sequence means the writer issued a sequence that the
+//       queue does not hold: the reader must sweep (overrun()).
 //   R4. Mappings are checked against the count before entries are read; a
 //       count beyond the file while the generation stands is corruption.
 // Nothing is lost (writer invariant 7): every change not yet consumed is a
-// live entry above `lastConsumed()`. An entry may be yielded twice (after a
+// live entry above `lastConsumed()`, or R5 says so. `lastConsumed()` counts
+// the entries consumed and the retired ones passed (a retired entry has a
+// newer entry of its slot after it). An entry may be yielded twice (after a
 // re-find); acting twice on a slot is harmless.
 //
 // Not thread safe; one thread per view.
@@ -52,12 +59,19 @@ class TesselReaderView {
   void detach();
   bool attached() const { return hdr_ != nullptr; }
 
-  // The next entry yielded is the first live one above `after`.
+  // The next entry yielded is the first live one above `after`; clears
+  // overrun().
   void seek(Rusk::Sequence after);
+  // The last sequence the writer issued (its header word). Read before a
+  // sweep: seek(it) after the sweep continues with the changes the sweep may
+  // have missed.
+  Rusk::Sequence headSequence() const;
 
   // Yields the next live entry past the position and stands on it; false when
-  // the reader has caught up, or when the queue was re-formatted (then
-  // reformatted() is true and only a new attach and a sweep help). Throws
+  // the reader has caught up, when the queue lost entries the reader had not
+  // passed (overrun() is true: sweep, then seek), or when the queue was
+  // re-formatted or removed (reformatted() is true: only a new attach and a
+  // sweep help). Throws
   // Lomi::CorruptionDetectedException for a queue that is damaged while the
   // generation stands still (a count beyond the file, a bad table index, a
   // slot beyond mostSlots).
@@ -76,6 +90,7 @@ class TesselReaderView {
 
   Rusk::Sequence lastConsumed() const { return lastConsumed_; }
   bool reformatted() const { return reformatted_; }
+  bool overrun() const { return overrun_; }
   uint32_t generation() const { return gen_; }
   // Places re-found because the generation moved or the table was left behind.
   uint64_t refinds() const { return refinds_; }
@@ -85,6 +100,7 @@ class TesselReaderView {
 
  private:
   bool refind();
+  bool lostSinceConsumed();
   bool ensureMapped(unsigned table, uint64_t entries);
   [[noreturn]] void corrupt(std::string const& what) const;
 
@@ -97,6 +113,7 @@ class TesselReaderView {
 
   bool positioned_ = false;
   bool reformatted_ = false;
+  bool overrun_ = false;
   uint32_t gen_ = 0;
   unsigned table_ = 0;
   Rusk::Sequence base_ = 0;

@@ -3,6 +3,8 @@
 
 namespace Tessel {
 
+bool (*writerStepHook)(WriterStep step) = nullptr;
+
 template class TesselWriter<BasicSlot, Mirak::TesselPos>;
 
 }  // namespace Tessel

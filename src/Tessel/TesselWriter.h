@@ -28,32 +28,50 @@
 //   3. An entry below a table's published `count` changes only once while
 //      that table is current: its slot turns into tombstoneSlot. Its
 //      `relSequence` never changes.
-//   4. The writer stores into the non-current table only after it has added 1
-//      to `generation` (and a release fence). So a reader that read an entry
-//      and then finds `generation` unchanged read an entry of a table that no
-//      one was rewriting.
+//   4. `generation` and `currentTable` move together, in one 8-byte store
+//      (`generationAndTable`): a reader that reads a generation reads the
+//      table that belongs to it. The writer stores into the non-current table
+//      only in a compaction, after a release fence; the generation of that
+//      table's readers has moved already, at the flip that left it behind.
+//      So a reader that read an entry and then, after an acquire fence, finds
+//      the generation under which it found its place read an entry of a
+//      table that no one was rewriting.
 //   5. `baseSequence[t]`, the entries and `count` of table t change only while
 //      the writer fills t in a compaction (invariant 4), or by notify while t
 //      is current (invariant 3 and appends above `count`).
 //   6. The current table's stamp (`generation` at offset 0 of the table)
-//      equals the header's `generation`. A writer that died between the two
-//      leaves them unequal, and the queue fails validation.
+//      equals the header's `generation`. The stamp is stored before the flip;
+//      a table whose stamp differs from the header's generation is not the
+//      current one, and a current table whose stamp differs is damage.
 //   7. Every change not yet taken in by a reader is a live entry with a
-//      sequence above the last one that reader consumed: entries are retired
-//      only by a newer notify of the same slot, by tombstone() (the slot is
-//      gone from the table), or by compaction, which copies every live entry.
+//      sequence above the last one that reader passed, or the reader learns
+//      from `lostSequence` that it must sweep. Entries are retired only by a
+//      newer entry of the same slot (notify, the re-issue that closes a
+//      corral, or tombstone() followed by notify in a slot move); compaction
+//      copies every live entry, except those that pruning drops (their
+//      sequences are then at most `lostSequence`). A notify that the queue
+//      cannot take (no room, no file space) raises `lostSequence` to its
+//      sequence instead of throwing: the slot is already changed in the table,
+//      so the change must not vanish silently.
 //
 // The compaction of the queue
 // ---------------------------
 // notify appends at `count`. When the current table is full, the writer
 // compacts: it copies the live entries, in order, into the other table and
 // makes that one current. Tombstones are dropped. The other table is where a
-// slow reader may still be reading (it was current one compaction ago), so:
+// slow reader may still be reading (it was current one compaction ago); that
+// reader holds the generation of that time, one behind the header's, so
+// whatever it reads from there fails its generation check:
 //
-//   step 1  generation += 1, release fence   (before any store into it)
-//   step 2  grow the other table's file if need be (ftruncate, mremap)
-//   step 3  stamp, capacity, entries, back references, count, base
-//   step 4  currentTable = other            (release)
+//   step 1  grow the other table's file if need be (ftruncate, mremap); a
+//           failure leaves the queue as it was
+//   step 2  release fence; stamp (generation + 1), capacity, entries, count,
+//           base, back references
+//   step 3  (generation + 1, other) in one 8-byte store (release): the flip
+//
+// Between the steps a reader that re-finds its place reads the old pair and
+// searches the old table, which nobody writes during a compaction: it is
+// still the table that notify appends to until step 3.
 //
 // The other table gets twice the capacity if more than half of it would be
 // live (counting the entries the caller is about to append), so after a
@@ -65,21 +83,18 @@
 //   table 0: (1,A) (2,B) (3,A) (4,A)      notify(A) at 3 tombstoned (1,A),
 //          = (1,~) (2,B) (3,~) (4,A)      notify(A) at 4 tombstoned (3,A)
 //   notify(B) finds table 0 full: 2 of 4 live, not more than half:
-//     generation 7 -> 8
 //   table 1: (2,B) (4,A), count 2, stamp 8, tesselSlots[A]=1, tesselSlots[B]=0
-//     currentTable = 1
+//     (generation, currentTable) = (7, 0) -> (8, 1)
 //   table 1: (2,~) (4,A) (5,B)            the notify goes on in table 1
 //
 // A reader that stood at position 2 of table 0 with generation 7, having
 // consumed sequence 2:
-//   - if it reads (3,~) before step 1, the generation check passes, it skips
+//   - if it reads (3,~) before the flip, the generation check passes, it skips
 //     the tombstone, meets (4,A), acts, consumes 4; at the end of table 0 it
-//     sees currentTable = 1, re-finds "first sequence above 4" in table 1 and
-//     meets (5,B).
-//   - if it reads after step 1, the generation check fails (8 != 7): it
-//     re-finds "first sequence above 2" in table 1 and meets (4,A), then (5,B)
-//     (table 1 may still be half written: the re-find loops until it reads a
-//     generation that stays put across the whole search).
+//     sees (8, 1), re-finds "first sequence above 4" in table 1 and meets
+//     (5,B).
+//   - if it reads after the flip, the generation check fails (8 != 7): it
+//     re-finds "first sequence above 2" in table 1 and meets (4,A), then (5,B).
 // Either way nothing is lost (invariant 7) and nothing is read from a table
 // while the writer fills it (invariant 4). The guarantee has a limit: a reader
 // that is lapped while it acts on an entry meets that entry again if it is
@@ -99,9 +114,31 @@
 // sequence; markShrinkEnd() re-issues every live entry issued inside the
 // corral, in order, and closes it at the last sequence issued inside. After
 // that every entry in [corralStart, corralEnd] is a tombstone, and the real
-// positions of the moved entries follow it: readers may tell a moved entry
-// from a removed one by the corral, and the validator finds a closed corral
-// empty of current entries and an open one (a crash) not.
+// positions of the moved entries follow it: the validator finds a closed
+// corral empty of current entries and an open one (a crash) not.
+//
+// A reader needs no corral: in sequence order, the entry of a move's new slot
+// comes before the entry that empties the old one, so the key is at its new
+// place before the old place reads empty. The re-issue must keep that true at
+// every instant. It runs in two passes: first every copy is appended without
+// retiring anything (for a moment a moved slot has two live entries, both
+// naming the same state), then the old entries are retired from the last to
+// the first. A reader that finds an old entry retired finds every later old
+// entry retired too (release stores, read in order after an acquire), skips
+// them all and meets the copies in the old order; one that finds it live acts
+// on it in the old order. No reader sees a move's old slot empty while the
+// entry of its new slot is retired and its copy not yet there. If the queue
+// has no room for the copies, the corral is dropped instead (both marks 0):
+// its entries are then ordinary entries, each its slot's current one.
+//
+// Pruning
+// -------
+// In PruneMode::prune a compaction also drops live entries at or below the
+// prune floor, the lowest sequence that every connected reader reported to
+// have passed (the wake-up layer knows it); a reader that has not passed them
+// (one that was not connected) finds `lostSequence` above its position and
+// sweeps. In PruneMode::keep (the default) nothing live is ever dropped, and
+// a table holds up to one live entry for every slot the table ever had.
 //
 // Hot path: notify and tombstone allocate nothing and do O(1) work; notify does
 // O(capacity) work at a compaction, amortised O(1).
@@ -112,6 +149,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <type_traits>
 
@@ -131,6 +169,20 @@ namespace Tessel {
 // Attach results, shared with the slot and bucket files: the writer ORs them
 // and trusts a set of files only if all are new or all are kept.
 enum AttachResult : int { attachNew = 1, attachKept = 2, attachReformatted = 4 };
+
+// Points of the rare paths where a test may pause the writer, look at the
+// files with a reader, or make a growth fail. The hook is a plain pointer,
+// tested only on those paths: notify's steady path never looks at it.
+enum class WriterStep {
+  compactionFilled,  // the other table is filled, the flip not yet stored
+  tableGrowth,       // about to grow a table file: true from the hook fails it
+  headerGrowth,      // about to grow the header file: true fails it
+  corralCopied,      // the copies of a closing corral are appended, none retired
+  corralRetired,     // one old corral entry was retired (called per entry)
+  cleanupMarked,     // the header says "gone", the files are not removed yet
+};
+// Returns true to make a growth step fail as if the file could not grow.
+extern bool (*writerStepHook)(WriterStep step);
 
 template <typename Slot = BasicSlot, typename Pos = Mirak::TesselPos>
 class TesselWriter {
@@ -166,10 +218,10 @@ class TesselWriter {
 
   // Appends (next sequence, slot), retires the slot's previous live entry and
   // points the slot's back reference at the new entry. Call after the slot's
-  // new state is fully in the table. Throws Lomi::RuntimeException if `slot`
-  // is not below mostSlots() (the writer must call mostSlotsIs first), or
-  // Lomi::MemoryResourceException if a compaction cannot grow a table; the
-  // queue is unchanged then.
+  // new state is fully in the table. Never throws for want of room: if the
+  // queue cannot take the entry (a compaction or the back references cannot
+  // grow), the sequence is issued without an entry and `lostSequence` rises
+  // to it, so that readers sweep; traced at level 0, counted in losses().
   void notify(Slot slot);
 
   // Retires the slot's live entry, if it has one, and clears its back
@@ -178,22 +230,33 @@ class TesselWriter {
 
   // Opens a corral at the next sequence. Precondition: no shrink running.
   void markShrinkStart();
-  // Re-issues the live entries of the corral and closes it.
+  // Re-issues the live entries of the corral and closes it (two passes, see
+  // Corrals above); drops the corral if the queue has no room for the copies.
   // Precondition: markShrinkStart came first.
   void markShrinkEnd();
   // Non-zero exactly while a shrink runs (between the two marks).
   uint64_t shrinkMarker() const { return corralEnd() == 0 ? corralStart() : 0; }
 
   // Grows the back references to `mostSlots` (never shrinks them: mostSlots
-  // is a high-water mark). Throws Lomi::MemoryResourceException if the header
-  // file cannot grow.
-  void mostSlotsIs(uint32_t mostSlots);
+  // is a high-water mark). False, traced at level 0, if the header file
+  // cannot grow: the queue stays as it was, and a later notify of a slot
+  // beyond it tries again (and counts a loss if it fails).
+  bool mostSlotsIs(uint32_t mostSlots);
+
+  // Pruning (see Pruning above). `floor` is asked at each compaction for the
+  // lowest sequence every connected reader has passed; without one, or in
+  // PruneMode::keep, nothing live is dropped.
+  void pruneModeIs(PruneMode mode) { pruneMode_ = mode; }
+  PruneMode pruneMode() const { return pruneMode_; }
+  void pruneFloorIs(std::function<Rusk::Sequence()> floor) { pruneFloor_ = std::move(floor); }
 
   // Unmaps; the files stay.
   void detach();
   // The table writer is detaching: the queue lets go of its mappings.
   void onDetach() { detach(); }
-  // Unmaps and removes the files. Throws Lomi::RuntimeException naming the
+  // Marks the queue gone (kestor 0, generation moved: a reader that still
+  // maps it re-finds, meets the dead kestor and re-attaches or sweeps), then
+  // unmaps and removes the files. Throws Lomi::RuntimeException naming the
   // file if one exists and cannot be removed.
   void cleanup();
 
@@ -230,6 +293,11 @@ class TesselWriter {
   uint32_t mostSlots() const { return mostSlots_; }
   uint64_t corralStart() const { return hdr_ ? Mem::loadRelaxed(hdr_->corralStart) : 0; }
   uint64_t corralEnd() const { return hdr_ ? Mem::loadRelaxed(hdr_->corralEnd) : 0; }
+  uint64_t lostSequence() const { return hdr_ ? Mem::loadRelaxed(hdr_->lostSequence) : 0; }
+  // Notifications issued without an entry by this object, and live entries
+  // dropped by pruning (not kept in the files).
+  uint64_t losses() const { return losses_; }
+  uint64_t pruned() const { return pruned_; }
   uint32_t generation() const { return hdr_ ? Mem::loadRelaxed(hdr_->generation) : 0; }
   unsigned currentTable() const { return current_; }
   uint32_t kestor() const { return hdr_ ? Mem::loadRelaxed(hdr_->kestor) : 0; }
@@ -250,11 +318,13 @@ class TesselWriter {
   bool adopt(uint32_t kestor, uint32_t mostSlots, std::string& why);
   void refresh();
   void loadState();
-  void ensureRoom(uint32_t reserve);
-  void append(Slot slot);
-  void compact(uint32_t reserve);
+  bool ensureRoom(uint32_t reserve);
+  Pos append(Slot slot, bool retire);
+  bool compact(uint32_t reserve);
+  void lose(Slot slot, char const* why);
+  bool grow(Mem::ParcelWrapper& w, uint64_t bytes, WriterStep step);
+  void flip(uint32_t generation, unsigned table);
   void* mapOrThrow(Mem::ParcelWrapper& w, uint64_t size);
-  void* resizeOrThrow(Mem::ParcelWrapper& w, uint64_t size);
   uint32_t firstAtOrAfter(Rusk::Sequence seq) const;
 
   std::string dir_;
@@ -276,6 +346,10 @@ class TesselWriter {
   Rusk::Sequence sequence_ = 0;
   uint32_t mostSlots_ = 0;
   uint64_t compactions_ = 0;
+  uint64_t losses_ = 0;
+  uint64_t pruned_ = 0;
+  PruneMode pruneMode_ = PruneMode::keep;
+  std::function<Rusk::Sequence()> pruneFloor_;
 };
 
 // ---------------------------------------------------------------------------
@@ -288,16 +362,6 @@ void* TesselWriter<Slot, Pos>::mapOrThrow(Mem::ParcelWrapper& w, uint64_t size) 
     throw Lomi::InvalidInitializeException("cannot attach to shmem {} size:{}: {}",
                                            w.local() ? name() : w.getFilename(), size,
                                            w.lastError());
-  }
-  return p;
-}
-
-template <typename Slot, typename Pos>
-void* TesselWriter<Slot, Pos>::resizeOrThrow(Mem::ParcelWrapper& w, uint64_t size) {
-  void* p = w.resize(size);
-  if (!p) {
-    throw Lomi::MemoryResourceException("failed to resize {} to size {} : {}",
-                                        w.local() ? name() : w.getFilename(), size, w.lastError());
   }
   return p;
 }
@@ -366,7 +430,8 @@ bool TesselWriter<Slot, Pos>::adopt(uint32_t kestor, uint32_t mostSlots, std::st
   if (!validate(kestor, 0, why)) return false;
   loadState();
   // The files may be longer than the content needs: keep the whole mapping.
-  if (mostSlots > mostSlots_) mostSlotsIs(mostSlots);
+  // If the back references cannot grow now, notify tries again.
+  if (mostSlots > mostSlots_) (void)mostSlotsIs(mostSlots);
   return true;
 }
 
@@ -395,10 +460,11 @@ void TesselWriter<Slot, Pos>::format(uint32_t kestor, uint32_t mostSlots) {
   Mem::storeRelaxed(hdr_->sequence, uint64_t{0});
   Mem::storeRelaxed(hdr_->baseSequence[0], uint64_t{0});
   Mem::storeRelaxed(hdr_->baseSequence[1], uint64_t{0});
-  Mem::storeRelaxed(hdr_->currentTable, 0u);
   Mem::storeRelaxed(hdr_->corralStart, uint64_t{0});
   Mem::storeRelaxed(hdr_->corralEnd, uint64_t{0});
   Mem::storeRelaxed(hdr_->mostSlots, mostSlots);
+  Mem::storeRelaxed(hdr_->reserved0, 0u);
+  Mem::storeRelaxed(hdr_->lostSequence, uint64_t{0});
   std::memset(hdr_->reserved, 0, sizeof hdr_->reserved);
   for (uint32_t s = 0; s < mostSlots; s++) Mem::storeRelaxed(back_[s], noPos);
   for (unsigned t = 0; t < 2; t++) {
@@ -409,43 +475,94 @@ void TesselWriter<Slot, Pos>::format(uint32_t kestor, uint32_t mostSlots) {
   }
   Mem::releaseFence();
   for (size_t i = 0; i < sizeof kMagic; i++) Mem::storeRelaxed(hdr_->magic[i], kMagic[i]);
-  // 3
-  Mem::storeRelease(hdr_->generation, generation);
+  // 3: with table 0 as the current one.
+  flip(generation, 0);
   loadState();
   compactions_ = 0;
 }
 
 template <typename Slot, typename Pos>
-void TesselWriter<Slot, Pos>::mostSlotsIs(uint32_t mostSlots) {
-  if (!hdr_ || mostSlots <= mostSlots_) return;
-  uint64_t const bytes = headerFileSize(mostSlots, name());
-  if (bytes > header_.fileSize()) {
-    resizeOrThrow(header_, bytes);
-    refresh();
+bool TesselWriter<Slot, Pos>::grow(Mem::ParcelWrapper& w, uint64_t bytes, WriterStep step) {
+  if (writerStepHook && writerStepHook(step)) {
+    FMTRACE(handler_, 0, "TesselWriter", "{}: growth of {} to {} bytes failed: injected", name(),
+            w.getFilename(), bytes);
+    return false;
   }
+  if (!w.resize(bytes)) {
+    FMTRACE(handler_, 0, "TesselWriter", "{}: failed to resize {} to size {} : {}", name(),
+            w.local() ? name() : w.getFilename(), bytes, w.lastError());
+    return false;
+  }
+  refresh();
+  return true;
+}
+
+template <typename Slot, typename Pos>
+void TesselWriter<Slot, Pos>::flip(uint32_t generation, unsigned table) {
+  Mem::storeRelease(hdr_->generationAndTable, generationAndTableOf(generation, table));
+}
+
+template <typename Slot, typename Pos>
+bool TesselWriter<Slot, Pos>::mostSlotsIs(uint32_t mostSlots) {
+  if (!hdr_ || mostSlots <= mostSlots_) return true;
+  uint64_t bytes = 0;
+  try {
+    bytes = headerFileSize(mostSlots, name());
+  } catch (Lomi::RuntimeException const& e) {
+    FMTRACE(handler_, 0, "TesselWriter", "{}", e.msg());
+    return false;
+  }
+  if (bytes > header_.fileSize() && !grow(header_, bytes, WriterStep::headerGrowth)) return false;
   // Store order: 1: the new back references, 2: mostSlots (release), so that
   // whoever reads mostSlots finds the references behind it initialised.
   for (uint32_t s = mostSlots_; s < mostSlots; s++) Mem::storeRelaxed(back_[s], noPos);
   Mem::storeRelease(hdr_->mostSlots, mostSlots);
   FMTRACE(handler_, 2, "TesselWriter", "{} mostSlots {} -> {}", name(), mostSlots_, mostSlots);
   mostSlots_ = mostSlots;
+  return true;
 }
 
 template <typename Slot, typename Pos>
 void TesselWriter<Slot, Pos>::notify(Slot slot) {
-  if (slot >= mostSlots_) {
-    throw Lomi::RuntimeException("{}: notify of slot:{} beyond mostSlots:{}", name(), slot,
-                                 mostSlots_);
+  if (slot >= mostSlots_) [[unlikely]] {
+    // The table grew and the back references could not follow then; try
+    // again, to at least twice the old length so that this stays rare.
+    uint64_t const want = std::max<uint64_t>(uint64_t{slot} + 1, uint64_t{mostSlots_} * 2);
+    if (slot == tombstoneSlot || !mostSlotsIs(static_cast<uint32_t>(
+                                     std::min<uint64_t>(want, uint64_t{tombstoneSlot})))) {
+      lose(slot, "beyond mostSlots");
+      return;
+    }
   }
-  ensureRoom(1);
-  append(slot);
+  if (!ensureRoom(1)) {
+    lose(slot, "no room");
+    return;
+  }
+  append(slot, true);
 }
 
 template <typename Slot, typename Pos>
-void TesselWriter<Slot, Pos>::ensureRoom(uint32_t reserve) {
-  if (uint64_t{count_} + reserve > capacity_ || sequence_ + reserve - base_ > 0xffffffffull) {
-    compact(reserve);
+void TesselWriter<Slot, Pos>::lose(Slot slot, char const* why) {
+  Rusk::Sequence const seq = sequence_ + 1;
+  // Store order: 1: lostSequence, 2: sequence (both release). A reader that
+  // is woken for this sequence and walks to the end finds the loss.
+  Mem::storeRelease(hdr_->lostSequence, seq);
+  Mem::storeRelease(hdr_->sequence, seq);
+  sequence_ = seq;
+  // Once, then every 4096th: a full queue on a full disk loses every notify.
+  if (losses_++ % 4096 == 0) {
+    FMTRACE(handler_, 0, "TesselWriter",
+            "{}: notification of slot:{} seq:{} lost ({}): readers will sweep; {} lost so far",
+            name(), slot, seq, why, losses_);
   }
+}
+
+template <typename Slot, typename Pos>
+bool TesselWriter<Slot, Pos>::ensureRoom(uint32_t reserve) {
+  if (uint64_t{count_} + reserve > capacity_ || sequence_ + reserve - base_ > 0xffffffffull) {
+    return compact(reserve);
+  }
+  return true;
 }
 
 // Store order of notify (the count is the publication):
@@ -454,8 +571,13 @@ void TesselWriter<Slot, Pos>::ensureRoom(uint32_t reserve) {
 //   3: the slot's back reference
 //   4: header `sequence` (release)
 //   5: `count` + 1 (release): the entry is published
+// Between 2 and 5 a reader finds the slot's old entry retired and its new one
+// not yet there: it skips the old one and, at the end, finds nothing more. It
+// misses nothing: the writer's wake-up follows notify, and the reader walks
+// again from the old entry's sequence.
+// Without `retire` (the corral's first pass), step 2 is left out.
 template <typename Slot, typename Pos>
-void TesselWriter<Slot, Pos>::append(Slot slot) {
+Pos TesselWriter<Slot, Pos>::append(Slot slot, bool retire) {
   Rusk::Sequence const seq = sequence_ + 1;
   TesselEntry* entries = tableEntries(tbl_[current_]);
   TesselEntry& e = entries[count_];
@@ -463,7 +585,7 @@ void TesselWriter<Slot, Pos>::append(Slot slot) {
   Mem::storeRelaxed(e.relSequence, static_cast<uint32_t>(seq - base_));
   Mem::storeRelaxed(e.slot, slot);
   Pos const old = Mem::loadRelaxed(back_[slot]);
-  if (old != noPos) {
+  if (retire && old != noPos) {
     // 2: release, so that a reader that sees anything stored after this (the
     //    slot's next state in the slot file, the new count) sees the tombstone.
     Mem::storeRelease(entries[old].slot, tombstoneSlot);
@@ -477,7 +599,8 @@ void TesselWriter<Slot, Pos>::append(Slot slot) {
   sequence_ = seq;
   count_++;
   FMTRACE(handler_, 9, "TesselWriter", "seq:{} slot:{} pos:{} retired:{}", seq, slot, count_ - 1,
-          old);
+          retire ? old : noPos);
+  return old;
 }
 
 template <typename Slot, typename Pos>
@@ -491,53 +614,72 @@ void TesselWriter<Slot, Pos>::tombstone(Slot slot) {
   FMTRACE(handler_, 9, "TesselWriter", "slot:{} pos:{}", slot, old);
 }
 
+// The steps and what a reader sees between them: see "The compaction of the
+// queue" at the top. False, with the queue untouched, if the other table
+// cannot be made large enough.
 template <typename Slot, typename Pos>
-void TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
+bool TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
   unsigned const cur = current_;
   unsigned const oth = cur ^ 1u;
-  TesselEntry const* from = tableEntries(tbl_[cur]);
   Rusk::Sequence const next = sequence_ + 1;
   // Entries older than 2^31 sequences are re-issued so that relative
   // sequences keep fitting in 32 bits.
   Rusk::Sequence const newBase = next > (uint64_t{1} << 31) ? next - (uint64_t{1} << 31) : 0;
+  Rusk::Sequence const floor =
+      pruneMode_ == PruneMode::prune && pruneFloor_ ? std::min(pruneFloor_(), sequence_) : 0;
+  TesselEntry const* from = tableEntries(tbl_[cur]);
   uint64_t live = 0;
   uint64_t ancient = 0;
   for (uint32_t p = 0; p < count_; p++) {
-    uint32_t const s = Mem::loadRelaxed(from[p].slot);
-    if (s == tombstoneSlot) continue;
+    if (Mem::loadRelaxed(from[p].slot) == tombstoneSlot) continue;
+    Rusk::Sequence const seq = base_ + Mem::loadRelaxed(from[p].relSequence);
+    if (seq <= floor) continue;
     live++;
-    if (base_ + Mem::loadRelaxed(from[p].relSequence) < newBase) ancient++;
+    if (seq < newBase) ancient++;
   }
-  uint64_t capacity = capacity_;
+  // A damaged capacity of 0 would never double: start from the least a
+  // format gives.
+  uint64_t capacity = std::max(capacity_, kMinEntries);
   while (live + reserve > capacity / 2) capacity *= 2;
-  if (capacity > 0xffffffffull) {
-    throw Lomi::MemoryResourceException("{}: compaction needs {} entries, more than a table holds",
-                                        name(), capacity);
+  capacity = std::min<uint64_t>(capacity, 0xffffffffull);
+  if (live + reserve > capacity) return false;
+  // Step 1: room in the other table (never shrink: readers may map its tail).
+  // If the file cannot grow, what it holds will do when the entries fit.
+  uint64_t bytes = 0;
+  try {
+    bytes = tableFileSize(capacity, name());
+  } catch (Lomi::RuntimeException const& e) {
+    FMTRACE(handler_, 0, "TesselWriter", "{}", e.msg());
+    bytes = kMaxFileSize + 1;
   }
-  uint64_t const bytes = tableFileSize(capacity, name());
+  if (bytes > tables_[oth].fileSize() && !grow(tables_[oth], bytes, WriterStep::tableGrowth)) {
+    uint64_t const size = tables_[oth].fileSize();
+    uint64_t const held =
+        size < sizeof(TesselTableHeader) ? 0 : (size - sizeof(TesselTableHeader)) / sizeof(TesselEntry);
+    if (live + reserve > held) return false;
+    capacity = std::min<uint64_t>(held, 0xffffffffull);
+  }
+  from = tableEntries(tbl_[cur]);
   uint32_t const generation = Mem::loadRelaxed(hdr_->generation) + 1;
-
-  // Step 1: the generation moves before anything is stored into the other
-  // table: a reader that reads one of those stores and then the generation
-  // (after an acquire fence) sees the new generation.
-  Mem::storeRelaxed(hdr_->generation, generation);
+  // Step 2: fill the other table. The fence orders every earlier store (the
+  // flip that left this table behind among them) before the stores below.
   Mem::releaseFence();
-  // Step 2: grow the other table (never shrink: readers may map its tail).
-  if (bytes > tables_[oth].fileSize()) {
-    resizeOrThrow(tables_[oth], bytes);
-    refresh();
-    from = tableEntries(tbl_[cur]);
-  }
-  // Step 3: stamp, capacity, entries in order, back references, count, base.
   TesselTableHeader* to = tbl_[oth];
   TesselEntry* toEntries = tableEntries(to);
   Mem::storeRelaxed(to->generation, generation);
   Mem::storeRelaxed(to->capacity, static_cast<uint32_t>(capacity));
   uint32_t n = 0;
+  Rusk::Sequence prunedUpTo = 0;
   for (uint32_t p = 0; p < count_; p++) {
     uint32_t const s = Mem::loadRelaxed(from[p].slot);
     if (s == tombstoneSlot) continue;
     Rusk::Sequence const seq = base_ + Mem::loadRelaxed(from[p].relSequence);
+    if (seq <= floor) {
+      Mem::storeRelaxed(back_[s], noPos);
+      prunedUpTo = seq;
+      pruned_++;
+      continue;
+    }
     if (seq < newBase) continue;
     Mem::storeRelaxed(toEntries[n].relSequence, static_cast<uint32_t>(seq - newBase));
     Mem::storeRelaxed(toEntries[n].slot, s);
@@ -547,9 +689,8 @@ void TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
   if (ancient != 0) {
     for (uint32_t p = 0; p < count_; p++) {
       uint32_t const s = Mem::loadRelaxed(from[p].slot);
-      if (s == tombstoneSlot || base_ + Mem::loadRelaxed(from[p].relSequence) >= newBase) {
-        continue;
-      }
+      Rusk::Sequence const old = base_ + Mem::loadRelaxed(from[p].relSequence);
+      if (s == tombstoneSlot || old <= floor || old >= newBase) continue;
       Rusk::Sequence const seq = ++sequence_;
       Mem::storeRelaxed(toEntries[n].relSequence, static_cast<uint32_t>(seq - newBase));
       Mem::storeRelaxed(toEntries[n].slot, s);
@@ -560,18 +701,24 @@ void TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
   }
   Mem::storeRelaxed(to->count, n);
   Mem::storeRelaxed(hdr_->baseSequence[oth], newBase);
-  // Step 4: the flip. Release: a reader that reads the new index (acquire)
-  // sees the whole table and its base.
-  Mem::storeRelease(hdr_->currentTable, oth);
+  if (prunedUpTo > Mem::loadRelaxed(hdr_->lostSequence)) {
+    Mem::storeRelaxed(hdr_->lostSequence, prunedUpTo);
+  }
+  if (writerStepHook) writerStepHook(WriterStep::compactionFilled);
+  // Step 3: the flip. Release: a reader that reads the new pair (acquire)
+  // sees the whole table, its base and lostSequence.
+  flip(generation, oth);
 
   FMTRACE(handler_, 5, "TesselWriter",
-          "{} compacted {} entries to {} live ({} re-issued), capacity {} -> {}, generation:{}",
-          name(), count_, n, ancient, capacity_, capacity, generation);
+          "{} compacted {} entries to {} live ({} re-issued, pruned to {}), capacity {} -> {}, "
+          "generation:{}",
+          name(), count_, n, ancient, prunedUpTo, capacity_, capacity, generation);
   current_ = oth;
   count_ = n;
   capacity_ = static_cast<uint32_t>(capacity);
   base_ = newBase;
   compactions_++;
+  return true;
 }
 
 template <typename Slot, typename Pos>
@@ -620,17 +767,35 @@ void TesselWriter<Slot, Pos>::markShrinkEnd() {
     if (Mem::loadRelaxed(entries[p].slot) != tombstoneSlot) live++;
   }
   // One compaction, if any, before the re-issue: positions stay put during it.
-  ensureRoom(live);
-  entries = tableEntries(tbl_[current_]);
+  if (!ensureRoom(live)) {
+    // No room for the copies: the corral goes, its entries stay current.
+    // Store order: 1: start 0 (release), 2: end 0: shrinkMarker() is 0 from 1.
+    Mem::storeRelease(hdr_->corralStart, uint64_t{0});
+    Mem::storeRelease(hdr_->corralEnd, uint64_t{0});
+    FMTRACE(handler_, 0, "TesselWriter",
+            "{}: no room to close the corral [{}, {}]; dropped, its {} entries stay", name(), start,
+            last, live);
+    return;
+  }
+  TesselEntry* const old = tableEntries(tbl_[current_]);
+  uint32_t const first = firstAtOrAfter(start);
   uint32_t const end = count_;
-  for (uint32_t p = firstAtOrAfter(start); p < end; p++) {
-    uint32_t const s = Mem::loadRelaxed(entries[p].slot);
-    if (s != tombstoneSlot && base_ + Mem::loadRelaxed(entries[p].relSequence) <= last) {
-      append(s);
+  // Pass 1: the copies, in order, each published by its count; nothing is
+  // retired, so every old entry still counts.
+  for (uint32_t p = first; p < end; p++) {
+    uint32_t const s = Mem::loadRelaxed(old[p].slot);
+    if (s != tombstoneSlot && base_ + Mem::loadRelaxed(old[p].relSequence) <= last) {
+      append(s, false);
     }
   }
-  // Store order: 1: the re-issued entries (each published by its count),
-  // 2: corralEnd (release): a closed corral holds tombstones only.
+  if (writerStepHook) writerStepHook(WriterStep::corralCopied);
+  // Pass 2: the old entries retire from the last to the first (release each).
+  for (uint32_t p = end; p-- > first;) {
+    if (Mem::loadRelaxed(old[p].slot) == tombstoneSlot) continue;
+    Mem::storeRelease(old[p].slot, tombstoneSlot);
+    if (writerStepHook) writerStepHook(WriterStep::corralRetired);
+  }
+  // 3: corralEnd (release): a closed corral holds tombstones only.
   Mem::storeRelease(hdr_->corralEnd, last);
   FMTRACE(handler_, 5, "TesselWriter", "{} corral [{}, {}] closed, {} entries re-issued", name(),
           start, last, live);
@@ -652,6 +817,15 @@ void TesselWriter<Slot, Pos>::detach() {
 
 template <typename Slot, typename Pos>
 void TesselWriter<Slot, Pos>::cleanup() {
+  if (hdr_ && !dir_.empty()) {
+    // Store order: 1: kestor 0 (no table has it), 2: the generation moves
+    // (release). A reader re-checks the kestor when it re-finds its place,
+    // which it does when it sees the generation move; a reader that went to
+    // sleep at the end of the queue is woken by the end of its connection.
+    Mem::storeRelaxed(hdr_->kestor, 0u);
+    flip(Mem::loadRelaxed(hdr_->generation) + 1, current_);
+    if (writerStepHook) writerStepHook(WriterStep::cleanupMarked);
+  }
   detach();
   if (dir_.empty()) return;
   for (Mem::ParcelWrapper* w : {&header_, &tables_[0], &tables_[1]}) {
@@ -723,6 +897,7 @@ bool TesselWriter<Slot, Pos>::validate(uint32_t kestor, uint32_t mostSlots,
   }
   uint32_t const capacity = Mem::loadRelaxed(t.capacity);
   uint32_t const count = Mem::loadRelaxed(t.count);
+  if (capacity == 0) return fail(fmt::format("{} table {} capacity:0", name(), cur));
   if (count > capacity) {
     return fail(
         fmt::format("{} table {} count:{} exceeds capacity:{}", name(), cur, count, capacity));
@@ -736,6 +911,10 @@ bool TesselWriter<Slot, Pos>::validate(uint32_t kestor, uint32_t mostSlots,
   Rusk::Sequence const last = Mem::loadRelaxed(h.sequence);
   uint64_t const corralStart = Mem::loadRelaxed(h.corralStart);
   uint64_t const corralEnd = Mem::loadRelaxed(h.corralEnd);
+  if (uint64_t lost = Mem::loadRelaxed(h.lostSequence); lost > last) {
+    return fail(fmt::format("{} lost sequence:{} beyond the last sequence issued:{}", name(), lost,
+                            last));
+  }
   if (corralStart == 0 && corralEnd != 0) {
     return fail(fmt::format("{} corral end:{} without a start", name(), corralEnd));
   }

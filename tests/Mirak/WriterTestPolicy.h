@@ -13,6 +13,7 @@
 #include "Lomi/Trace.h"
 #include "Mirak/TestPolicy.h"
 #include "Parcel/KestorId.h"
+#include "Tessel/TesselFormat.h"
 
 namespace MirakTest {
 
@@ -21,7 +22,8 @@ struct RecordingQueueWriter {
 
   RecordingQueueWriter(std::string const&, Lomi::Platform::DebugHandler&) {}
   int attach(uint32_t, uint32_t) { return 1; }
-  void mostSlotsIs(uint32_t) {}
+  bool mostSlotsIs(uint32_t) { return true; }
+  void pruneModeIs(Tessel::PruneMode) {}
   void notify(uint32_t slot) {
     ++sequence_;
     lastSequence[slot] = sequence_;

@@ -77,3 +77,33 @@ struct SplitMix {
 };
 
 }  // namespace TesselTest
+
+#include <functional>
+
+#include "Tessel/TesselWriter.h"
+
+namespace TesselTest {
+
+// Installs a writer step hook for the life of the object: the writer pauses
+// at each step and runs `fn`, whose true makes a growth step fail.
+class StepHook {
+ public:
+  explicit StepHook(std::function<bool(Tessel::WriterStep)> fn) {
+    fn_() = std::move(fn);
+    Tessel::writerStepHook = [](Tessel::WriterStep s) { return fn_()(s); };
+  }
+  ~StepHook() {
+    Tessel::writerStepHook = nullptr;
+    fn_() = nullptr;
+  }
+  StepHook(StepHook const&) = delete;
+  StepHook& operator=(StepHook const&) = delete;
+
+ private:
+  static std::function<bool(Tessel::WriterStep)>& fn_() {
+    static std::function<bool(Tessel::WriterStep)> fn;
+    return fn;
+  }
+};
+
+}  // namespace TesselTest

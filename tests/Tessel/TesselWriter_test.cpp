@@ -7,12 +7,14 @@
 #include <cctype>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Tessel/DummyTesselWriter.h"
+#include "Tessel/TesselReaderView.h"
 #include "TesselTestUtil.h"
 
 namespace {
@@ -257,21 +259,17 @@ TEST(TesselCompaction, OldEntriesAreReissuedWhenSequencesOutgrowThirtyTwoBits) {
 // ---------------------------------------------------------------------------
 // Bad input.
 
-TEST(TesselWriterInput, NotifyBeyondMostSlotsIsRefusedUntilTheReferencesGrow) {
+TEST(TesselWriterInput, NotifyBeyondMostSlotsGrowsTheReferences) {
   TempDir dir;
   Writer w(dir.path(), TesselTest::handler());
   w.attach(kKestor, 10);
-  try {
-    w.notify(10);
-    FAIL() << "no exception";
-  } catch (Lomi::RuntimeException const& e) {
-    EXPECT_EQ(e.msg(), "tessel " + dir.path() + ": notify of slot:10 beyond mostSlots:10");
-  }
-  EXPECT_EQ(w.sequence(), 0u) << "a refused notify changes nothing";
-  w.mostSlotsIs(5000);  // grows the header file past its first page
+  w.notify(10);  // the table grew and its mostSlotsIs could not follow then
+  EXPECT_EQ(w.mostSlots(), 20u);
+  EXPECT_EQ(w.tesselSlots(10), 0u);
+  EXPECT_TRUE(w.mostSlotsIs(5000));  // grows the header file past its first page
   EXPECT_EQ(w.tesselSlots(4999), Mirak::noTesselPos);
   w.notify(4999);
-  EXPECT_EQ(w.tesselSlots(4999), 0u);
+  EXPECT_EQ(w.tesselSlots(4999), 1u);
   w.mostSlotsIs(20);  // a high-water mark: no shrink
   EXPECT_EQ(w.mostSlots(), 5000u);
   std::string error;
@@ -474,6 +472,242 @@ TEST_F(TesselValidate, FileChecks) {
   }
   std::filesystem::remove(dir.file("tessel"));
   EXPECT_THROW(w.validateFile(), Lomi::CorruptionDetectedException);
+}
+
+// ---------------------------------------------------------------------------
+// What a reader of the queue may see while the writer is between two stores.
+// The writer pauses at its step hooks; a reader view in this process reads
+// the real files there.
+
+using Tessel::TesselReaderView;
+using Tessel::WriterStep;
+using TesselTest::StepHook;
+
+std::unique_ptr<TesselReaderView> viewAfter(TempDir const& dir, Rusk::Sequence after) {
+  auto r = std::make_unique<TesselReaderView>(dir.path(), TesselTest::handler());
+  std::string error;
+  EXPECT_TRUE(r->attach(kKestor, error)) << error;
+  r->seek(after);
+  return r;
+}
+
+// A shadow reduced to keys and slots, acting on one entry as the shadow's
+// slot handler does: it reads the slot as it is now; an empty slot whose
+// local key would be removed is removed only if the entry still counts.
+struct MiniShadow {
+  std::map<uint32_t, int> local;  // slot -> key
+  int falseRemovals = 0;
+
+  void doSlot(uint32_t slot, std::map<uint32_t, int> const& table, TesselReaderView& r) {
+    if (auto t = table.find(slot); t != table.end()) {
+      std::erase_if(local, [&](auto const& e) { return e.second == t->second; });
+      local[slot] = t->second;
+      return;
+    }
+    auto l = local.find(slot);
+    if (l == local.end() || !r.validateNotif()) return;
+    // Every key of these tests stays in the table: a removal is false.
+    falseRemovals++;
+    local.erase(l);
+  }
+  // Takes in every entry the reader yields.
+  void drain(std::map<uint32_t, int> const& table, TesselReaderView& r) {
+    Tessel::TesselNotification n;
+    while (r.next(n)) {
+      doSlot(n.slot, table, r);
+      r.consumed();
+    }
+  }
+};
+
+TEST(TesselReaderSees, NoEntryRetiredInTheNewTableCountsForAReaderThatRefoundDuringACompaction) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 64), Tessel::attachNew);
+  for (uint32_t i = 0; i < w.entryCapacity(); i++) w.notify(i % 8);
+  // The reader re-finds its place while the writer has filled the other
+  // table and not yet flipped: it must stand in the table of the generation
+  // it read, and a retirement after the flip must reach it.
+  std::unique_ptr<TesselReaderView> r;
+  Tessel::TesselNotification standing;
+  {
+    StepHook hook([&](WriterStep step) {
+      if (step == WriterStep::compactionFilled) {
+        r = viewAfter(dir, 0);
+        EXPECT_TRUE(r->next(standing));
+        EXPECT_TRUE(r->validateNotif());
+      }
+      return false;
+    });
+    w.notify(3);
+  }
+  ASSERT_NE(r, nullptr);
+  w.notify(standing.slot);  // retires the copy of the entry in the new table
+  EXPECT_FALSE(r->validateNotif()) << "the reader trusts an entry of the table left behind";
+  r->rejected();
+  Tessel::TesselNotification n;
+  std::vector<uint32_t> seen;
+  while (r->next(n)) {
+    seen.push_back(n.slot);
+    r->consumed();
+  }
+  EXPECT_EQ(seen.back(), standing.slot) << "the newer entry of the slot is met";
+}
+
+TEST(TesselReaderSees, AMovedKeyNeverLooksRemovedWhileACorralCloses) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 64), Tessel::attachNew);
+  w.notify(40);  // key 1 at slot 40
+  w.notify(41);  // key 2 at slot 41
+  std::map<uint32_t, int> const before = {{40, 1}, {41, 2}};
+  // A slot compaction moves them down: notify(to), tombstone(from), notify(from).
+  w.markShrinkStart();
+  for (auto [from, to] : {std::pair<uint32_t, uint32_t>{40, 3}, {41, 4}}) {
+    w.notify(to);
+    w.tombstone(from);
+    w.notify(from);
+  }
+  std::map<uint32_t, int> const table = {{3, 1}, {4, 2}};
+  // A reader that walks step by step as the corral closes, and fresh readers
+  // that walk everything at each pause: none may remove a key.
+  auto stepping = viewAfter(dir, 2);
+  MiniShadow steppingShadow{before};
+  int pauses = 0;
+  auto check = [&](char const* where) {
+    pauses++;
+    Tessel::TesselNotification n;
+    if (stepping->next(n)) {
+      steppingShadow.doSlot(n.slot, table, *stepping);
+      stepping->consumed();
+    }
+    auto fresh = viewAfter(dir, 2);
+    MiniShadow shadow{before};
+    shadow.drain(table, *fresh);
+    EXPECT_EQ(shadow.falseRemovals, 0) << where;
+    EXPECT_EQ(shadow.local, table) << where;
+  };
+  check("before the close");
+  {
+    StepHook hook([&](WriterStep step) {
+      if (step == WriterStep::corralCopied) check("copies appended");
+      if (step == WriterStep::corralRetired) check("an old entry retired");
+      return false;
+    });
+    w.markShrinkEnd();
+  }
+  EXPECT_EQ(pauses, 1 + 1 + 4);
+  steppingShadow.drain(table, *stepping);
+  EXPECT_EQ(steppingShadow.falseRemovals, 0);
+  EXPECT_EQ(steppingShadow.local, table);
+  std::string error;
+  EXPECT_TRUE(w.validate(kKestor, 64, error)) << error;
+}
+
+TEST(TesselReaderSees, ACapacityOfZeroIsDamageNotAHang) {
+  TempDir dir;
+  {
+    Writer w(dir.path(), TesselTest::handler());
+    ASSERT_EQ(w.attach(kKestor, 10), Tessel::attachNew);
+    w.notify(1);
+    writeAt<uint32_t>(table0(dir), 4, 0);
+    std::string error;
+    EXPECT_FALSE(w.validate(kKestor, 10, error));
+    EXPECT_EQ(error, "tessel " + dir.path() + " table 0 capacity:0");
+  }
+  Writer w(dir.path(), TesselTest::handler());
+  EXPECT_EQ(w.attach(kKestor, 10), Tessel::attachReformatted);
+  for (uint32_t i = 0; i < 200; i++) w.notify(i % 10);
+  EXPECT_GT(w.compactions(), 0u);
+}
+
+// A compaction whose table cannot grow: with few live entries it compacts
+// into the room the file has; with too many it issues the sequence without
+// an entry and raises lostSequence. Either way the queue stays valid. A table
+// of 510 entries fills its page exactly: the file holds no spare room.
+struct FailedGrowthCase {
+  uint32_t liveSlots;
+  bool lost;
+};
+class TesselFailedGrowth : public ::testing::TestWithParam<FailedGrowthCase> {};
+
+TEST_P(TesselFailedGrowth, LeavesTheQueueValidAndTheChangeFindable) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 510), Tessel::attachNew);
+  uint32_t const capacity = w.entryCapacity();
+  ASSERT_EQ(Tessel::tableFileSize(capacity, "t"), 4096u);
+  for (uint32_t i = 0; i < capacity; i++) w.notify(i % GetParam().liveSlots);
+  auto r = viewAfter(dir, 0);
+  {
+    StepHook hook([](WriterStep step) { return step == WriterStep::tableGrowth; });
+    w.notify(0);
+  }
+  std::string error;
+  EXPECT_TRUE(w.validate(kKestor, 510, error)) << error;
+  EXPECT_EQ(w.sequence(), capacity + 1u);
+  Tessel::TesselNotification n;
+  Rusk::Sequence last = 0;
+  while (r->next(n)) {
+    last = n.sequence;
+    r->consumed();
+  }
+  if (GetParam().lost) {
+    EXPECT_EQ(w.lostSequence(), capacity + 1u);
+    EXPECT_EQ(w.losses(), 1u);
+    EXPECT_TRUE(r->overrun()) << "a caught-up reader must learn that it missed a change";
+  } else {
+    EXPECT_EQ(w.lostSequence(), 0u);
+    EXPECT_EQ(w.entryCapacity(), capacity) << "compacted into the room the file had";
+    EXPECT_EQ(last, w.sequence());
+    EXPECT_FALSE(r->overrun());
+  }
+  // The next notify grows the table as usual.
+  for (uint32_t i = 0; i < capacity; i++) w.notify(i);
+  EXPECT_TRUE(w.validate(kKestor, 510, error)) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, TesselFailedGrowth,
+                         ::testing::Values(FailedGrowthCase{300, false},
+                                           FailedGrowthCase{510, true}));
+
+TEST(TesselReaderSees, ARemovedQueueAsGoneNotAsCaughtUp) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 10), Tessel::attachNew);
+  w.notify(1);
+  auto r = viewAfter(dir, 0);
+  Tessel::TesselNotification n;
+  ASSERT_TRUE(r->next(n));
+  r->consumed();
+  ASSERT_FALSE(r->next(n));
+  w.cleanup();
+  EXPECT_FALSE(r->next(n));
+  EXPECT_TRUE(r->reformatted()) << "a reader still mapping a removed queue must re-attach";
+}
+
+TEST(TesselReaderSees, PrunedEntriesSendOnlyReadersThatHadNotPassedThemToASweep) {
+  TempDir dir;
+  Writer w(dir.path(), TesselTest::handler());
+  ASSERT_EQ(w.attach(kKestor, 64), Tessel::attachNew);
+  w.pruneModeIs(Tessel::PruneMode::prune);
+  Rusk::Sequence floor = 0;
+  w.pruneFloorIs([&] { return floor; });
+  auto behind = viewAfter(dir, 0);
+  auto ahead = viewAfter(dir, 0);
+  for (uint32_t i = 0; i < 40; i++) w.notify(i);
+  MiniShadow none;
+  none.drain({}, *ahead);
+  floor = ahead->lastConsumed();
+  for (uint32_t i = 0; w.compactions() == 0; i++) w.notify(40 + i % 8);
+  EXPECT_EQ(w.pruned(), 40u) << "the 40 entries every reader passed";
+  EXPECT_EQ(w.lostSequence(), 40u);
+  std::string error;
+  EXPECT_TRUE(w.validate(kKestor, 64, error)) << error;
+  none.drain({}, *ahead);
+  EXPECT_FALSE(ahead->overrun());
+  none.drain({}, *behind);
+  EXPECT_TRUE(behind->overrun());
 }
 
 // ---------------------------------------------------------------------------
