@@ -225,6 +225,13 @@ class MirakWriter : public MirakInterface<OpsT> {
   SlotTable::SlotHead* reuseLookaside();
   // The overwrite of an occupied slot through the lookaside slot.
   void overwrite(SlotT& s, Value const& value);
+  // The queue hears of a changed slot, then the sleeping readers: notify
+  // never throws for want of room (the queue counts a loss instead), and the
+  // wake-up sends nothing when no reader sleeps.
+  void announce(uint32_t index) {
+    tessel_.notify(index);
+    if (rusk_) rusk_->notify(tessel_.sequence());
+  }
   // Slot compaction with shrink threshold `threshold` (0: nothing to do).
   void doMaybeShrinkSlots(uint32_t threshold);
   // Unlinks every slot at or above `newNumSlots` from the free list.
@@ -688,7 +695,7 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
     overwrite(s, value);
     counters_.overwrites++;
     // 5
-    tessel_.notify(index);
+    announce(index);
     return &s.value;
   }
   // Insert. 1-4: a free slot, rhash, off the free list.
@@ -715,7 +722,7 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
   // 9: buckets grow after the entry is visible.
   if (members() > map_.growThreshold()) map_.growBuckets();
   // 10: the queue hears of it last.
-  tessel_.notify(index);
+  announce(index);
   return &slots_.slots()[index].value;
 }
 
@@ -744,7 +751,7 @@ bool MirakWriter<OpsT>::remove(Key const& key, Value& removed) {
   uint32_t const threshold = slots_.dealloc(index);
   counters_.removes++;
   // 7
-  tessel_.notify(index);
+  announce(index);
   // 8
   FMTRACE(handler_, 9, "MirakWriter", "{} bucket:{} slot:{}", Ops::keyText(key), bucket, index);
   // 9: slots shrink before buckets.
@@ -960,14 +967,14 @@ void MirakWriter<OpsT>::move(uint32_t from, uint32_t to, Link* prev) {
   // 6: from here on the chain runs through the new slot.
   Mem::storeRelease(*prev, Link{prev->version + Link::kVersionStep, to});
   // 7
-  tessel_.notify(to);
+  announce(to);
   // 8
   tessel_.tombstone(from);
   // 9: the retired slot looks changed to every reader that stands on it.
   Mem::storeRelease(src.link, Link{src.link.version + Link::kVersionStep, src.link.next});
   Mem::storeRelease(src.versionFlags, src.versionFlags & ~SlotTable::OCCUPIED);
   // 10
-  tessel_.notify(from);
+  announce(from);
 }
 
 template <TablePolicy OpsT>
@@ -1122,7 +1129,7 @@ void MirakWriter<OpsT>::directCommit() {
   // 7
   if (members() > map_.growThreshold()) map_.growBuckets();
   // 8
-  tessel_.notify(index);
+  announce(index);
   // 9
   slots_.leaveCriticalSection();
 }

@@ -1,0 +1,186 @@
+// The queue-following half of a shadow; see MirakShadowBase.h.
+#include "Mirak/MirakShadowBase.h"
+
+#include "Lomi/EventLoop.h"
+#include "Lomi/Exception.h"
+#include "Lomi/Trace.h"
+#include "Parcel/OwnerFile.h"
+
+namespace Mirak {
+
+MirakShadowBase::MirakShadowBase(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath rootPath,
+                                 uint32_t shadowFlags, Lomi::EventLoop* loop)
+    : handler_(handler),
+      rootPath_(std::move(rootPath)),
+      syncer_(handler, *this, loop),
+      tessel_(rootPath_.path(), handler),
+      rusk_(handler, loop),
+      shadowFlags_(shadowFlags),
+      loop_(loop),
+      token_(std::make_shared<MirakShadowBase*>(this)) {
+  rusk_.wakeHandlerIs([this] { scheduleWalk(); });
+  rusk_.disconnectHandlerIs([this] {
+    FMTRACE(handler_, 1, "MirakShadowBase", "{}: wake-up connection lost", dir());
+    handleDisconnect();
+  });
+}
+
+MirakShadowBase::~MirakShadowBase() {
+  // Queued tasks see the token expire and do nothing.
+  token_.reset();
+  rusk_.disconnect();
+}
+
+Lomi::EventLoop& MirakShadowBase::loop() const {
+  return loop_ ? *loop_ : Lomi::EventLoop::defaultLoop();
+}
+
+std::string MirakShadowBase::socketName() const {
+  try {
+    return Parcel::OwnerFile(handler_, rootPath_, false).tunnetInfo().socketName();
+  } catch (Lomi::Exception const& e) {
+    FMTRACE(handler_, 1, "MirakShadowBase", "{}: owner file unreadable: {}", dir(), e.msg());
+    return {};
+  }
+}
+
+bool MirakShadowBase::initializeTessel(uint32_t kestor) {
+  std::string error;
+  if (!tessel_.attach(kestor, error)) {
+    FMTRACE(handler_, 0, "MirakShadowBase", "cannot follow the change queue: {}", error);
+    return false;
+  }
+  maybeConnect();
+  resync();
+  return true;
+}
+
+void MirakShadowBase::maybeConnect() {
+  if (rusk_.connected()) return;
+  std::string error;
+  std::string const name = socketName();
+  if (name.empty() || !rusk_.connect(name, error)) {
+    FMTRACE(handler_, 1, "MirakShadowBase", "{}: no wake-up connection ({}); polling every {} s",
+            dir(), name.empty() ? std::string("no writer named in the owner file") : error,
+            kPollSeconds);
+  }
+}
+
+void MirakShadowBase::resync() {
+  // The head first, then the count (see the header).
+  sweepHead_ = tessel_.head();
+  uint32_t const slots = sweepSlots();
+  tesselEnabled_ = false;
+  resyncs_++;
+  FMTRACE(handler_, 1, "MirakShadowBase", "{}: sweep of {} slots from head seq:{}", dir(), slots,
+          sweepHead_);
+  syncer_.sync(slots, SyncerMode::sync, true);
+}
+
+void MirakShadowBase::syncSlot(uint32_t slot) {
+  doSlot(slot, Rusk::noSequence, true);
+}
+
+void MirakShadowBase::flushSlot(uint32_t slot) {
+  doFlushSlot(slot);
+}
+
+void MirakShadowBase::syncDone() {
+  tessel_.seek(sweepHead_);
+  sequence_ = sweepHead_;
+  syncComplete();
+}
+
+void MirakShadowBase::flushDone() {
+  flushComplete();
+}
+
+void MirakShadowBase::maybeEnableTessel() {
+  if (!tessel_.attached()) return;
+  tesselEnabled_ = true;
+  scheduleWalk();
+}
+
+void MirakShadowBase::detachTessel() {
+  tesselEnabled_ = false;
+  if (syncer_.mode() == SyncerMode::sync) syncer_.cancel();
+  tessel_.detach();
+  rusk_.disconnect();
+}
+
+void MirakShadowBase::notifyingIs(bool notifying) {
+  notifying_ = notifying;
+  syncer_.notifyingIs(notifying);
+  rusk_.notifyingIs(notifying);
+  if (notifying) scheduleWalk();
+}
+
+void MirakShadowBase::yieldTimeIs(double const& seconds) {
+  yieldTime_ = seconds;
+  rusk_.yieldTimeIs(seconds);
+  syncer_.yieldTimeIs(seconds);
+}
+
+void MirakShadowBase::scheduleWalk(double delay) {
+  if (walkScheduled_ || !tesselEnabled_) return;
+  walkScheduled_ = true;
+  auto task = [weak = std::weak_ptr<MirakShadowBase*>(token_)] {
+    if (auto token = weak.lock()) {
+      (*token)->walkScheduled_ = false;
+      (*token)->walk();
+    }
+  };
+  if (delay > 0) {
+    loop().timerIs(delay, std::move(task));
+  } else {
+    loop().deferredTaskIs(std::move(task));
+  }
+}
+
+void MirakShadowBase::walk() {
+  if (!tesselEnabled_ || !notifying_ || !tessel_.attached()) return;
+  if (quiescedReported_) {
+    quiescedReported_ = false;
+    handleQuiesced(false);
+  }
+  walks_++;
+  TesselReader::Walk result;
+  try {
+    result = tessel_.walk(*this, yieldTime_);
+  } catch (Lomi::CorruptionDetectedException const& e) {
+    FMTRACE(handler_, 0, "MirakShadowBase", "corruption detected: {}", e.msg());
+    tesselEnabled_ = false;
+    corruptionDetected(e.msg());
+    return;
+  }
+  if (tessel_.lastConsumed() > sequence_) sequence_ = tessel_.lastConsumed();
+  switch (result) {
+    case TesselReader::Walk::yielded:
+      scheduleWalk();
+      return;
+    case TesselReader::Walk::overrun:
+      resync();
+      return;
+    case TesselReader::Walk::reformatted:
+      FMTRACE(handler_, 1, "MirakShadowBase", "{}: the change queue was re-formatted or removed",
+              dir());
+      tesselEnabled_ = false;
+      queueReformatted();
+      return;
+    case TesselReader::Walk::caughtUp:
+      break;
+  }
+  if (!tessel_.attached() || !tesselEnabled_) return;
+  if (!quiescedReported_) {
+    quiescedReported_ = true;
+    handleQuiesced(true);
+  }
+  maybeConnect();
+  if (rusk_.connected()) {
+    rusk_.sleeping(tessel_.lastConsumed());
+  } else {
+    scheduleWalk(kPollSeconds);
+  }
+}
+
+}  // namespace Mirak

@@ -1,0 +1,331 @@
+// Following a writer from another process: the sweeper, and the queue reader
+// with its wake-ups driven by a shadow base over real files, sockets and
+// processes. The shadow here keeps a plain copy (slot -> row) and records
+// what a real shadow would report: removals, sequences, wake-ups.
+#include "Mirak/MirakShadowBase.h"
+
+#include <signal.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Lomi/EventLoop.h"
+#include "Mirak/MirakReader.h"
+#include "Mirak/MirakWriter.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/TestPolicy.h"
+#include "Parcel/ProcessTestUtil.h"
+#include "Tessel/TesselWriter.h"
+
+namespace MirakTest {
+namespace {
+
+using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using Writer = Mirak::MirakWriter<QueueOps>;
+using Reader = Mirak::MirakReader<QueueOps>;
+using ParcelTest::Child;
+using ParcelTest::Pipe;
+constexpr char kTable[] = "test/shadowbase";
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("ShadowBaseTest");
+}
+
+Lomi::EventLoop& loop() {
+  return Lomi::EventLoop::defaultLoop();
+}
+
+// ---------------------------------------------------------------------------
+// The sweeper alone.
+
+struct SweepLog : Mirak::Syncer::Client {
+  std::vector<uint32_t> synced, flushed;
+  int syncDones = 0, flushDones = 0;
+  void syncSlot(uint32_t s) override { synced.push_back(s); }
+  void flushSlot(uint32_t s) override { flushed.push_back(s); }
+  void syncDone() override { syncDones++; }
+  void flushDone() override { flushDones++; }
+};
+
+TEST(Syncer, SweepsEachSlotOnceInStepsAndCompletesOnce) {
+  SweepLog log;
+  Mirak::Syncer syncer(handler(), log);
+  syncer.yieldTimeIs(0);  // every step ends at the first clock check
+  syncer.sync(1000, Mirak::SyncerMode::sync, true);
+  EXPECT_TRUE(log.synced.empty()) << "an asynchronous sweep starts on a later turn";
+  loop().runOnce(0);
+  EXPECT_EQ(log.synced.size(), 64u) << "one step, cut at the first clock check";
+  syncer.notifyingIs(false);
+  loop().runOnce(0);
+  EXPECT_EQ(log.synced.size(), 64u) << "no visits while notifying is off";
+  syncer.notifyingIs(true);
+  ASSERT_TRUE(loop().runUntil([&] { return syncer.done(); }, 10));
+  ASSERT_EQ(log.synced.size(), 1000u);
+  for (uint32_t i = 0; i < 1000; i++) ASSERT_EQ(log.synced[i], i);
+  EXPECT_EQ(log.syncDones, 1);
+  // A flush forced to its end runs the rest at once; a restarted sweep
+  // starts from 0 and the replaced one never completes.
+  syncer.sync(300, Mirak::SyncerMode::flush, true);
+  loop().runOnce(0);
+  syncer.forceSyncCompletion();
+  EXPECT_EQ(log.flushed.size(), 300u);
+  EXPECT_EQ(log.flushDones, 1);
+  syncer.sync(200, Mirak::SyncerMode::sync, true);
+  loop().runOnce(0);
+  syncer.sync(100, Mirak::SyncerMode::sync, false);
+  EXPECT_EQ(log.syncDones, 2);
+  loop().runUntil([] { return false; }, 0.05);
+  EXPECT_EQ(log.syncDones, 2) << "the replaced sweep went on";
+  {
+    Mirak::Syncer gone(handler(), log);
+    gone.sync(10, Mirak::SyncerMode::sync, true);
+  }
+  loop().runOnce(0);  // the queued step of a destroyed sweeper does nothing
+}
+
+// ---------------------------------------------------------------------------
+// A shadow base over a plain copy.
+
+class RecordingShadow : public Mirak::MirakShadowBase {
+ public:
+  RecordingShadow()
+      : MirakShadowBase(handler(), Mem::NaoRootPath(handler(), kTable, false), 0),
+        reader_(handler(), kTable, QueueOps(0)) {}
+
+  bool start() {
+    copy_.clear();
+    if (!reader_.initialize("test")) return false;
+    return initializeTessel(reader_.kestorId().value());
+  }
+  void stop() {
+    detachTessel();
+    reader_.detach(false);
+  }
+
+  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool) override {
+    if (seq != Rusk::noSequence) {
+      if (seq <= lastSeq_) outOfOrder++;
+      lastSeq_ = seq;
+    }
+    TestValue v;
+    bool const found = slot < reader_.capacity() && reader_.getValue(slot, v, nullptr);
+    auto it = copy_.find(slot);
+    if (found) {
+      // A key met at another slot moved: no removal.
+      if (it != copy_.end() && !(it->second.key() == v.key())) {
+        if (seq != Rusk::noSequence && !tesselReader().validateNotif()) return false;
+        removed.push_back(it->second.key().id);
+      }
+      std::erase_if(copy_, [&](auto const& e) { return e.first != slot && e.second.key() == v.key(); });
+      copy_[slot] = v;
+    } else if (it != copy_.end()) {
+      if (seq != Rusk::noSequence && !tesselReader().validateNotif()) return false;
+      removed.push_back(it->second.key().id);
+      copy_.erase(it);
+    }
+    return true;
+  }
+  void doFlushSlot(unsigned slot) override { copy_.erase(slot); }
+  void syncComplete() override {
+    syncedIs(true);
+    sweeps++;
+    maybeEnableTessel();
+  }
+  void flushComplete() override {}
+  void handleDisconnect() override { disconnects++; }
+  void handleQuiesced(bool) override {}
+  void corruptionDetected(std::string const& m) override { corruption = m; }
+  uint32_t sweepSlots() const override { return reader_.capacity(); }
+
+  // The copy against a walk of the table: "" if equal.
+  std::string differences() const {
+    std::map<uint32_t, uint64_t> table, mine;
+    TestValue v;
+    Mirak::IterHint hint{};
+    for (bool ok = reader_.first(v, hint); ok; ok = reader_.next(v.key(), v, hint)) {
+      table[v.key().id] = v.count;
+    }
+    for (auto const& [slot, row] : copy_) mine[row.key().id] = row.count;
+    if (table == mine) return "";
+    return "copy of " + std::to_string(mine.size()) + " rows, table of " +
+           std::to_string(table.size());
+  }
+
+  std::vector<uint32_t> removed;
+  int outOfOrder = 0, disconnects = 0, sweeps = 0;
+  std::string corruption;
+
+ private:
+  Reader reader_;
+  std::map<uint32_t, TestValue> copy_;
+  Rusk::Sequence lastSeq_ = 0;
+};
+
+TestKey key(uint32_t id) {
+  return TestKey{id, 0};
+}
+
+TestValue row(uint32_t id, uint64_t count) {
+  TestRecord r;
+  r.key_.id = id;
+  r.count = count;
+  return TestValue(r);
+}
+
+std::unique_ptr<Writer> makeWriter() {
+  Mirak::MapDescriptor d(64);
+  d.local = false;
+  d.shrinkSlots = true;
+  auto w = std::make_unique<Writer>(handler(), kTable, d, QueueOps(0));
+  EXPECT_TRUE(w->initialize("test"));
+  return w;
+}
+
+// The reader process: follows the table and answers the parent's checks.
+// Commands, one per line: "check <sequence>" waits until the shadow has
+// caught up with that sequence and replies "ok <sleeps> <wakes>" or the
+// problem; "stop" ends it.
+int shadowProcess(Pipe& commands, Pipe& replies) {
+  RecordingShadow shadow;
+  if (!shadow.start()) return 3;
+  // Permanent keys are never removed by the writer: a removal is false.
+  auto falseRemovals = [&] {
+    int n = 0;
+    for (uint32_t id : shadow.removed) n += id % 8 == 7;
+    return n;
+  };
+  for (;;) {
+    std::optional<std::string> line = commands.receive();
+    if (!line || *line == "stop") return 0;
+    std::istringstream in(*line);
+    std::string verb;
+    Rusk::Sequence seq = 0;
+    in >> verb >> seq;
+    bool const caughtUp = loop().runUntil(
+        [&] {
+          return shadow.synced() && shadow.syncFromTessel() &&
+                 shadow.tesselReader().lastConsumed() >= seq && shadow.tesselReader().quiesced();
+        },
+        20);
+    std::string const diff = shadow.differences();
+    if (!caughtUp || !diff.empty() || shadow.outOfOrder != 0 || falseRemovals() != 0 ||
+        !shadow.corruption.empty()) {
+      replies.send("caughtUp:" + std::to_string(caughtUp) + " diff:" + diff +
+                   " outOfOrder:" + std::to_string(shadow.outOfOrder) +
+                   " falseRemovals:" + std::to_string(falseRemovals()) + " " + shadow.corruption);
+    } else {
+      replies.send("ok " + std::to_string(shadow.ruskSm().sequencesSent()) + " " +
+                   std::to_string(shadow.ruskSm().wakesReceived()) + " " +
+                   std::to_string(shadow.resyncs()));
+    }
+  }
+}
+
+TEST(ShadowBase, FollowsAWriterProcessThroughBurstsShrinksAndAStop) {
+  TempRoot root;
+  auto w = makeWriter();
+  for (uint32_t id = 0; id < 100; id++) w->write(row(id, 0), true);
+  Pipe commands, replies;
+  Child reader([&] { return shadowProcess(commands, replies); });
+  // The writer's loop reads the reader's "sleeping" messages while it waits.
+  auto ask = [&](std::string const& what) {
+    commands.send("check " + std::to_string(w->tesselWriter().sequence()));
+    std::optional<std::string> answer;
+    loop().runUntil(
+        [&] {
+          answer = replies.receive(0);
+          return answer.has_value();
+        },
+        30);
+    EXPECT_TRUE(answer && answer->rfind("ok ", 0) == 0) << what << ": " << answer.value_or("none");
+    return answer.value_or("");
+  };
+  ask("first sweep");
+  uint32_t next = 100;
+  uint64_t count = 1;
+  for (int round = 0; round < 12; round++) {
+    // A burst: inserts, overwrites, removes of volatile keys. Keys with
+    // id % 8 == 7 are permanent: never removed, only moved.
+    for (int i = 0; i < 150; i++) w->write(row(next++, count), true);
+    for (uint32_t id = round; id < next; id += 7) w->write(row(id, ++count), true);
+    TestValue gone;
+    for (uint32_t id = 0; id < next; id += 8) w->remove(key(id), gone);
+    if (round % 4 == 3) {
+      // Every volatile row goes: the slots shrink and the permanent rows
+      // move down under the walking reader.
+      uint32_t const before = w->capacity();
+      for (uint32_t id = 0; id < next; id++) {
+        if (id % 8 != 7) w->remove(key(id), gone);
+      }
+      w->shrink();
+      EXPECT_LT(w->capacity(), before) << "round " << round << " moved nothing";
+    }
+    ask("round " + std::to_string(round));
+  }
+  // The reader stops while the queue is compacted several times over.
+  ASSERT_EQ(::kill(reader.pid(), SIGSTOP), 0);
+  uint64_t const compactions = w->tesselWriter().compactions();
+  for (int i = 0; w->tesselWriter().compactions() < compactions + 3; i++) {
+    w->write(row(7 + 8 * (i % 50), ++count), true);
+  }
+  ASSERT_EQ(::kill(reader.pid(), SIGCONT), 0);
+  std::string const last = ask("after a stop across compactions");
+  // One wake-up per sleep: the writer never sent more than the reader slept.
+  std::istringstream in(last);
+  std::string ok;
+  uint64_t sleeps = 0, wakes = 0;
+  in >> ok >> sleeps >> wakes;
+  EXPECT_GT(sleeps, 0u);
+  EXPECT_LE(w->writerCounters().ruskCount, sleeps);
+  EXPECT_LE(wakes, w->writerCounters().ruskCount);
+  commands.send("stop");
+  std::optional<int> st = reader.wait();
+  ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
+}
+
+// The writer in a child: killed with SIGKILL, its end reaches the shadow as a
+// disconnect; a new writer that re-formats sends the shadow to a full sweep.
+TEST(ShadowBase, AKilledWriterIsADisconnectAndAReformatAFullSweep) {
+  TempRoot root;
+  Pipe ready;
+  auto writerChild = [&](uint32_t rows) {
+    return std::make_unique<Child>([&ready, rows] {
+      auto w = makeWriter();
+      for (uint32_t id = 0; id < rows; id++) w->write(row(id, 1), true);
+      ready.send("ready");
+      for (;;) loop().runOnce(1);
+      return 0;
+    });
+  };
+  auto first = writerChild(50);
+  ASSERT_TRUE(ready.receive());
+  RecordingShadow shadow;
+  ASSERT_TRUE(shadow.start());
+  ASSERT_TRUE(loop().runUntil([&] { return shadow.synced() && shadow.ruskSm().connected(); }, 20));
+  EXPECT_EQ(shadow.differences(), "");
+  ASSERT_TRUE(first->killAndReap());
+  EXPECT_TRUE(loop().runUntil([&] { return shadow.disconnects == 1; }, 20));
+  EXPECT_EQ(shadow.differences(), "") << "the copy stays readable";
+  // A re-format: the dead writer's files go, a new writer makes new ones.
+  {
+    auto w = makeWriter();
+    w->cleanup();
+  }
+  auto second = writerChild(80);
+  ASSERT_TRUE(ready.receive());
+  shadow.stop();
+  ASSERT_TRUE(shadow.start());
+  ASSERT_TRUE(loop().runUntil([&] { return shadow.synced() && shadow.sweeps == 2; }, 20));
+  EXPECT_EQ(shadow.differences(), "");
+  EXPECT_EQ(shadow.removed.size(), 0u) << "a new attach starts from an empty copy";
+  second->killAndReap();
+}
+
+}  // namespace
+}  // namespace MirakTest
