@@ -1,40 +1,78 @@
-// Rusk::WriterRuskSm: the writer's wake-up socket, listening side.
+// Rusk::WriterRuskSm: the writer's wake-up socket.
 //
 // Each writer table listens on its own abstract Unix stream socket named
-// "\0flowtables-<pid>-<tableId>": the pid of the writer process and a table id
-// that counts the tables of that process. The printable form, with '@' for
-// the leading NUL, goes into the owner file (Parcel::TunnetInfo), where
-// readers find it, and where a would-be second writer probes it: an abstract
-// name disappears when the last descriptor of its socket closes, so a writer
-// that died no longer accepts, even if its pid has been reused since.
+// "\0flowtables-<pid>-<tableId>-<nonce>": the pid of the writer process, a
+// table id that counts the tables of that process, and random bytes. The
+// printable form, with '@' for the leading NUL, goes into the owner file
+// (Parcel::TunnetInfo), where readers find it, and where a would-be second
+// writer probes it: an abstract name disappears when the last descriptor of
+// its socket closes, so a writer that died no longer accepts, even if its pid
+// has been reused since.
+//
+// The protocol ("one wake-up per sleeping reader"; messages in RuskWire.h):
+// a reader that has taken in the change queue up to sequence S sends
+// Sleeping(S) and stops polling. The writer remembers S for that connection.
+// The first notify(seq) with seq > S sends that reader one Wake and marks it
+// awake; later notifications send it nothing until it sleeps again. A burst
+// of writes costs at most one send per sleeping reader, and nothing at all
+// when nobody sleeps.
+//
+// Order that closes the race between a reader going to sleep and the writer
+// moving on:
+//   1. The table writer publishes a queue entry (sequence seq), then calls
+//      notify(seq).
+//   2. notify stores seq as the latest sequence before it reads any
+//      connection or scans the sleepers.
+//   3. A Sleeping(S) is compared with the latest sequence when it is read:
+//      S < latest means the reader went to sleep on a queue that had already
+//      moved, and it is woken at once. Otherwise it sleeps, and the next
+//      notify past S (step 2 happens first) wakes it.
+// One thread runs all three, so every Sleeping is read either before a
+// notify (and that notify wakes it) or after it (and step 3 sees its seq):
+// no reader sleeps past an entry it has not seen.
 //
 // Safety:
-//   1. Only the writer's thread touches this object.
+//   1. Only the writer's thread touches this object; its callbacks run on the
+//      event loop of that thread.
 //   2. The socket is opened by doEnableListen(), after the table's files are
 //      validated: no reader can connect to a writer that is not ready.
-//   3. Every descriptor is non-blocking and close-on-exec.
+//   3. Every descriptor is non-blocking and close-on-exec; no send blocks
+//      and none raises SIGPIPE. A full socket buffer means the reader has
+//      wake-ups it has not read yet: the reader counts as woken.
+//   4. A connection that sends garbage is closed with a level-0 trace naming
+//      it and the fault; the others live on. A connection that closes between
+//      messages is normal (a liveness probe connects and closes at once).
+//   5. Watchers are removed from the loop before their descriptors close.
 //
-// What is here: the listening socket, and acceptPending(), which takes the
-// queued connections and keeps them, dropping those whose peer has gone (a
-// liveness probe is such a peer). What is not here yet: reading the kept
-// connections. The wake-up protocol ("sleeping after sequence S" from a reader;
-// one wake-up on the first notify past S) belongs to the event loop: it will
-// watch fd() and connections(), call acceptPending() when fd() is readable,
-// and parse what the connections send. Until then a connection stays queued
-// with whatever it sent unread.
+// Driving: doEnableListen() registers the listening socket with the event
+// loop (the process default loop unless loopIs() named another), and each
+// accepted connection too; the loop accepts, sends Hello, and reads Sleeping
+// messages. A writer that writes in a tight loop and does not run its event
+// loop is still served: notify() itself polls the socket and its connections
+// (accept, read, without blocking) when more than about a millisecond has
+// passed since it last did, timed with the time stamp counter. So such a
+// writer learns of a sleeper at most ~1 ms of writing late, and pays one
+// poll() per millisecond of writing for it.
 #pragma once
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace Lomi::Platform {
+#include "Tessel/Sequence.h"
+
+namespace Lomi {
+class EventLoop;
+namespace Platform {
 class DebugHandler;
 }
+}  // namespace Lomi
 
 namespace Rusk {
 
@@ -66,6 +104,7 @@ class WriterRuskSm {
   explicit WriterRuskSm(Lomi::Platform::DebugHandler& handler);
   WriterRuskSm(WriterRuskSm const&) = delete;
   WriterRuskSm& operator=(WriterRuskSm const&) = delete;
+  // Closes everything (see close()); safe at any time.
   ~WriterRuskSm();
 
   // The process-wide number of this table, 1, 2, ... in construction order.
@@ -73,33 +112,89 @@ class WriterRuskSm {
   // The printable name; fixed at construction, valid before listening.
   std::string const& socketName() const { return socketName_; }
 
-  // Opens and binds the socket and listens. Does nothing if already
-  // listening. Throws Lomi::InvalidInitializeException naming the socket and
-  // the system's reason (for example a name already in use).
+  // The loop that watches the socket and its connections. Without a call,
+  // the process default loop at the time of doEnableListen(). Called while
+  // listening, it moves the watchers to `loop`.
+  void loopIs(Lomi::EventLoop& loop);
+
+  // Opens and binds the socket, listens, and registers with the loop. Does
+  // nothing if already listening. Throws Lomi::InvalidInitializeException
+  // naming the socket and the system's reason (for example a name already in
+  // use); nothing is left open then.
   void doEnableListen();
   bool listening() const { return fd_ >= 0; }
   // The listening descriptor; -1 when not listening.
   int fd() const { return fd_; }
 
-  // Accepts every queued connection and keeps it; then closes the kept
-  // connections whose peer has hung up. Returns the number accepted by this
-  // call. Does nothing when not listening.
+  // Accepts every queued connection, sends it Hello and keeps it (watched by
+  // the loop); then closes the kept connections whose peer has hung up.
+  // Returns the number accepted by this call, hung-up ones included. Does
+  // nothing when not listening. The loop calls it when fd() is readable.
   size_t acceptPending();
-  // The kept connections, in order of acceptance.
-  std::vector<int> const& connections() const { return connections_; }
+  // The descriptors of the kept connections, in order of acceptance.
+  std::vector<int> connections() const;
 
-  // Closes the kept connections and the listening socket; the name is free
-  // again once no other descriptor of it remains.
+  // The table writer's call after every queue notification, with the
+  // sequence just issued (see the order at the top of the file). Sends Wake
+  // to each sleeping reader whose S < seq and marks it awake. With nobody
+  // asleep it costs a counter test and a time stamp read, except about once
+  // a millisecond when it polls the connections. Never blocks, never throws.
+  void notify(Sequence seq);
+  // The latest sequence given to notify(); 0 before the first.
+  Sequence latestSequence() const { return latest_; }
+
+  // Wake messages sent (a send refused for a full buffer is not counted).
+  uint64_t ruskCount() const { return ruskCount_; }
+  // Sleeping messages received.
+  uint64_t sequencesProcessed() const { return sequencesProcessed_; }
+  size_t readers() const { return connections_.size(); }
+  size_t sleepingReaders() const { return sleeping_; }
+
+  // Closes the kept connections and the listening socket, watchers first;
+  // the name is free again once no other descriptor of it remains.
   void close();
 
  private:
+  struct Connection;
+
+  void addConnection(int fd);
+  void closeConnection(size_t index, int level, std::string_view why);
+  size_t indexOf(int fd) const;
+  void onReadable(int fd);
+  // Reads what the connection has; false if it was closed meanwhile.
+  bool readConnection(size_t index);
+  // Records a Sleeping(s) just read, or wakes at once; false if the
+  // connection was closed instead.
+  bool sleepingIs(size_t index, Sequence s);
+  // Sends Wake(latest) and marks the reader awake; false if the connection
+  // was closed instead.
+  bool wake(size_t index);
+  void drain(uint64_t now);
   void dropHungUp();
+  void watch(int fd, bool listener);
 
   Lomi::Platform::DebugHandler& handler_;
   uint32_t tableId_;
   std::string socketName_;
+  // The loop watching fd_ and the connections while listening; chosen by
+  // loopIs(), else the default loop of the process at doEnableListen().
+  Lomi::EventLoop* loop_ = nullptr;
+  bool loopChosen_ = false;
   int fd_ = -1;
-  std::vector<int> connections_;
+  std::vector<std::unique_ptr<Connection>> connections_;
+  uint64_t nextConnectionId_ = 1;
+  Sequence latest_ = 0;
+  // Connections whose sleepingAfter is a sequence, not noSequence.
+  size_t sleeping_ = 0;
+  uint64_t ruskCount_ = 0;
+  uint64_t sequencesProcessed_ = 0;
+  // Time stamp counter ticks between two polls made by notify(), and when
+  // the next is due.
+  uint64_t drainTicks_ = 0;
+  uint64_t nextDrain_ = 0;
+  // Reused by every drain, so that a drain allocates only when the number of
+  // connections has grown.
+  std::vector<pollfd> polls_;
 };
 
 }  // namespace Rusk
