@@ -105,6 +105,14 @@ class MirakReader : public MirakInterface<OpsT> {
   uint32_t minSize() const override { return 0; }
   uint32_t maxSize() const override { return slots_.header() ? slots_.header()->maxSlots : 0; }
   uint32_t capacity() const override { return slots_.capacity(); }
+  // Follows the writer's growth and shrink now, as every read does first:
+  // remaps the slots and the buckets if their sizes moved. True if anything
+  // was remapped. A sweep asks this before it reads capacity().
+  bool resize() const {
+    bool const slotChanged = slots_.doResize();
+    bool const bucketChanged = map_.bucketReader().resize();
+    return slotChanged || bucketChanged;
+  }
   MirakType type() const override { return MirakType::reader; }
   bool quiesced() const override { return this->initialized(); }
   Reader::Counters readerCounters() const override;

@@ -14,7 +14,7 @@ MirakShadowBase::MirakShadowBase(Lomi::Platform::DebugHandler& handler, Mem::Nao
       rootPath_(std::move(rootPath)),
       syncer_(handler, *this, loop),
       tessel_(rootPath_.path(), handler),
-      rusk_(handler, loop),
+      rusk_(handler, loop ? *loop : Lomi::EventLoop::defaultLoop()),
       shadowFlags_(shadowFlags),
       loop_(loop),
       token_(std::make_shared<MirakShadowBase*>(this)) {

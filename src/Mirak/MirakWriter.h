@@ -586,6 +586,13 @@ Writer::Counters MirakWriter<OpsT>::writerCounters() const {
   c.slotMappedSize = slots_.wrapper().fileSize();
   c.bucketMappedSize = map_.bucketWriter().wrapper().fileSize();
   c.sequencesProcessed = tessel_.sequence();
+  if (rusk_) {
+    c.ruskCount = rusk_->ruskCount();
+    c.readers = rusk_->readers();
+    c.sleepingReaders = rusk_->sleepingReaders();
+  }
+  c.tesselMappedSize = tessel_.headerMappedSize() + tessel_.primaryMappedSize() +
+                       tessel_.secondaryMappedSize();
   return c;
 }
 

@@ -46,6 +46,9 @@ struct RecordingQueueWriter {
   }
   uint64_t shrinkMarker() const { return marker; }
   uint64_t sequence() const { return sequence_; }
+  uint64_t headerMappedSize() const { return 0; }
+  uint64_t primaryMappedSize() const { return 0; }
+  uint64_t secondaryMappedSize() const { return 0; }
   void onDetach() {}
   void cleanup() {}
   bool validateFile() const { return true; }
