@@ -63,6 +63,7 @@ bool ReaderRuskSm::connect(std::string const& socketName, std::string& error) {
     return false;
   }
   fd_ = fd.release();
+  owner_ = ::getpid();
   ++generation_;
   FMTRACE(handler_, 1, "ReaderRuskSm", "connected to {} (fd {})", socketName_, fd_);
   return true;
@@ -77,7 +78,7 @@ void ReaderRuskSm::disconnect() {
 void ReaderRuskSm::closeSocket() {
   if (fd_ < 0) return;
   try {
-    loop_.fdWatcherDel(fd_);
+    if (::getpid() == owner_) loop_.fdWatcherDel(fd_);
   } catch (Lomi::Exception const& e) {
     FMTRACE(handler_, 0, "ReaderRuskSm", "{}", e.msg());
   }

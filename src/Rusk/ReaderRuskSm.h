@@ -29,6 +29,8 @@
 // connect and for the writer's normal end, 3 for socket events, 8 per message.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -57,7 +59,8 @@ class ReaderRuskSm {
   ReaderRuskSm(ReaderRuskSm const&) = delete;
   ReaderRuskSm& operator=(ReaderRuskSm const&) = delete;
   // Disconnects without calling a handler; safe at any time, from inside a
-  // handler of this object too.
+  // handler of this object too. A copy inherited by a forked child closes
+  // its descriptor and leaves the loop (the parent's epoll set) alone.
   ~ReaderRuskSm();
 
   // Run on the loop: after a turn that read at least one Wake (while
@@ -117,6 +120,8 @@ class ReaderRuskSm {
   int fd_ = -1;
   // Counts connect()s: work queued for one connection recognises a later one.
   uint64_t generation_ = 0;
+  // The process that registered fd_ with loop_.
+  pid_t owner_ = 0;
   std::unique_ptr<Wire::MessageBuffer> in_;
   std::function<void()> onWake_;
   std::function<void()> onDisconnect_;

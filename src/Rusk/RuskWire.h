@@ -95,7 +95,7 @@ enum class ReadEnd {
 };
 
 // Reads what `fd` has (at most kReadBudget bytes, so one call is bounded)
-// and feeds it to `buffer`. A close inside a message is garbage.
+// and feeds it to `buffer`. An end inside a message is garbage.
 inline constexpr size_t kReadBudget = 64 * 1024;
 template <typename OnMessage>
 ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::string& why);
@@ -160,7 +160,9 @@ ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::
   while (total < kReadBudget) {
     size_t got = 0;
     ReadEnd const end = readChunk(fd, chunk, sizeof chunk, got, why);
-    if (end == ReadEnd::closed && buffer.partial() != 0) {
+    // Our senders never leave half a message: a peer that ends inside one,
+    // by close or by reset (it had data of ours unread), sent garbage.
+    if ((end == ReadEnd::closed || end == ReadEnd::reset) && buffer.partial() != 0) {
       why = "closed inside a message (" + std::to_string(buffer.partial()) + " of 16 bytes)";
       return ReadEnd::garbage;
     }

@@ -187,6 +187,7 @@ void WriterRuskSm::doEnableListen() {
                                            e.msg());
   }
   fd_ = fd.release();
+  owner_ = ::getpid();
   drainTicks_ = static_cast<uint64_t>(Lomi::Rdtsc::calibrationRate() / 1000) + 1;
   nextDrain_ = Lomi::Rdtsc::now() + drainTicks_;
   FMTRACE(handler_, 2, "WriterRuskSm", "listening on {}", socketName_);
@@ -417,18 +418,18 @@ void WriterRuskSm::dropHungUp() {
 }
 
 void WriterRuskSm::close() {
+  if (fd_ < 0) return;
+  Lomi::EventLoop* const loop = ::getpid() == owner_ ? loop_ : nullptr;
   for (auto const& c : connections_) {
-    unwatch(loop_, c->fd, handler_);
+    unwatch(loop, c->fd, handler_);
     ::close(c->fd);
   }
   connections_.clear();
   sleeping_ = 0;
-  if (fd_ >= 0) {
-    unwatch(loop_, fd_, handler_);
-    ::close(fd_);
-    fd_ = -1;
-    FMTRACE(handler_, 2, "WriterRuskSm", "closed {}", socketName_);
-  }
+  unwatch(loop, fd_, handler_);
+  ::close(fd_);
+  fd_ = -1;
+  FMTRACE(handler_, 2, "WriterRuskSm", "closed {}", socketName_);
 }
 
 }  // namespace Rusk

@@ -55,7 +55,6 @@
 // poll() per millisecond of writing for it.
 #pragma once
 
-#include <poll.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -66,6 +65,8 @@
 #include <vector>
 
 #include "Tessel/Sequence.h"
+
+struct pollfd;
 
 namespace Lomi {
 class EventLoop;
@@ -112,9 +113,9 @@ class WriterRuskSm {
   // The printable name; fixed at construction, valid before listening.
   std::string const& socketName() const { return socketName_; }
 
-  // The loop that watches the socket and its connections. Without a call,
-  // the process default loop at the time of doEnableListen(). Called while
-  // listening, it moves the watchers to `loop`.
+  // The loop that watches the socket and its connections; it must outlive
+  // the listening. Without a call, the process default loop at the time of
+  // doEnableListen(). Called while listening, it moves the watchers.
   void loopIs(Lomi::EventLoop& loop);
 
   // Opens and binds the socket, listens, and registers with the loop. Does
@@ -151,7 +152,9 @@ class WriterRuskSm {
   size_t sleepingReaders() const { return sleeping_; }
 
   // Closes the kept connections and the listening socket, watchers first;
-  // the name is free again once no other descriptor of it remains.
+  // the name is free again once no other descriptor of it remains. A copy
+  // inherited by a forked child closes its descriptors and leaves the loop
+  // alone: the epoll set is the parent's, shared across fork.
   void close();
 
  private:
@@ -180,6 +183,8 @@ class WriterRuskSm {
   // loopIs(), else the default loop of the process at doEnableListen().
   Lomi::EventLoop* loop_ = nullptr;
   bool loopChosen_ = false;
+  // The process that registered with loop_.
+  pid_t owner_ = 0;
   int fd_ = -1;
   std::vector<std::unique_ptr<Connection>> connections_;
   uint64_t nextConnectionId_ = 1;

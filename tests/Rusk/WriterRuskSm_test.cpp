@@ -2,18 +2,14 @@
 // listener in another process that dies.
 #include "Rusk/WriterRuskSm.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "Lomi/Trace.h"
 #include "Parcel/ProcessTestUtil.h"
+#include "Rusk/RuskTestUtil.h"
 
 namespace {
 
@@ -21,43 +17,7 @@ using ParcelTest::Child;
 using ParcelTest::Pipe;
 using Rusk::TunnetName;
 using Rusk::WriterRuskSm;
-
-Lomi::Platform::DebugHandler& handler() {
-  return Lomi::Platform::getDebugHandler("test.WriterRuskSm");
-}
-
-// The address of an abstract name given in printable form ('@' first).
-socklen_t abstractAddress(std::string const& printable, sockaddr_un& addr) {
-  std::memset(&addr, 0, sizeof addr);
-  addr.sun_family = AF_UNIX;
-  std::memcpy(addr.sun_path, printable.data(), printable.size());
-  addr.sun_path[0] = '\0';
-  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + printable.size());
-}
-
-// A client connection to an abstract name, kept open; -1 on failure.
-int connectTo(std::string const& printable) {
-  sockaddr_un addr;
-  socklen_t const len = abstractAddress(printable, addr);
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-// A listener on an abstract name, as anyone could bind it; -1 on failure.
-int listenOn(std::string const& printable) {
-  sockaddr_un addr;
-  socklen_t const len = abstractAddress(printable, addr);
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(fd, 1) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
+using RuskTest::handler;
 
 TEST(WriterRuskSm, TableIdsCountUpAndNamesCarryPidIdAndANonce) {
   WriterRuskSm a(handler());
@@ -86,7 +46,7 @@ TEST(WriterRuskSm, ANameBoundByAnotherProcessDoesNotStopTheWriter) {
   for (uint32_t id = next; id < next + 4; id++) {
     for (std::string const& name :
          {fmt::format("@flowtables-{}-{}", ::getpid(), id), TunnetName{::getpid(), id, 0}.str()}) {
-      int const fd = listenOn(name);
+      int const fd = RuskTest::rawListen(name);
       if (fd >= 0) squatters.push_back(fd);
     }
   }
@@ -140,8 +100,8 @@ TEST(WriterRuskSm, AcceptKeepsLiveConnectionsAndDropsGoneOnes) {
   EXPECT_EQ(w.acceptPending(), 0u) << "accept before listening";
   w.doEnableListen();
   ASSERT_TRUE(Rusk::connectProbe(w.socketName()));
-  int c1 = connectTo(w.socketName());
-  int c2 = connectTo(w.socketName());
+  int c1 = RuskTest::rawConnect(w.socketName());
+  int c2 = RuskTest::rawConnect(w.socketName());
   ASSERT_GE(c1, 0);
   ASSERT_GE(c2, 0);
   EXPECT_EQ(w.acceptPending(), 3u);
