@@ -129,6 +129,8 @@ struct ReaderResult {
   double hit = kNone;
   double miss = kNone;
   double wrong = 0;
+  // Private bytes per entry of a reader that keeps a copy (the shadows).
+  double bytes = kNone;
 };
 
 // A reader in a forked process. The body runs in the child (which inherits
@@ -201,6 +203,9 @@ void progressDone();
 
 // Each measures one repetition at one size; rep 0 may do one-time set-up.
 Figures runOurs(Config const& c, Workload const& w, int rep);
+// The private copies: value shadow and keyshadow, read in a forked process.
+Figures runValueShadow(Config const& c, Workload const& w, int rep);
+Figures runKeyShadow(Config const& c, Workload const& w, int rep);
 Figures runStdUnorderedMap(Config const& c, Workload const& w, int rep);
 Figures runAbslFlatHashMap(Config const& c, Workload const& w, int rep);
 Figures runLmdb(Config const& c, Workload const& w, int rep);

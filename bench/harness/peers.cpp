@@ -234,6 +234,14 @@ std::vector<Goal> goalsOf(Table const& t, uint32_t n) {
       {"walk / std::unordered_map walk", o.walk / get("std::unordered_map", &Figures::walk), 1.2,
        true},
       {"memory, bytes per entry", o.bytes, 150.0, true},
+      {"shadow hit / absl::flat_hash_map hit",
+       get("flowtable shadow", &Figures::hit) / get("absl::flat_hash_map", &Figures::hit), 1.2,
+       true},
+      {"keyshadow hit / reader hit", get("flowtable keyshadow", &Figures::hit) / o.hit, 1.0, true},
+      {"shadow memory, bytes per entry (record 84 + 48)", get("flowtable shadow", &Figures::bytes),
+       132.0, true},
+      {"keyshadow memory, bytes per entry (key 36 + 24)",
+       get("flowtable keyshadow", &Figures::bytes), 60.0, true},
   };
 }
 
@@ -414,6 +422,8 @@ int run(int argc, char** argv) {
   // DPDK last: its environment starts threads, and the other systems fork.
   std::vector<System> systems = {
       {"flowtable", runOurs, ""},
+      {"flowtable shadow", runValueShadow, ""},
+      {"flowtable keyshadow", runKeyShadow, ""},
       {"std::unordered_map", runStdUnorderedMap, ""},
       {"absl::flat_hash_map", runAbslFlatHashMap, ""},
       {"LMDB", runLmdb, ""},

@@ -83,6 +83,16 @@ std::span<Counters::Field const> Counters::fields() {
       MIRAK_FIELD(remaps),         MIRAK_FIELD(corruptionsDetected),
       MIRAK_FIELD(reformatsSeen),  MIRAK_FIELD(walks),
       MIRAK_FIELD(slotMappedSize), MIRAK_FIELD(bucketMappedSize),
+      MIRAK_FIELD(sequence),       MIRAK_FIELD(syncSequence),
+      MIRAK_FIELD(members),        MIRAK_FIELD(shadowBucketGrows),
+      MIRAK_FIELD(shadowBucketShrinks), MIRAK_FIELD(shadowSlotGrows),
+      MIRAK_FIELD(shadowSlotShrinks), MIRAK_FIELD(shadowPatches),
+      MIRAK_FIELD(shadowKeyMismatches), MIRAK_FIELD(shadowWrites),
+      MIRAK_FIELD(shadowKeyMoves), MIRAK_FIELD(pendingLookupHits),
+      MIRAK_FIELD(pendingLookupMisses), MIRAK_FIELD(failedNotifications),
+      MIRAK_FIELD(shadowMappedSize), MIRAK_FIELD(kestorMappedSize),
+      MIRAK_FIELD(tesselPrimaryMappedSize), MIRAK_FIELD(tesselSecondaryMappedSize),
+      MIRAK_FIELD(sequencesSent),
   };
   static_assert(sizeof(Counters) == table.size() * sizeof(uint64_t),
                 "every Reader::Counters field needs its entry in fields()");

@@ -112,6 +112,39 @@ struct Counters : CountersRecord<Counters> {
   // Refreshed by `readerCounters()` from the mappings.
   uint64_t slotMappedSize = 0;
   uint64_t bucketMappedSize = 0;
+  // A shadow's copy. `sequence`: the last queue sequence taken in;
+  // `syncSequence`: the queue's head at the last completed sweep; `members`:
+  // entries in the copy.
+  uint64_t sequence = 0;
+  uint64_t syncSequence = 0;
+  uint64_t members = 0;
+  // Doublings and halvings of the copy's buckets, resizes of its slot array,
+  // and repairs of its chains after the array moved.
+  uint64_t shadowBucketGrows = 0;
+  uint64_t shadowBucketShrinks = 0;
+  uint64_t shadowSlotGrows = 0;
+  uint64_t shadowSlotShrinks = 0;
+  uint64_t shadowPatches = 0;
+  // A keyshadow read found another key in the table's slot than the copy's.
+  uint64_t shadowKeyMismatches = 0;
+  // Entries written into the copy, and those that found their key in another
+  // slot (a row moved by the writer's compaction).
+  uint64_t shadowWrites = 0;
+  uint64_t shadowKeyMoves = 0;
+  // Lookups from a change callback answered, or passed on, by the change in
+  // progress.
+  uint64_t pendingLookupHits = 0;
+  uint64_t pendingLookupMisses = 0;
+  // Queue entries that no longer counted when a change was about to remove
+  // something (a newer entry for the slot is on its way).
+  uint64_t failedNotifications = 0;
+  // Refreshed by `readerCounters()`: the copy's private memory, the kestor
+  // mapping of a keyshadow, the queue's two tables, Sleeping messages sent.
+  uint64_t shadowMappedSize = 0;
+  uint64_t kestorMappedSize = 0;
+  uint64_t tesselPrimaryMappedSize = 0;
+  uint64_t tesselSecondaryMappedSize = 0;
+  uint64_t sequencesSent = 0;
 
   static std::span<Field const> fields();
   friend bool operator==(Counters const&, Counters const&) = default;

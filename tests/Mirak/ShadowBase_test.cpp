@@ -1,7 +1,7 @@
 // Following a writer from another process: the sweeper, and the queue reader
 // with its wake-ups driven by a shadow base over real files, sockets and
-// processes. The shadow here keeps a plain copy (slot -> row) and records
-// what a real shadow would report: removals, sequences, wake-ups.
+// processes. The shadow here keeps its copy in a value shadow store and
+// records what a client would hear: removals, sequences, wake-ups.
 #include "Mirak/MirakShadowBase.h"
 
 #include <signal.h>
@@ -18,6 +18,7 @@
 #include "Lomi/EventLoop.h"
 #include "Mirak/MirakReader.h"
 #include "Mirak/MirakWriter.h"
+#include "Mirak/ShadowStore.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/TestPolicy.h"
 #include "Parcel/ProcessTestUtil.h"
@@ -96,42 +97,30 @@ class RecordingShadow : public Mirak::MirakShadowBase {
  public:
   RecordingShadow()
       : MirakShadowBase(handler(), Mem::NaoRootPath(handler(), kTable, false), 0),
-        reader_(handler(), kTable, QueueOps(0)) {}
+        reader_(handler(), kTable, QueueOps(0)) {
+    notify_.keyDelFn = [this](TestKey const& k) { removed.push_back(k.id); };
+  }
 
   bool start() {
-    copy_.clear();
     if (!reader_.initialize("test")) return false;
+    store_ = std::make_unique<Store>(handler(), reader_, tesselReader(), notify_, false);
+    if (!store_->initialize()) return false;
     return initializeTessel(reader_.kestorId().value());
   }
   void stop() {
     detachTessel();
+    store_.reset();
     reader_.detach(false);
   }
 
-  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool) override {
+  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override {
     if (seq != Rusk::noSequence) {
       if (seq <= lastSeq_) outOfOrder++;
       lastSeq_ = seq;
     }
-    TestValue v;
-    bool const found = slot < reader_.capacity() && reader_.getValue(slot, v, nullptr);
-    auto it = copy_.find(slot);
-    if (found) {
-      // A key met at another slot moved: no removal.
-      if (it != copy_.end() && !(it->second.key() == v.key())) {
-        if (seq != Rusk::noSequence && !tesselReader().validateNotif()) return false;
-        removed.push_back(it->second.key().id);
-      }
-      std::erase_if(copy_, [&](auto const& e) { return e.first != slot && e.second.key() == v.key(); });
-      copy_[slot] = v;
-    } else if (it != copy_.end()) {
-      if (seq != Rusk::noSequence && !tesselReader().validateNotif()) return false;
-      removed.push_back(it->second.key().id);
-      copy_.erase(it);
-    }
-    return true;
+    return store_->doSlot(slot, seq, compare);
   }
-  void doFlushSlot(unsigned slot) override { copy_.erase(slot); }
+  void doFlushSlot(unsigned slot) override { store_->doFlushSlot(slot); }
   void syncComplete() override {
     syncedIs(true);
     sweeps++;
@@ -143,7 +132,7 @@ class RecordingShadow : public Mirak::MirakShadowBase {
   void corruptionDetected(std::string const& m) override { corruption = m; }
   uint32_t sweepSlots() const override {
     reader_.resize();
-    return reader_.capacity();
+    return std::max(reader_.capacity(), store_->numSlots());
   }
 
   // The copy against a walk of the table: "" if equal.
@@ -154,7 +143,10 @@ class RecordingShadow : public Mirak::MirakShadowBase {
     for (bool ok = reader_.first(v, hint); ok; ok = reader_.next(v.key(), v, hint)) {
       table[v.key().id] = v.count;
     }
-    for (auto const& [slot, row] : copy_) mine[row.key().id] = row.count;
+    hint = Mirak::IterHint{};
+    for (bool ok = store_->first(0, v, hint); ok; ok = store_->next(v.key(), v, hint)) {
+      mine[v.key().id] = v.count;
+    }
     if (table == mine) return "";
     return "copy of " + std::to_string(mine.size()) + " rows, table of " +
            std::to_string(table.size());
@@ -165,8 +157,10 @@ class RecordingShadow : public Mirak::MirakShadowBase {
   std::string corruption;
 
  private:
+  using Store = Mirak::ShadowStore<Mirak::ValueShadowSlot<QueueOps>>;
   Reader reader_;
-  std::map<uint32_t, TestValue> copy_;
+  Mem::Notify<TestKey, TestValue> notify_;
+  std::unique_ptr<Store> store_;
   Rusk::Sequence lastSeq_ = 0;
 };
 

@@ -1,0 +1,362 @@
+// The shadow store against a model: a writer runs random operations on a real
+// table (inserts, overwrites, removes, slot growth and compaction, bucket
+// growth and shrink, re-format) and on a std::map; a store follows it through
+// the real change queue and sweeps (whole, cut into parts by changes, and
+// after a queue that moved on). At every quiet point the store equals the
+// map, its walk returns each key once, and its callbacks replayed onto an
+// empty map give the same map. Both kinds of store.
+//
+// FLOWTABLES_SHADOW_SEEDS=N runs N seeds per kind (default: a CI-sized run).
+#include "Mirak/ShadowStore.h"
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Mirak/MirakReader.h"
+#include "Mirak/MirakWriter.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/TestPolicy.h"
+#include "Tessel/TesselReader.h"
+#include "Tessel/TesselWriter.h"
+
+namespace MirakTest {
+namespace {
+
+using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using Writer = Mirak::MirakWriter<QueueOps>;
+using Reader = Mirak::MirakReader<QueueOps>;
+using ValueStore = Mirak::ShadowStore<Mirak::ValueShadowSlot<QueueOps>>;
+using KeyStore = Mirak::KeyShadowStore<QueueOps>;
+using Walk = Tessel::TesselReader<>::Walk;
+constexpr char kTable[] = "test/shadowstore";
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("ShadowStoreTest");
+}
+
+TestValue row(uint32_t id, uint64_t count) {
+  TestRecord r;
+  r.key_.id = id;
+  r.count = count;
+  return TestValue(r);
+}
+
+// Keys with id % 8 == 7 are never removed by the writer (only moved by its
+// compactions): a removal of one that the copy reports is false.
+bool pinned(uint32_t id) {
+  return id % 8 == 7;
+}
+
+std::unique_ptr<Writer> makeWriter() {
+  Mirak::MapDescriptor d(16);
+  d.local = false;
+  d.shrinkSlots = true;
+  d.shrinkBuckets_ = true;
+  auto w = std::make_unique<Writer>(handler(), kTable, d, QueueOps(0));
+  if (!w->initialize("test")) return nullptr;
+  return w;
+}
+
+// A store fed by the real queue, and the client that listens to it.
+template <typename Store>
+class Follower : public Tessel::TesselReader<>::Client {
+ public:
+  static constexpr bool keepsValue = Store::Slot::keepsValue;
+
+  Follower() : reader_(handler(), kTable, QueueOps(0)), tessel_(dir(), handler()) {
+    notify_.changeFn = [this](TestValue const& v) { heard(v.key(), &v); };
+    notify_.keyFn = [this](TestKey const& k) { heard(k, nullptr); };
+    notify_.keyDelFn = [this](TestKey const& k) {
+      // Inside the callback the key being removed is gone already.
+      bool found = true;
+      store_->lookup(k, found, nullptr);
+      if (found) problems.insert("lookup finds the key being removed");
+      if (pinned(k.id)) (sweeping_ ? sweepRemovals : falseRemovals)++;
+      replay.erase(k.id);
+    };
+  }
+
+  static std::string dir() { return Mem::NaoRootPath(handler(), kTable, false).path(); }
+
+  // A fresh store on the table as it is now, filled by one sweep.
+  void attach() {
+    tessel_.detach();
+    reader_.detach(false);
+    replay.clear();
+    ASSERT_TRUE(reader_.initialize("test"));
+    std::string error;
+    ASSERT_TRUE(tessel_.attach(reader_.kestorId().value(), error)) << error;
+    store_ = std::make_unique<Store>(handler(), reader_, tessel_, notify_, true);
+    ASSERT_TRUE(store_->initialize());
+    sweep();
+  }
+
+  // A sweep: the head, then every slot, then on from the head. `between`
+  // runs in the middle, as changes a real sweep meets.
+  template <typename F = void (*)()>
+  void sweep(F between = [] {}) {
+    Rusk::Sequence const head = tessel_.head();
+    sweeping_ = true;
+    reader_.resize();
+    // Local slots beyond a table that shrank are swept too.
+    uint32_t const slots = std::max(reader_.capacity(), store_->numSlots());
+    for (uint32_t i = 0; i < slots / 2; i++) store_->doSlot(i, Rusk::noSequence, true);
+    between();
+    for (uint32_t i = slots / 2; i < slots; i++) store_->doSlot(i, Rusk::noSequence, true);
+    sweeping_ = false;
+    tessel_.seek(head);
+    sweeps++;
+  }
+
+  // Follows the queue until caught up; at most `seconds` per walk (0: one
+  // cut of 64 entries). Returns how the last walk ended.
+  Walk follow(double seconds = 10, bool once = false) {
+    for (;;) {
+      Walk const w = tessel_.walk(*this, seconds);
+      if (w == Walk::overrun) {
+        sweep();
+        continue;
+      }
+      if (w == Walk::yielded && !once) continue;
+      return w;
+    }
+  }
+
+  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override {
+    return store_->doSlot(slot, seq, compare);
+  }
+
+  // "" when the store, its walk and the replayed callbacks equal `model`.
+  std::string differences(std::map<uint32_t, uint64_t> const& model) {
+    std::map<uint32_t, uint64_t> walked;
+    TestValue v;
+    Mirak::IterHint hint;
+    int steps = 0;
+    for (bool ok = store_->first(0, v, hint); ok; ok = store_->next(v.key(), v, hint)) {
+      if (!walked.emplace(v.key().id, v.count).second) return "walk repeats " + std::to_string(v.key().id);
+      if (++steps > 1'000'000) return "walk does not end";
+    }
+    if (walked != model) {
+      return "walk of " + std::to_string(walked.size()) + " rows, model of " +
+             std::to_string(model.size());
+    }
+    for (auto const& [id, count] : model) {
+      bool found = false;
+      TestValue const* p = store_->lookup(TestKey{id, 0}, found, nullptr);
+      if (!found || p->count != count) return "lookup of " + std::to_string(id);
+    }
+    bool absentFound = true;
+    if (store_->lookup(TestKey{0xfffffff0u, 0}, absentFound, nullptr)->count != TestRecord().count ||
+        absentFound) {
+      return "an absent key does not answer the default value";
+    }
+    std::set<uint32_t> modelKeys, replayKeys;
+    for (auto const& e : model) modelKeys.insert(e.first);
+    for (auto const& e : replay) replayKeys.insert(e.first);
+    if (keepsValue ? replay != model : replayKeys != modelKeys) return "replayed callbacks differ";
+    if (reader_.counters().members != model.size()) return "members counter";
+    if (!problems.empty()) return *problems.begin();
+    if (falseRemovals) return "a pinned key was reported removed";
+    return "";
+  }
+
+  Store& store() { return *store_; }
+  Reader& reader() { return reader_; }
+
+  std::map<uint32_t, uint64_t> replay;
+  std::set<std::string> problems;
+  int falseRemovals = 0;
+  // Pinned keys reported removed by a sweep, and re-added by the queue.
+  int sweepRemovals = 0;
+  int sweeps = 0;
+
+ private:
+  void heard(TestKey const& k, TestValue const* v) {
+    // Inside the callback the changed key reads as it is now.
+    bool found = false;
+    TestValue const* now = store_->lookup(k, found, nullptr);
+    if (!found || (v && now->count != v->count)) problems.insert("lookup misses the changed key");
+    replay[k.id] = now->count;
+  }
+
+  Reader reader_;
+  Tessel::TesselReader<> tessel_;
+  Mem::Notify<TestKey, TestValue> notify_;
+  std::unique_ptr<Store> store_;
+  bool sweeping_ = false;
+};
+
+int seedsPerKind() {
+  char const* env = std::getenv("FLOWTABLES_SHADOW_SEEDS");
+  return env ? std::max(1, std::atoi(env)) : 600;
+}
+
+template <typename Store>
+class ShadowStoreModel : public ::testing::Test {};
+using StoreKinds = ::testing::Types<ValueStore, KeyStore>;
+struct KindName {
+  template <typename T>
+  static std::string GetName(int) {
+    return T::Slot::keepsValue ? "Value" : "Key";
+  }
+};
+TYPED_TEST_SUITE(ShadowStoreModel, StoreKinds, KindName);
+
+TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid) {
+  TempRoot root;
+  int const seeds = seedsPerKind();
+  uint64_t compactions = 0, reformats = 0, moves = 0, bucketShrinks = 0, slotShrinks = 0,
+           failed = 0;
+  for (int seed = 1; seed <= seeds; seed++) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    auto pick = [&](uint32_t n) { return uint32_t(rng() % n); };
+    auto w = makeWriter();
+    ASSERT_TRUE(w);
+    std::map<uint32_t, uint64_t> model;
+    uint32_t nextId = 0;
+    uint64_t count = 100;
+    auto insert = [&](uint32_t n) {
+      for (uint32_t i = 0; i < n; i++) {
+        w->write(row(nextId, count), true);
+        model[nextId++] = count++;
+      }
+    };
+    auto removeSome = [&](uint32_t percent) {
+      TestValue gone;
+      for (auto it = model.begin(); it != model.end();) {
+        if (!pinned(it->first) && pick(100) < percent) {
+          w->remove(TestKey{it->first, 0}, gone);
+          it = model.erase(it);
+        } else {
+          ++it;
+        }
+      }
+    };
+    auto writerStep = [&] {
+      switch (pick(10)) {
+        case 0:
+        case 1:
+          insert(1 + pick(4));
+          break;
+        case 2:
+        case 3:
+          if (!model.empty()) {
+            auto it = std::next(model.begin(), pick(uint32_t(model.size())));
+            w->write(row(it->first, count), true);
+            it->second = count++;
+          }
+          break;
+        case 4:
+          removeSome(10);
+          break;
+        case 5:
+          insert(40 + pick(60));  // slots and buckets grow
+          break;
+        case 6: {
+          // Most rows go: the buckets halve and the slots compact, moving
+          // pinned rows down under the follower.
+          removeSome(95);
+          w->shrink();
+          break;
+        }
+        default:
+          if (!model.empty()) {
+            auto it = std::next(model.begin(), pick(uint32_t(model.size())));
+            if (!pinned(it->first)) {
+              TestValue gone;
+              w->remove(TestKey{it->first, 0}, gone);
+              model.erase(it);
+            }
+          }
+      }
+    };
+
+    Follower<TypeParam> f;
+    f.attach();
+    ASSERT_EQ(f.differences(model), "");
+    for (int round = 0; round < 12; round++) {
+      // A client walks the copy half-way, the copy changes (and may shrink
+      // under the walk), then the walk goes on from its key and hint.
+      std::map<uint32_t, int> seen;
+      std::set<uint32_t> pinnedAtStart;
+      for (auto const& e : model) {
+        if (pinned(e.first)) pinnedAtStart.insert(e.first);
+      }
+      TestValue v;
+      Mirak::IterHint hint;
+      bool more = f.store().first(0, v, hint);
+      for (size_t i = 0; more && i < model.size() / 2; i++) {
+        seen[v.key().id]++;
+        more = f.store().next(v.key(), v, hint);
+      }
+      int const steps = 1 + int(pick(12));
+      for (int i = 0; i < steps; i++) writerStep();
+      f.follow();
+      for (; more; more = f.store().next(v.key(), v, hint)) seen[v.key().id]++;
+      for (auto const& [id, n] : seen) ASSERT_EQ(n, 1) << "walk repeats " << id;
+      for (uint32_t id : pinnedAtStart) ASSERT_EQ(seen.count(id), 1u) << "walk skips " << id;
+
+      switch (pick(6)) {
+        case 0:
+          // A cut walk, then more changes before the rest.
+          f.follow(0, true);
+          writerStep();
+          break;
+        case 1:
+          // A sweep that changes cut in two, then the queue from its head.
+          f.sweep([&] {
+            writerStep();
+            writerStep();
+          });
+          break;
+        case 2:
+          if (pick(4) == 0) {
+            // Re-format: the table starts anew under a new kestor and seed.
+            w->cleanup();
+            w = makeWriter();
+            ASSERT_TRUE(w);
+            model.clear();
+            insert(pick(30));
+            EXPECT_EQ(f.follow(), Walk::reformatted);
+            f.attach();
+            reformats++;
+          }
+          break;
+        default:
+          break;
+      }
+      ASSERT_NE(f.follow(), Walk::reformatted);
+      ASSERT_EQ(f.differences(model), "") << "round " << round;
+    }
+    Mirak::Reader::Counters const& c = f.reader().counters();
+    compactions += w->writerCounters().slotsMoved > 0;
+    moves += c.shadowKeyMoves;
+    bucketShrinks += c.shadowBucketShrinks;
+    slotShrinks += c.shadowSlotShrinks;
+    failed += c.failedNotifications;
+    w->cleanup();
+  }
+  // A run that never met what it is for proves nothing.
+  EXPECT_GT(compactions, 0u);
+  EXPECT_GT(moves, 0u);
+  EXPECT_GT(bucketShrinks, 0u);
+  EXPECT_GT(slotShrinks, 0u);
+  if (seeds >= 50) {
+    EXPECT_GT(reformats, 0u);
+  }
+  std::printf("%d seeds: %llu with compactions, %llu re-formats, %llu key moves, %llu bucket shrinks, "
+              "%llu slot shrinks, %llu entries that no longer counted\n",
+              seeds, (unsigned long long)compactions, (unsigned long long)reformats,
+              (unsigned long long)moves, (unsigned long long)bucketShrinks,
+              (unsigned long long)slotShrinks, (unsigned long long)failed);
+}
+
+}  // namespace
+}  // namespace MirakTest
