@@ -275,9 +275,10 @@ class ReaderProcess {
           shadow_.disconnected = false;
           if (!shadow_.start()) return fail("cannot attach the table or its queue");
           if (!loop().runUntil([&] { return shadow_.following(); }, o_.timeout)) {
-            return fail(fmt::format("not following the queue {} s after attach (synced {}, "
-                                    "connected {})",
-                                    o_.timeout, shadow_.synced(), shadow_.ruskSm().connected()));
+            return fail(
+                fmt::format("not following the queue {} s after attach (synced {}, "
+                            "connected {})",
+                            o_.timeout, shadow_.synced(), shadow_.ruskSm().connected()));
           }
           break;
         case Command::detach:
@@ -563,9 +564,9 @@ class WriterProcess {
       if (c == 'f') throw Failure(fmt::format("reader, waiting for {}: {}", what, shared_.error));
       throw Failure(fmt::format("reply '{}' instead of '{}' waiting for {}", c, want, what));
     }
-    throw Failure(got ? fmt::format("the reader process ended waiting for {}", what)
-                      : fmt::format("no reply from the reader within {} s waiting for {}",
-                                    o_.timeout, what));
+    throw Failure(
+        got ? fmt::format("the reader process ended waiting for {}", what)
+            : fmt::format("no reply from the reader within {} s waiting for {}", o_.timeout, what));
   }
 
   // Until the reader's state is S: blocked in a system call.
@@ -579,8 +580,8 @@ class WriterProcess {
       char const* paren = std::strrchr(buf, ')');
       if (paren && paren[1] == ' ' && paren[2] == 'S') return;
       if (nowNs() > deadline) {
-        throw Failure(fmt::format("sample {}: the reader never blocked within {} s", sample,
-                                  o_.timeout));
+        throw Failure(
+            fmt::format("sample {}: the reader never blocked within {} s", sample, o_.timeout));
       }
       ::sched_yield();
     }
@@ -618,9 +619,8 @@ class WriterProcess {
     for (uint32_t i = first; i < last; i++) {
       // The reader's Sleeping after the previous sample: it has taken that
       // change in, or it slept past it, which is the defect this catches.
-      bool const asleep =
-          loop().runUntil([&] { return writer_->writerCounters().sleepingReaders == 1; },
-                          o_.timeout);
+      bool const asleep = loop().runUntil(
+          [&] { return writer_->writerCounters().sleepingReaders == 1; }, o_.timeout);
       if (!asleep) {
         auto const c = writer_->writerCounters();
         throw Failure(fmt::format(
@@ -641,7 +641,8 @@ class WriterProcess {
 
   void floorBatch(Kind k, uint32_t first, uint32_t last) {
     for (uint32_t i = first; i < last; i++) {
-      expect('a', fmt::format("the reader's acknowledgement before {} sample {}", kKindNames[k], i));
+      expect('a',
+             fmt::format("the reader's acknowledgement before {} sample {}", kKindNames[k], i));
       awaitBlocked(i);
       uint64_t const t0 = nowNs();
       ssize_t n;
@@ -835,15 +836,16 @@ std::optional<Options> parse(int argc, char** argv) {
 void printResults(Options const& o, WriterProcess const& w, std::string const& when) {
   struct utsname u;
   ::uname(&u);
-  fmt::print("change_path: {} latency samples of each kind in {} rounds; {}\n", o.samples,
-             o.rounds, when);
+  fmt::print("change_path: {} latency samples of each kind in {} rounds; {}\n", o.samples, o.rounds,
+             when);
   fmt::print("machine: {}, {} online cores, kernel {}, load {}\n\n",
              firstLine("/proc/cpuinfo", "model name"), ::sysconf(_SC_NPROCESSORS_ONLN), u.release,
              firstLine("/proc/loadavg"));
 
   Percentiles p[kKinds];
   for (uint32_t k = 0; k < kKinds; k++) p[k] = w.latencyOf(Kind(k));
-  fmt::print("| path, writer -> sleeping reader | samples | p50 µs | p99 µs | p99.9 µs | max µs |\n");
+  fmt::print(
+      "| path, writer -> sleeping reader | samples | p50 µs | p99 µs | p99.9 µs | max µs |\n");
   fmt::print("|---|---|---|---|---|---|\n");
   for (uint32_t k = 0; k < kKinds; k++) {
     fmt::print("| {} | {} | {:.1f} | {:.1f} | {:.1f} | {:.1f} |\n", kKindNames[k], p[k].n, p[k].p50,
@@ -870,9 +872,10 @@ void printResults(Options const& o, WriterProcess const& w, std::string const& w
   fmt::print("| changes collapsed (a later change of the row came first) or swept | {} |\n",
              t.writes > t.entries ? t.writes - t.entries : 0);
   fmt::print("| sweeps (overrun: resync) | {} ({} slot visits) |\n", t.sweeps, t.sweepVisits);
-  fmt::print("| reader's walks; its Sleeping messages; wakes the writer sent / the reader read | "
-             "{}; {}; {} / {} |\n",
-             t.walks, t.sleeps, t.wakesSent, t.wakesRead);
+  fmt::print(
+      "| reader's walks; its Sleeping messages; wakes the writer sent / the reader read | "
+      "{}; {}; {} / {} |\n",
+      t.walks, t.sleeps, t.wakesSent, t.wakesRead);
 
   auto const& c = w.nc;
   fmt::print("\n| writer's wake-up check | ns |\n|---|---|\n");
@@ -922,7 +925,8 @@ int main(int argc, char** argv) {
   Mem::RootPath::baseIs(root);
 
   size_t const sharedSize = sizeof(Shared) + sizeof(uint64_t) * kKinds * o.samples;
-  void* mem = ::mmap(nullptr, sharedSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* mem =
+      ::mmap(nullptr, sharedSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   int commands[2], replies[2], pair[2];
   int const efd = ::eventfd(0, EFD_CLOEXEC);
   if (mem == MAP_FAILED || ::pipe2(commands, O_CLOEXEC) != 0 || ::pipe2(replies, O_CLOEXEC) != 0 ||
