@@ -268,7 +268,8 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
   // Before the copy reports `key` gone from slot `from`: if the table has it
   // in another slot (a compaction moved it and the entry of its new slot was
   // overtaken by a later write there, so the old slot's entry comes first),
-  // the copy moves it there now. True if slot `from` is dead afterwards.
+  // the copy moves it there now. True if it tried: the caller must read its
+  // slot again. False: the table has the key nowhere else.
   bool relocate(Key const& key, uint32_t from, int depth);
   // A chain of stale slots followed this far is given up: the removal is
   // reported, and the entries still to come put the key back.
@@ -420,8 +421,10 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Rusk::Sequence seq, bool comp
     // entry that still counts may destroy it.
     if (real && !entryCounts(seq)) return false;
     if (relocate(oldKey, slotIndex, depth)) {
-      // It lives on in another slot, where the copy now has it; this slot
-      // is dead and takes what the table holds in it now.
+      // It lives on in another slot, where the copy now has it: this slot
+      // is read again and takes what the table holds in it now. (The copy
+      // changed under `slot` and `target`: the array may have moved, and a
+      // keyshadow's value buffer took the other slot's read.)
       if (!enabled_) return true;
       return apply(slotIndex, seq, compare, depth + 1);
     }
@@ -483,9 +486,11 @@ bool ShadowStore<SlotT>::relocate(Key const& key, uint32_t from, int depth) {
   FMTRACE(handler_, 5, "ShadowStore", "key:{} moved from slotIndex:{} to {}", Ops::keyText(key),
           from, to);
   // Brings local slot `to` to the table's state: the key moves there (and a
-  // stale key found there goes, or moves on in its turn).
+  // stale key found there goes, or moves on in its turn). Whether or not the
+  // key moved (the writer may have gone on meanwhile), the caller reads its
+  // slot again: depth bounds the rounds.
   apply(to, Rusk::noSequence, true, depth + 1);
-  return from < numSlots_ && slots_[from].dead();
+  return true;
 }
 
 template <typename SlotT>
