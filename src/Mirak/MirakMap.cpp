@@ -35,6 +35,14 @@ void mergeReader(Reader::Counters& kept, Reader::Counters const& newer) {
   kept += newer;
   kept.slotMappedSize = newer.slotMappedSize;
   kept.bucketMappedSize = newer.bucketMappedSize;
+  // A shadow's positions, size and mappings are states, not counts.
+  kept.sequence = newer.sequence;
+  kept.syncSequence = newer.syncSequence;
+  kept.members = newer.members;
+  kept.shadowMappedSize = newer.shadowMappedSize;
+  kept.kestorMappedSize = newer.kestorMappedSize;
+  kept.tesselPrimaryMappedSize = newer.tesselPrimaryMappedSize;
+  kept.tesselSecondaryMappedSize = newer.tesselSecondaryMappedSize;
 }
 
 }  // namespace
