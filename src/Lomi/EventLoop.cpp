@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Fork.h"
 
 namespace Lomi {
 
@@ -40,62 +40,75 @@ int waitMs(double seconds) {
 
 }  // namespace
 
-EventLoop::EventLoop() {
+EventLoop::EventLoop() : forkGeneration_(currentForkGeneration()) { openKernelObjects(); }
+
+EventLoop::~EventLoop() { closeKernelObjects(); }
+
+uint32_t EventLoop::currentForkGeneration() { return forkGeneration(); }
+
+void EventLoop::openKernelObjects() {
   epollFd_ = ::epoll_create1(EPOLL_CLOEXEC);
   if (epollFd_ < 0) throwSystem("epoll_create1", -1, errno);
   timerFd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
   wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  int const err = errno;
-  if (timerFd_ < 0 || wakeFd_ < 0) {
-    if (timerFd_ >= 0) ::close(timerFd_);
-    if (wakeFd_ >= 0) ::close(wakeFd_);
-    ::close(epollFd_);
-    throwSystem(timerFd_ < 0 ? "timerfd_create" : "eventfd", -1, err);
+  int err = errno;
+  char const* call = timerFd_ < 0 ? "timerfd_create" : "eventfd";
+  int fd = -1;
+  if (timerFd_ >= 0 && wakeFd_ >= 0) {
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = kTimerToken;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, timerFd_, &ev) == 0) {
+      ev.data.u64 = kWakeToken;
+      if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &ev) == 0) return;
+      call = "epoll_ctl(ADD eventfd)";
+      fd = wakeFd_;
+    } else {
+      call = "epoll_ctl(ADD timerfd)";
+      fd = timerFd_;
+    }
+    err = errno;
   }
-  epoll_event ev{};
-  ev.events = EPOLLIN;
-  ev.data.u64 = kTimerToken;
-  if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, timerFd_, &ev) != 0) {
-    int const e = errno;
-    ::close(timerFd_);
-    ::close(wakeFd_);
-    ::close(epollFd_);
-    throwSystem("epoll_ctl(ADD timerfd)", timerFd_, e);
-  }
-  ev.data.u64 = kWakeToken;
-  if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, wakeFd_, &ev) != 0) {
-    int const e = errno;
-    ::close(timerFd_);
-    ::close(wakeFd_);
-    ::close(epollFd_);
-    throwSystem("epoll_ctl(ADD eventfd)", wakeFd_, e);
+  closeKernelObjects();
+  throwSystem(call, fd, err);
+}
+
+void EventLoop::closeKernelObjects() {
+  // Closing a descriptor ends only this process's hold on the object: in a
+  // child, the parent's epoll instance and its registrations stay whole.
+  for (int* fd : {&timerFd_, &wakeFd_, &epollFd_}) {
+    if (*fd >= 0) ::close(*fd);
+    *fd = -1;
   }
 }
 
-EventLoop::~EventLoop() {
-  ::close(timerFd_);
-  ::close(wakeFd_);
-  ::close(epollFd_);
+void EventLoop::adoptAfterFork() {
+  // The watchers, timers and tasks are the parent's: their owners live on in
+  // the parent. Tokens and timer ids keep counting up, so an inherited
+  // object's stale id never names the child's work.
+  watchers_.clear();
+  tokens_.clear();
+  timers_.clear();
+  timerDeadlines_.clear();
+  deferred_.clear();
+  batch_.clear();
+  wakeSignalled_ = false;
+  stopped_ = false;
+  closeKernelObjects();
+  forkGeneration_ = currentForkGeneration();
+  openKernelObjects();
 }
 
 EventLoop& EventLoop::defaultLoop() {
-  static std::mutex m;
-  static EventLoop* loop = nullptr;
-  static pid_t owner = 0;
-  std::lock_guard lock(m);
-  pid_t const me = ::getpid();
-  if (loop == nullptr || owner != me) {
-    // After a fork the parent's loop is left as it is, not destroyed: objects
-    // copied into the child may still name it, and closing or changing its
-    // registrations here would reach into the epoll instance the parent
-    // still uses.
-    loop = new EventLoop();
-    owner = me;
-  }
+  // Made once and never destroyed: objects with static lifetime may still
+  // remove their registrations at exit. A forked child keeps the object and
+  // gets fresh kernel objects on its first call that changes anything.
+  static EventLoop* const loop = new EventLoop();
   return *loop;
 }
 
 void EventLoop::fdWatcherIs(int fd, uint32_t events, FdCallback callback) {
+  adoptIfForked();
   auto cb = std::make_shared<FdCallback>(std::move(callback));
   auto it = watchers_.find(fd);
   if (it != watchers_.end()) {
@@ -118,6 +131,7 @@ void EventLoop::fdWatcherIs(int fd, uint32_t events, FdCallback callback) {
 }
 
 void EventLoop::fdWatcherDel(int fd) {
+  adoptIfForked();
   auto it = watchers_.find(fd);
   if (it == watchers_.end()) return;
   // A descriptor closed before its watcher was removed has left the epoll
@@ -130,6 +144,7 @@ void EventLoop::fdWatcherDel(int fd) {
 }
 
 EventLoop::TimerId EventLoop::timerIs(double delaySeconds, Task task) {
+  adoptIfForked();
   auto const delay = std::chrono::duration_cast<Clock::duration>(
       std::chrono::duration<double>(delaySeconds > 0 ? delaySeconds : 0));
   Clock::time_point const deadline = Clock::now() + delay;
@@ -141,6 +156,7 @@ EventLoop::TimerId EventLoop::timerIs(double delaySeconds, Task task) {
 }
 
 bool EventLoop::timerDel(TimerId id) {
+  adoptIfForked();
   auto it = timerDeadlines_.find(id);
   if (it == timerDeadlines_.end()) return false;
   bool const wasFirst = timers_.begin()->first.second == id;
@@ -169,6 +185,7 @@ void EventLoop::timerArm() {
 }
 
 void EventLoop::deferredTaskIs(Task task) {
+  adoptIfForked();
   deferred_.push_back(std::move(task));
   wakeSignal();
 }
@@ -191,18 +208,22 @@ void EventLoop::wakeClear() {
 
 size_t EventLoop::runDeferred() {
   if (deferred_.empty()) return 0;
-  std::deque<Task> batch;
-  batch.swap(deferred_);
+  // batch_ is empty here (a throw below hands what is left back), so the swap
+  // moves the queue in and hands deferred_ the storage of the last batch.
+  batch_.swap(deferred_);
   wakeClear();
   size_t ran = 0;
-  while (!batch.empty()) {
-    Task task = std::move(batch.front());
-    batch.pop_front();
+  while (!batch_.empty()) {
+    Task task = std::move(batch_.front());
+    batch_.pop_front();
     try {
       task();
     } catch (...) {
       // What was not run goes back in front of anything queued meanwhile.
-      for (auto it = batch.rbegin(); it != batch.rend(); ++it) deferred_.push_front(std::move(*it));
+      while (!batch_.empty()) {
+        deferred_.push_front(std::move(batch_.back()));
+        batch_.pop_back();
+      }
       if (!deferred_.empty()) wakeSignal();
       throw;
     }
@@ -212,25 +233,26 @@ size_t EventLoop::runDeferred() {
 }
 
 size_t EventLoop::runTimers() {
-  uint64_t expirations;
-  (void)!::read(timerFd_, &expirations, sizeof expirations);
+  // The timerfd fired: the earliest deadline has passed. Re-arming it below
+  // also clears its readiness, so it is never read.
   Clock::time_point const now = Clock::now();
-  // Only timers due at the start: one set by a callback of this pass waits
-  // for the next, even with a delay of 0.
-  std::vector<TimerId> due;
-  for (auto const& [key, task] : timers_) {
-    if (key.first > now) break;
-    due.push_back(key.second);
-  }
+  // Only timers due at the start run: one set by a callback of this pass has
+  // an id from `limit` on and waits for the next pass, even with a delay of 0.
+  TimerId const limit = nextTimer_;
   size_t ran = 0;
   try {
-    for (TimerId id : due) {
-      auto it = timerDeadlines_.find(id);
-      if (it == timerDeadlines_.end()) continue;  // cancelled by an earlier callback
-      auto node = timers_.extract(TimerKey{it->second, id});
-      timerDeadlines_.erase(it);
+    auto it = timers_.begin();
+    while (it != timers_.end() && it->first.first <= now) {
+      if (it->first.second >= limit) {
+        ++it;
+        continue;
+      }
+      auto node = timers_.extract(it);
+      timerDeadlines_.erase(node.key().second);
       node.mapped()();
       ++ran;
+      // The callback may have added or cancelled timers anywhere.
+      it = timers_.begin();
     }
   } catch (...) {
     timerArm();
@@ -241,6 +263,7 @@ size_t EventLoop::runTimers() {
 }
 
 size_t EventLoop::runOnce(double timeoutSeconds) {
+  adoptIfForked();
   epoll_event events[kBatch];
   int const timeout = !deferred_.empty() ? 0 : waitMs(timeoutSeconds);
   int n = ::epoll_wait(epollFd_, events, kBatch, timeout);
@@ -249,27 +272,28 @@ size_t EventLoop::runOnce(double timeoutSeconds) {
     n = 0;
   }
   size_t ran = runDeferred();
-  // Callbacks are collected first: a callback may remove or replace any
-  // watcher, and a removed one must not run afterwards in this pass.
-  std::vector<std::pair<uint64_t, uint32_t>> ready;
-  ready.reserve(static_cast<size_t>(n));
+  // The ready watchers' tokens are gathered first, in place: a callback may
+  // remove or replace any watcher, and a removed one must not run afterwards
+  // in this pass.
+  bool timerFired = false;
+  int ready = 0;
   for (int i = 0; i < n; ++i) {
     uint64_t const token = events[i].data.u64;
+    if (token == kTimerToken) timerFired = true;
     if (token == kTimerToken || token == kWakeToken) continue;
-    uint32_t const bits = events[i].events;
-    ready.emplace_back(token, bits);
+    events[ready++] = events[i];
   }
-  for (auto const& [token, bits] : ready) {
-    auto t = tokens_.find(token);
+  for (int i = 0; i < ready; ++i) {
+    auto t = tokens_.find(events[i].data.u64);
     if (t == tokens_.end()) continue;
     auto w = watchers_.find(t->second);
     // The callback is held here, so a watcher that removes itself (or whose
     // owner is destroyed) does not destroy the function it is running.
     std::shared_ptr<FdCallback> cb = w->second.callback;
-    (*cb)(bits);
+    (*cb)(events[i].events);
     ++ran;
   }
-  ran += runTimers();
+  if (timerFired) ran += runTimers();
   return ran;
 }
 

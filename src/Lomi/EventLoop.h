@@ -40,10 +40,20 @@
 //
 // Thread safety: none. One thread owns a loop and makes every call on it.
 //
-// The process default loop (defaultLoop()) is the one the sentries and
-// sockets register with. A child made by fork gets a fresh default loop on
-// its first call; the parent's registrations (an epoll instance is shared
-// across fork) stay with the parent and are never run by the child.
+// Fork: the kernel objects of a loop (epoll instance, timerfd, eventfd) are
+// shared between a parent and a child made by fork, and so are their
+// registrations. A loop used in a child that inherited it first lets go of
+// everything it had (watchers, timers and deferred tasks, which belong to the
+// parent's objects) and makes kernel objects of its own, without a system
+// call on the shared ones. Objects inherited with the loop may then be
+// destroyed in the child: their removals find nothing and change nothing in
+// the parent. They hear nothing in the child; a child that wants to follow a
+// table mounts a collection of its own. The const accessors (fdWatchers,
+// timers, deferredTasks) still count the parent's work until the child's
+// first other call.
+//
+// A pass without due timers and deferred tasks makes one system call
+// (epoll_wait) and allocates nothing.
 #pragma once
 
 #include <sys/epoll.h>
@@ -73,11 +83,15 @@ class EventLoop {
   EventLoop(EventLoop const&) = delete;
   EventLoop& operator=(EventLoop const&) = delete;
 
-  // The process default loop, made on first use (and again in a forked
-  // child, see above).
+  // The process default loop, made on first use; the same object in a
+  // forked child, where it starts afresh (see above).
   static EventLoop& defaultLoop();
 
-  int fd() const { return epollFd_; }
+  // Not const: in a forked child the first call makes the child's own.
+  int fd() {
+    adoptIfForked();
+    return epollFd_;
+  }
 
   // Watches `fd` for `events` (EPOLLIN, EPOLLOUT, ...); replaces the callback
   // and events of a descriptor already watched. The loop does not own `fd`:
@@ -116,6 +130,15 @@ class EventLoop {
   };
   using TimerKey = std::pair<Clock::time_point, TimerId>;
 
+  // In a child that inherited the loop: drop the parent's work and make new
+  // kernel objects. One load and a compare when there was no fork.
+  void adoptIfForked() {
+    if (forkGeneration_ != currentForkGeneration()) adoptAfterFork();
+  }
+  static uint32_t currentForkGeneration();
+  void adoptAfterFork();
+  void openKernelObjects();
+  void closeKernelObjects();
   void timerArm();
   void wakeSignal();
   void wakeClear();
@@ -125,6 +148,7 @@ class EventLoop {
   int epollFd_ = -1;
   int timerFd_ = -1;
   int wakeFd_ = -1;
+  uint32_t forkGeneration_ = 0;
   bool wakeSignalled_ = false;
   bool stopped_ = false;
   // The epoll data of a watcher is its token, never its descriptor: a
@@ -137,6 +161,8 @@ class EventLoop {
   std::map<TimerKey, Task> timers_;
   std::unordered_map<TimerId, Clock::time_point> timerDeadlines_;
   std::deque<Task> deferred_;
+  // The batch being run; kept between passes so that its storage is reused.
+  std::deque<Task> batch_;
 };
 
 }  // namespace Lomi

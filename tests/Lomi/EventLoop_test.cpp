@@ -1,5 +1,5 @@
 // Tests of Lomi::EventLoop: fd watchers, timer order, deferred tasks,
-// runUntil's timeout, fd() in an outer poll, and the default loop after fork.
+// runUntil's timeout, fd() in an outer poll, and loops inherited across fork.
 #include "Lomi/EventLoop.h"
 
 #include <poll.h>
@@ -277,25 +277,49 @@ TEST(EventLoop, FdIsReadableInAnOuterPollExactlyWhenAPassHasWork) {
   EXPECT_FALSE(pollReadable(loop.fd(), 0));
 }
 
-TEST(EventLoop, AForkedChildGetsItsOwnDefaultLoop) {
-  EventLoop& parent = EventLoop::defaultLoop();
-  EXPECT_EQ(&parent, &EventLoop::defaultLoop());
-  bool parentRan = false;
-  parent.deferredTaskIs([&] { parentRan = true; });
-  pid_t pid = ::fork();
+// A child that inherited a loop, whether the default one or its own, tears
+// down what it inherited and then uses the loop: the parent's watcher,
+// timer and task are still its own and run in the parent alone.
+class InheritedLoop : public ::testing::TestWithParam<bool> {};
+
+TEST_P(InheritedLoop, AChildsTeardownAndUseLeaveTheParentsWorkWhole) {
+  EventLoop own;
+  EventLoop& loop = GetParam() ? EventLoop::defaultLoop() : own;
+  Pipe p;
+  int reads = 0;
+  bool timerRan = false;
+  bool taskRan = false;
+  loop.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) {
+    p.take();
+    ++reads;
+  });
+  EventLoop::TimerId const timer = loop.timerIs(0.05, [&] { timerRan = true; });
+  loop.deferredTaskIs([&] { taskRan = true; });
+  int const parentFd = loop.fd();
+  pid_t const pid = ::fork();
   if (pid == 0) {
-    EventLoop& mine = EventLoop::defaultLoop();
-    bool ok = &mine != &parent && mine.deferredTasks() == 0 && mine.runOnce(0) == 0 &&
-              &mine == &EventLoop::defaultLoop();
+    // What an inherited object's destructor does, then work of the child's
+    // own: none of it may reach the parent's epoll set or timerfd.
+    loop.fdWatcherDel(p.in());
+    bool ok = !loop.timerDel(timer) && loop.fdWatchers() == 0 && loop.timers() == 0 &&
+              loop.deferredTasks() == 0;
+    bool mine = false;
+    loop.timerIs(0, [&] { mine = true; });
+    ok = ok && loop.runUntil([&] { return mine; }, 5) && !taskRan && !timerRan && reads == 0;
+    ok = ok && &EventLoop::defaultLoop() == &EventLoop::defaultLoop();
     ::_exit(ok ? 0 : 1);
   }
   ASSERT_GT(pid, 0);
   int status = 0;
   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  // The parent's work is still its own.
-  EXPECT_EQ(parent.runOnce(0), 1u);
-  EXPECT_TRUE(parentRan);
+  p.put();
+  EXPECT_TRUE(loop.runUntil([&] { return reads == 1 && timerRan && taskRan; }, 5))
+      << "reads " << reads << " timer " << timerRan << " task " << taskRan;
+  EXPECT_EQ(loop.fd(), parentFd);
+  loop.fdWatcherDel(p.in());
 }
+
+INSTANTIATE_TEST_SUITE_P(DefaultOrOwn, InheritedLoop, ::testing::Bool());
 
 }  // namespace
