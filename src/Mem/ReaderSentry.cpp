@@ -80,13 +80,18 @@ Parcel::KestorId ReaderSentry::kestorOnDisk() const {
 
 void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
   using Kind = Impl::DirectoryWatch::Change::Kind;
-  if (change.kind == Kind::appeared) {
-    FMTRACE(handler_, 3, "ReaderSentry", "{} appeared", rootPath_);
-    if (!awaitingWriter_) attachNow("directory");
+  if (change.kind == Kind::appeared || change.kind == Kind::recheck) {
+    FMTRACE(handler_, 3, "ReaderSentry", "{} {}", rootPath_,
+            change.kind == Kind::appeared ? "appeared" : "recheck");
+    recheck(change.kind == Kind::appeared ? "directory" : "recheck");
     return;
   }
   if (change.kind == Kind::vanished) {
-    FMTRACE(handler_, 3, "ReaderSentry", "{} vanished", rootPath_);
+    // The directory the reader's files were in is no longer at the table's
+    // path: whatever writer still writes them, it is not the one at the
+    // path. The reader lets go and follows the path.
+    FMTRACE(handler_, 2, "ReaderSentry", "{} vanished", rootPath_);
+    if (enabled && notifiee_->readerFullyAttached()) detachNow("directory moved or removed");
     return;
   }
   FMTRACE(handler_, 3, "ReaderSentry", "{} file:{} mask:{:#x}", rootPath_, change.name,
@@ -120,6 +125,23 @@ void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
     return;
   }
   if (!attached && !awaitingWriter_) attachNow("change");
+}
+
+void ReaderSentry::recheck(std::string const& why) {
+  if (!enabled) return;
+  if (notifiee_->readerFullyAttached()) {
+    Parcel::KestorId const onDisk = kestorOnDisk();
+    if (onDisk == attachedKestor_) return;  // the same files: nothing to follow
+    FMTRACE(handler_, 1, "ReaderSentry", "{} ({}): kestorId {} -> {}", rootPath_, why,
+            attachedKestor_, onDisk);
+    std::weak_ptr<bool> const alive = alive_;
+    detachNow(why);
+    if (alive.expired() || onDisk.isZero()) return;
+    // Another generation stands at the path: its writer wrote it after the
+    // one the reader left, whatever a disconnect said before.
+    awaitingWriter_ = false;
+  }
+  if (!awaitingWriter_) attachNow(why);
 }
 
 void ReaderSentry::attachNow(std::string const& why) {

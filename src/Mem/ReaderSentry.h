@@ -14,6 +14,12 @@
 //   the kestor file is removed    detach: the writer's cleanup ended the
 //                                 table (a new kestor attaches again).
 //   any other change, unattached  attach, if a kestor file is there.
+//   the directory vanishes, or    detach: the files at the path are no longer
+//   the path names another one    the ones read (a directory moved aside or
+//                                 renamed above the table counts, noticed
+//                                 within a second by the watch's check).
+//   it appears, or events were    compare the kestor at the path with the one
+//   lost (queue overflow)         attached: another one detaches and attaches.
 //   a failed attach               tried again on the next change, or by a
 //                                 timer after kFirstRetry seconds, doubling
 //                                 up to kLastRetry; success resets it.
@@ -95,6 +101,9 @@ class ReaderSentry : public Sentry {
  private:
   void onChange(Impl::DirectoryWatch::Change const& change);
   Parcel::KestorId kestorOnDisk() const;
+  // Follows the kestor at the path: detach if it is not the one attached,
+  // attach if one is there.
+  void recheck(std::string const& why);
   // Attaches unless disabled, attached, or without a kestor file; a failure
   // arms the retry timer.
   void attachNow(std::string const& why);

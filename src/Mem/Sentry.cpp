@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstring>
 #include <memory>
-#include <vector>
 
 #include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
@@ -57,27 +56,12 @@ DirectoryWatch::DirectoryWatch(Lomi::Platform::DebugHandler& handler, std::strin
     throw Lomi::InvalidInitializeException("cannot watch Mirak table \"{}\": not an absolute path",
                                            path_);
   }
-  fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  if (fd_ < 0) {
-    throw Lomi::InvalidInitializeException("cannot watch Mirak table {}: {}", path_,
-                                           posixError("inotify_init1", errno));
-  }
-  try {
-    loop_.fdWatcherIs(fd_, EPOLLIN, [this](uint32_t) { onReadable(); });
-  } catch (Lomi::Exception const& e) {
-    ::close(fd_);
-    throw Lomi::InvalidInitializeException("cannot watch Mirak table {}: {}", path_, e.msg());
-  }
+  hub_ = WatchHub::of(handler_, loop_, fmt::format("Mirak table {}", path_));
 }
 
 DirectoryWatch::~DirectoryWatch() {
   if (rewatchTimer_) loop_.timerDel(rewatchTimer_);
-  try {
-    loop_.fdWatcherDel(fd_);
-  } catch (Lomi::Exception const& e) {
-    FMTRACE(handler_, 0, "DirectoryWatch", "{}: {}", path_, e.msg());
-  }
-  ::close(fd_);
+  if (wd_ >= 0) hub_->unwatch(wd_, this);
 }
 
 bool DirectoryWatch::start() {
@@ -98,19 +82,31 @@ bool DirectoryWatch::rewatch() {
           "cannot watch Mirak table {}: {} is in the way and is not a directory", path_, dir);
     }
     bool const table = dir == path_;
-    int const wd = ::inotify_add_watch(fd_, dir.c_str(), table ? kTableMask : kAncestorMask);
+    int const wd = hub_->watch(dir, table ? kTableMask : kAncestorMask, this);
     if (wd < 0) {
-      int const err = errno;
+      int const err = -wd;
       if (err == ENOENT || err == ENOTDIR) continue;  // removed since the probe
-      throw Lomi::InvalidInitializeException(
-          "cannot watch Mirak table {}: {}", path_,
-          posixError(fmt::format("inotify_add_watch {}", dir), err));
+      std::string why = posixError(fmt::format("inotify_add_watch {}", dir), err);
+      if (err == ENOSPC) {
+        why += fmt::format(": this user's inotify watches are used up ({})",
+                           WatchHub::limitText("max_user_watches"));
+      }
+      throw Lomi::InvalidInitializeException("cannot watch Mirak table {}: {}", path_, why);
     }
     // One watch at a time: the old directory's events no longer matter. The
     // same inode gives the same descriptor, which must stay.
-    if (wd_ >= 0 && wd_ != wd) ::inotify_rm_watch(fd_, wd_);
+    if (wd_ >= 0 && wd_ != wd) hub_->unwatch(wd_, this);
     wd_ = wd;
     watched_ = dir;
+    struct stat st;
+    // Stat after the watch is in place: a directory swapped in between shows
+    // as moved at the next check, never as the watched one.
+    if (::stat(dir.c_str(), &st) == 0) {
+      watchedDev_ = st.st_dev;
+      watchedIno_ = st.st_ino;
+    } else {
+      watchedDev_ = watchedIno_ = 0;
+    }
     if (table) {
       FMTRACE(handler_, 3, "DirectoryWatch", "watching {}", dir);
       bool const appeared = !onTable_;
@@ -142,61 +138,71 @@ void DirectoryWatch::rewatchLater(std::string const& why) {
   });
 }
 
-void DirectoryWatch::onReadable() {
+bool DirectoryWatch::moved() {
   std::weak_ptr<bool> const alive = alive_;
-  alignas(inotify_event) char buf[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
-  for (;;) {
-    ssize_t const n = ::read(fd_, buf, sizeof buf);
-    if (n <= 0) {
-      if (n < 0 && errno != EAGAIN && errno != EINTR) {
-        FMTRACE(handler_, 0, "DirectoryWatch", "{}",
-                posixError(fmt::format("read inotify {}", path_), errno));
-      }
-      return;
-    }
-    bool moved = false;
-    std::vector<Change> changes;
-    for (char* p = buf; p < buf + n;) {
-      auto const* ev = reinterpret_cast<inotify_event const*>(p);
-      p += sizeof(inotify_event) + ev->len;
-      if (ev->wd != wd_) continue;  // a watch already given up
-      if (ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
-        moved = true;
-        continue;
-      }
-      if (!onTable_) {
-        if (ev->mask & IN_ISDIR) moved = true;
-        continue;
-      }
-      if (ev->len == 0 || (ev->mask & IN_ISDIR)) continue;
-      changes.push_back(Change{Change::Kind::entry, std::string(ev->name), ev->mask});
-    }
-    for (Change const& c : changes) {
-      callback_(c);
-      if (alive.expired()) return;
-    }
-    if (moved) {
-      // On the table directory only its own removal or move gets here: it
-      // is gone, even if a new one stands there already.
-      bool const wasOnTable = onTable_;
-      onTable_ = false;
-      bool appeared;
-      try {
-        appeared = rewatch();
-      } catch (Lomi::Exception const& e) {
-        rewatchLater(e.msg());
-        appeared = false;
-      }
-      if (wasOnTable) {
-        callback_(Change{Change::Kind::vanished, std::string(), 0});
-        if (alive.expired()) return;
-      }
-      if (appeared) {
-        callback_(Change{Change::Kind::appeared, std::string(), 0});
-        if (alive.expired()) return;
-      }
-    }
+  // On the table directory only its own removal or move gets here: it is
+  // gone, even if a new one stands there already.
+  bool const wasOnTable = onTable_;
+  onTable_ = false;
+  bool appeared;
+  try {
+    appeared = rewatch();
+  } catch (Lomi::Exception const& e) {
+    rewatchLater(e.msg());
+    appeared = false;
   }
+  if (wasOnTable) {
+    callback_(Change{Change::Kind::vanished, std::string(), 0});
+    if (alive.expired()) return false;
+  }
+  if (appeared) {
+    callback_(Change{Change::Kind::appeared, std::string(), 0});
+    if (alive.expired()) return false;
+  }
+  return true;
+}
+
+void DirectoryWatch::onInotify(inotify_event const& ev) {
+  if (ev.wd != wd_) return;  // a watch already given up
+  if (ev.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
+    if (ev.mask & IN_IGNORED) wd_ = -1;  // the kernel dropped it: not ours to remove
+    moved();
+    return;
+  }
+  if (!onTable_) {
+    if (ev.mask & IN_ISDIR) moved();
+    return;
+  }
+  if (ev.len == 0 || (ev.mask & IN_ISDIR)) return;
+  callback_(Change{Change::Kind::entry, std::string(ev.name), ev.mask});
+}
+
+bool DirectoryWatch::stillInPlace() const {
+  if (watched_.empty()) return true;  // not started
+  struct stat st;
+  if (::stat(watched_.c_str(), &st) != 0 || uint64_t(st.st_dev) != watchedDev_ ||
+      uint64_t(st.st_ino) != watchedIno_) {
+    return false;
+  }
+  if (onTable_) return true;
+  std::string const next =
+      path_.substr(0, path_.find('/', watched_.size() + (watched_ == "/" ? 0 : 1)));
+  return probe(next) == Found::missing;
+}
+
+void DirectoryWatch::onCheck() {
+  if (rewatchTimer_ || stillInPlace()) return;
+  FMTRACE(handler_, 1, "DirectoryWatch", "{}: {} was moved or replaced", path_, watched_);
+  moved();
+}
+
+void DirectoryWatch::onOverflow() {
+  if (rewatchTimer_) return;
+  if (!stillInPlace()) {
+    moved();  // its appeared says what a recheck would
+    return;
+  }
+  if (onTable_) callback_(Change{Change::Kind::recheck, std::string(), 0});
 }
 
 }  // namespace Impl

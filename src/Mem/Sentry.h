@@ -13,12 +13,23 @@
 // than anyone can follow one by one, so each move looks again for the deepest
 // existing one). Once on the table directory it reports every change of an
 // entry, and when the directory goes away it climbs back to an ancestor.
+//
+// inotify follows an inode, not a path: a directory renamed above the table
+// takes the watch along and sends it nothing. So once a second (the hub's
+// check) the watch stats the path it stands for and, when another directory
+// (or none) is there now, reports the table vanished and moves to the path's
+// new directory. An overflow of the kernel's queue, which loses events of
+// every watch, is reported as `recheck`: look at the files afresh.
+//
+// All watches of a loop share its one inotify instance (Impl::WatchHub).
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+
+#include "Mem/WatchHub.h"
 
 namespace Lomi {
 class EventLoop;
@@ -58,7 +69,7 @@ class Sentry {
 
 namespace Impl {
 
-class DirectoryWatch {
+class DirectoryWatch : private WatchHub::Client {
  public:
   struct Change {
     enum class Kind : uint8_t {
@@ -66,8 +77,13 @@ class DirectoryWatch {
       appeared,
       // An entry of the table directory changed: `name` and the inotify `mask`.
       entry,
-      // The table directory went away; the watch is back on an ancestor.
+      // The table directory went away, or the path now names another one;
+      // the watch is back on an ancestor (or already on the new directory,
+      // reported next as `appeared`).
       vanished,
+      // Events may have been lost: what the directory holds must be looked at
+      // again.
+      recheck,
     };
     Kind kind;
     std::string name;
@@ -78,9 +94,9 @@ class DirectoryWatch {
   // Seconds before a watch that failed inside the loop is tried again.
   static constexpr double kRewatchDelay = 1.0;
 
-  // Makes the inotify instance and registers it with `loop`; watches nothing
-  // until start(). Throws Lomi::InvalidInitializeException naming `path` and
-  // the system's reason.
+  // Joins the hub of `loop` (making it if needed); watches nothing until
+  // start(). Throws Lomi::InvalidInitializeException naming `path` and the
+  // system's reason.
   DirectoryWatch(Lomi::Platform::DebugHandler& handler, std::string path, Lomi::EventLoop& loop,
                  Callback callback);
   ~DirectoryWatch();
@@ -91,7 +107,8 @@ class DirectoryWatch {
   // true if it is the table directory (reported by the result, not by the
   // callback). Throws
   // Lomi::InvalidInitializeException when something on the path is not a
-  // directory or cannot be watched; the table could never appear there.
+  // directory or cannot be watched (the message names the kernel's limit
+  // when the watch limit is reached); the table could never appear there.
   bool start();
 
   bool onTable() const { return onTable_; }
@@ -100,20 +117,31 @@ class DirectoryWatch {
   std::string const& path() const { return path_; }
 
  private:
-  void onReadable();
+  void onInotify(inotify_event const& event) override;
+  void onOverflow() override;
+  void onCheck() override;
   // Moves the watch to the deepest existing directory on the path. Returns
   // whether the watch is on the table directory.
   bool rewatch();
   void rewatchLater(std::string const& why);
+  // The watched directory went, or the path names another: climb or move, and
+  // report vanished and appeared as they apply. False if this was destroyed.
+  bool moved();
+  // Whether the path still leads to the watched directory (and, on an
+  // ancestor, whether the next directory down is still missing).
+  bool stillInPlace() const;
 
   Lomi::Platform::DebugHandler& handler_;
   std::string path_;
   Lomi::EventLoop& loop_;
   Callback callback_;
-  int fd_ = -1;
+  std::shared_ptr<WatchHub> hub_;
   int wd_ = -1;
   bool onTable_ = false;
   std::string watched_;
+  // The watched directory's identity when the watch was put on it.
+  uint64_t watchedDev_ = 0;
+  uint64_t watchedIno_ = 0;
   uint64_t rewatchTimer_ = 0;
   // Expires with this object: a callback that destroyed the watch (through
   // the sentry that owns it) is noticed before anything else is touched.

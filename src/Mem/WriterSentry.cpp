@@ -62,7 +62,7 @@ bool WriterSentry::markerPresent() const {
 
 void WriterSentry::onChange(Impl::DirectoryWatch::Change const& change) {
   using Kind = Impl::DirectoryWatch::Change::Kind;
-  if (change.kind == Kind::appeared) {
+  if (change.kind == Kind::appeared || change.kind == Kind::recheck) {
     if (markerPresent()) validateSoon();
     return;
   }

@@ -1,12 +1,14 @@
 // Mounting through the entities, as agents do it, with two real processes:
 // a reader agent started before its writer waits on its placeholders and
 // attaches by itself from its event loop; it follows the writer's re-mount
-// and keeps reading after the writer's death. Also the refusal of counter
+// and keeps reading after the writer's death; 300 collections on each side
+// in one process each. Also the refusal of counter
 // tables as shadows, with the exact words.
 #include <time.h>
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -17,6 +19,7 @@
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
+#include "Thrum/Thrum.h"
 
 namespace {
 
@@ -259,6 +262,67 @@ TEST(Mounting, AReaderAgentAttachesByItselfFollowsARemountAndOutlivesItsWriter) 
   EXPECT_TRUE(FlowTrackingTest::exitedWith(statusB, 0)) << "reader agent status " << statusB;
   std::printf("kestor write to reader attach: first mount %.3f ms, after re-mount %.3f ms\n",
               firstDelay * 1e3, secondDelay * 1e3);
+}
+
+// Many tables in one agent on each side: their watches share the process's
+// one inotify instance, since the kernel allows only a few (128 by default)
+// per user across all of that user's processes.
+constexpr int kManyEntities = 150;  // two collections each
+
+struct ManyTables {
+  Zeb::Ptr<HoFlowConfig> root = hoFlowConfigFactory("many");
+  std::vector<Zeb::Ptr<HoFlowConfig>> tables;
+
+  explicit ManyTables(MirakType type) {
+    for (int i = 0; i < kManyEntities; ++i) {
+      tables.push_back(hoFlowConfigFactory("t" + std::to_string(i)));
+      tables.back()->parentIs(root.get());
+      tables.back()->hoIpFlowConfigControl()->init(descriptor(type, 64));
+      tables.back()->hoIp6FlowConfigControl()->init(descriptor(type, 64));
+    }
+  }
+  ~ManyTables() {
+    for (auto& t : tables) t->parentIs(nullptr);
+  }
+  int mounted() const {
+    int n = 0;
+    for (auto const& t : tables) {
+      n += t->hoIpFlowConfig().mountStatus() == 1;
+      n += t->hoIp6FlowConfig().mountStatus() == 1;
+    }
+    return n;
+  }
+};
+
+uint64_t inotifyInstances() { return Thrum::writer().cellValue("Mem.inotify.instances"); }
+
+TEST(Mounting, ThreeHundredCollectionsOnEachSideShareOneInotifyInstancePerProcess) {
+  MirakTest::TempRoot root;
+  RecordPipe fromReader;
+  // The reader agent comes first: all its sentries wait on the base directory.
+  pid_t const reader = forkChild([&] {
+    uint64_t const before = inotifyInstances();
+    ManyTables readers(MirakType::reader);
+    if (!fromReader.send(Msg{waiting, int32_t(inotifyInstances() - before)})) return 40;
+    Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+    if (!loop.runUntil([&] { return readers.mounted() == 2 * kManyEntities; }, kWait)) return 41;
+    if (!fromReader.send(Msg{attached, int32_t(inotifyInstances() - before)})) return 42;
+    return 0;
+  });
+  ASSERT_GT(reader, 0);
+  Msg m;
+  ASSERT_TRUE(fromReader.receive(m));
+  ASSERT_EQ(m.code, waiting);
+  EXPECT_EQ(m.value, 1);
+
+  uint64_t const before = inotifyInstances();
+  ManyTables writers(MirakType::writer);
+  EXPECT_EQ(writers.mounted(), 2 * kManyEntities);
+  EXPECT_EQ(inotifyInstances() - before, 1u);
+  ASSERT_TRUE(fromReader.receive(m));
+  EXPECT_EQ(m.code, attached);
+  EXPECT_EQ(m.value, 1);
+  EXPECT_TRUE(FlowTrackingTest::exitedWith(reap(reader), 0));
 }
 
 // Tables without a change queue can be read, never shadowed.

@@ -2,6 +2,7 @@
 // event loop of the test's own: where they watch, when they attach, detach,
 // retry and validate. The collection behind them is a recording Notifiee.
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,6 +23,7 @@
 #include "Mem/WriterSentry.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
+#include "Thrum/Thrum.h"
 
 namespace {
 
@@ -261,6 +263,80 @@ TEST_F(ReaderSentryTest, TheTableDirectoryMayGoAndComeBack) {
   writeKestor(41);
   ASSERT_TRUE(runUntil([&] { return coll.attached; }));
   EXPECT_EQ(coll.kestor, Parcel::KestorId(41));
+}
+
+// The table's directory leaves the path, by a move of itself or of a
+// directory above it (which inotify never reports to the table's watch), and
+// a new writer's generation is at the path at once: the reader lets go of
+// the moved files and follows the path.
+class ReaderFollowsThePath : public ReaderSentryTest,
+                            public ::testing::WithParamInterface<char const*> {};
+
+TEST_P(ReaderFollowsThePath, WhenItsDirectoryOrOneAboveIsMovedAside) {
+  writeKestor(60);
+  auto s = start();
+  ASSERT_TRUE(coll.attached);
+  std::string const moved = base.path() + "/" + GetParam();
+  fs::rename(moved, moved + ".old");
+  writeKestor(61);
+  ASSERT_TRUE(runUntil([&] { return coll.attached && coll.kestor == Parcel::KestorId(61); }));
+  EXPECT_EQ(s->detaches(), 1u);
+  EXPECT_EQ(s->watchedPath(), root.path());
+  // The moved files change again: the reader stays where it is.
+  std::string const table = "agent/ftr/table";
+  std::string const movedTable = GetParam() + std::string(".old") + table.substr(moved.size() -
+                                                                            base.path().size() - 1);
+  Parcel::KestorFile(handler(), Mem::NaoRootPath(handler(), movedTable, false), false)
+      .write(Parcel::KestorId(62));
+  loop.runOnce(0.05);
+  EXPECT_EQ(coll.kestor, Parcel::KestorId(61));
+}
+
+INSTANTIATE_TEST_SUITE_P(Moved, ReaderFollowsThePath,
+                         ::testing::Values("agent/ftr/table", "agent/ftr", "agent"));
+
+// More events than the kernel queues while the loop is busy elsewhere: the
+// new kestor's event is lost in the overflow, and the overflow alone must
+// bring the reader onto it.
+TEST_F(ReaderSentryTest, AQueueOverflowMakesTheReaderLookAtTheKestorAgain) {
+  writeKestor(70);
+  auto s = start();
+  ASSERT_TRUE(coll.attached);
+  uint64_t const overflows = Thrum::writer().cellValue("Mem.inotify.overflows");
+  int queued = 16384;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> queued;
+  // Each file is two events (created, closed after writing).
+  for (int i = 0; i < queued / 2 + 16; ++i) {
+    std::ofstream(root.filePath("flood." + std::to_string(i))).put('x');
+  }
+  writeKestor(71);
+  ASSERT_TRUE(runUntil([&] { return coll.attached && coll.kestor == Parcel::KestorId(71); }));
+  EXPECT_EQ(Thrum::writer().cellValue("Mem.inotify.overflows"), overflows + 1);
+  EXPECT_EQ(coll.calls, (std::vector<std::string>{"attach init", "detach", "attach recheck"}));
+}
+
+// A forked helper that cleans up before it exits destroys its copy of the
+// sentry: the parent's watch and its pending retry are still the parent's.
+TEST_F(ReaderSentryTest, AChildsTeardownLeavesTheParentsWatchAndRetryTimer) {
+  writeKestor(80);
+  coll.succeed = false;
+  auto s = start();
+  ASSERT_TRUE(s->retryPending());
+  pid_t const pid = ::fork();
+  if (pid == 0) {
+    s.reset();
+    loop.runOnce(0);
+    ::_exit(loop.fdWatchers() == 0 && loop.timers() == 0 ? 0 : 1);
+  }
+  ASSERT_GT(pid, 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_TRUE(runUntil([&] { return coll.count("attach retry") >= 1; }));
+  coll.succeed = true;
+  ASSERT_TRUE(runUntil([&] { return coll.attached; }));
+  writeKestor(81);
+  ASSERT_TRUE(runUntil([&] { return coll.kestor == Parcel::KestorId(81); }));
 }
 
 TEST_F(ReaderSentryTest, ACollectionMayDestroyItsSentryFromItsAttach) {
