@@ -1,5 +1,5 @@
-// The collections of the flow table entities: the front object and private
-// table of each of the seven tables, compiled once in Collections.cpp and
+// The collections of the flow table entities: the front object, shadow and
+// private table of each of the seven tables, compiled once in Collections.cpp and
 // `extern` everywhere else, and the helpers that give the four entities their
 // attribute operations.
 //
@@ -33,6 +33,7 @@
 #include "Lomi/Exception.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/MirakMap.h"
+#include "Mirak/MirakShadow.h"
 #include "Mirak/Tmp.h"
 #include "Zeb/Entity.h"
 #include "Zeb/Ptr.h"
@@ -132,8 +133,11 @@ uint64_t* cell(char const* name);
 
 }  // namespace FlowTracking::Impl
 
+// The shadow comes with its front object: a shadow mount of a table without a
+// change queue is refused by init, but the class exists for every table.
 #define FLOWTRACKING_COLLECTION_TEMPLATES(Prefix, Ops) \
   Prefix template class Mirak::MirakMap<Ops>;          \
+  Prefix template class Mirak::MirakShadow<Ops>;       \
   Prefix template class Mirak::Tmp<Ops>
 
 #define FLOWTRACKING_ALL_COLLECTION_TEMPLATES(Prefix)                           \

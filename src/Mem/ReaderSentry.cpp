@@ -63,7 +63,12 @@ void ReaderSentry::event(std::string const& name, bool) {
   } else if (name == eventDisconnect) {
     retryDel();
     awaitingWriter_ = true;
-    if (enabled && notifiee_->readerFullyAttached()) detachNow(name);
+    // A shadow that serves its copy without a writer stays attached: the
+    // next kestor file tells whether a writer adopted the files (rejoin) or
+    // made new ones (detach, attach).
+    if (enabled && notifiee_->readerFullyAttached() && !notifiee_->disconnectedActiveReader()) {
+      detachNow(name);
+    }
   } else {
     throw Lomi::InvalidInitializeException("reader sentry of {}: unknown event \"{}\"", rootPath_,
                                            name);
@@ -112,7 +117,12 @@ void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
     if (onDisk.isZero()) return;  // not a complete record: the next write tells
     awaitingWriter_ = false;
     if (attached) {
-      if (onDisk == attachedKestor_) return;  // the writer adopted its files
+      if (onDisk == attachedKestor_) {
+        // The writer adopted its files; a shadow that lost its writer joins
+        // the new one.
+        if (notifiee_->disconnectedActiveReader()) rejoinNow("kestor");
+        return;
+      }
       FMTRACE(handler_, 1, "ReaderSentry", "{} re-formatted, kestorId {} -> {}", rootPath_,
               attachedKestor_, onDisk);
       std::weak_ptr<bool> const alive = alive_;
@@ -131,7 +141,11 @@ void ReaderSentry::recheck(std::string const& why) {
   if (!enabled) return;
   if (notifiee_->readerFullyAttached()) {
     Parcel::KestorId const onDisk = kestorOnDisk();
-    if (onDisk == attachedKestor_) return;  // the same files: nothing to follow
+    if (onDisk == attachedKestor_) {
+      // The same files: nothing to follow, unless a writer must be rejoined.
+      if (notifiee_->disconnectedActiveReader()) rejoinNow(why);
+      return;
+    }
     FMTRACE(handler_, 1, "ReaderSentry", "{} ({}): kestorId {} -> {}", rootPath_, why,
             attachedKestor_, onDisk);
     std::weak_ptr<bool> const alive = alive_;
@@ -166,6 +180,15 @@ void ReaderSentry::attachNow(std::string const& why) {
     return;
   }
   retryArm();
+}
+
+void ReaderSentry::rejoinNow(std::string const& why) {
+  FMTRACE(handler_, 2, "ReaderSentry", "{} rejoining the writer ({})", rootPath_, why);
+  try {
+    notifiee_->attach(why);
+  } catch (Lomi::Exception const& e) {
+    FMTRACE(handler_, 0, "ReaderSentry", "{} rejoin ({}) failed: {}", rootPath_, why, e.msg());
+  }
 }
 
 void ReaderSentry::detachNow(std::string const& why) {

@@ -32,7 +32,12 @@
 //   tryAttach, notificationsEnabled, flushComplete
 //                         attach now if not attached and a kestor is there.
 //   disconnect            the writer went away: detach, and wait for the
-//                         next kestor file before attaching again.
+//                         next kestor file before attaching again. A
+//                         collection that serves a copy without its writer
+//                         (disconnectedActiveReader) is not detached: a
+//                         kestor file with the same id then attaches it again
+//                         (it rejoins the writer that adopted the files),
+//                         one with another id detaches and attaches.
 // While `enabled` is 0 the sentry keeps watching and starts nothing.
 //
 // Contract: the Notifiee outlives the sentry (the collection owns it). A
@@ -108,6 +113,8 @@ class ReaderSentry : public Sentry {
   // arms the retry timer.
   void attachNow(std::string const& why);
   void detachNow(std::string const& why);
+  // An attach of a collection that is attached already and lost its writer.
+  void rejoinNow(std::string const& why);
   void retryArm();
   void retryDel();
 

@@ -27,9 +27,9 @@
 //                                calls attach once the writer's files are
 //                                complete (the kestor file is there)
 //   attach, reader               a new MirakReader
-//   attach, shadow/keyshadow     a new shadow (newShadow); while this build
-//                                has none, the collection stays on its
-//                                placeholder
+//   attach, shadow/keyshadow     a new MirakShadow (newShadow), or the same
+//                                shadow initialised again (it rejoins a
+//                                writer it lost)
 //   detach                       MirakStrictDummy if assertOnOrphanAccess,
 //                                else MirakDummy; a flushing shadow stays
 //
@@ -79,6 +79,7 @@
 #include "Mirak/MirakDummy.h"
 #include "Mirak/MirakInterface.h"
 #include "Mirak/MirakReader.h"
+#include "Mirak/MirakShadowBase.h"
 #include "Mirak/MirakWriter.h"
 #include "Mirak/Tmp.h"
 #include "Parcel/KestorId.h"
@@ -139,8 +140,8 @@ class MirakMapBase : public ControlBase, public Mem::ReaderSentry::Notifiee {
   // The back end stands on the table's files: mount status 1 or 2. This is
   // what the reader sentry asks before it attaches.
   bool readerFullyAttached() const override;
-  // A reader whose writer went away while it was attached; only a shadow
-  // can tell, and none is built here.
+  // A reader whose writer went away while it was attached: a shadow that
+  // keeps serving its copy (see MirakMap).
   bool disconnectedActiveReader() const override { return false; }
 
   // The handling of a table that can't be trusted. Records the message
@@ -197,6 +198,9 @@ class MirakMapBase : public ControlBase, public Mem::ReaderSentry::Notifiee {
   mutable uint64_t corruptionsDetected_ = 0;
   mutable std::string lastCorruption_;
 };
+
+template <TablePolicy OpsT>
+class MirakShadow;
 
 template <TablePolicy OpsT>
 class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
@@ -294,6 +298,13 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   // quiescedFn(true) (a reader) and mountStatusFn(); on failure the
   // placeholder stays and nothing is heard. Asserts on a writer.
   void attach(std::string const& event) override;
+  // From a shadow whose writer went away: traced at level 1, and the sentry
+  // hears eventDisconnect_ (it keeps the shadow, which serves its copy, and
+  // waits for a writer). Asserts "wrong type:{}" unless the mode is shadow or
+  // keyshadow.
+  void handleDisconnect();
+  // The back end is a shadow that lost its writer and serves its copy.
+  bool disconnectedActiveReader() const override;
   // The client's "try now": asks the sentry, which attaches if the files are
   // ready. Nothing for a writer, without a sentry, or when mounted.
   virtual void tryAttach() const;
@@ -356,8 +367,8 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   virtual std::unique_ptr<Back> newWriter(std::string const& classType,
                                           std::function<void(bool)> quiesced);
   // The shadow of a shadow or keyshadow mount, with its option word (bit 1
-  // keyshadow, bit 2 re-attach, bit 4 shadowOption). Null while this build
-  // has no shadow back end: the collection then stays on its placeholder.
+  // keyshadow, bit 2 re-attach, bit 4 shadowOption: shadowFlags of
+  // MirakShadowBase.h). Null keeps the collection on its placeholder.
   virtual std::unique_ptr<Back> newShadow(uint32_t options);
   // After a failed init: a placeholder holding `previous`, or `previous`
   // itself when no placeholder can be made for the name.
@@ -654,7 +665,10 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
     if (!notifying_) {
       Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
                      "notifications unexpectedly disabled prior to initialization with "
-                     "asynchronous mode");
+                     "asynchronous mode: collection {} is mounted as {} with synchronous false, "
+                     "whose changes arrive only as notifications; call notifyingIs(true) on it "
+                     "before init, or mount it with synchronous set",
+                     name_, desc.type);
     }
   }
   // 9: a table without a change queue can't be followed by a shadow.
@@ -778,10 +792,24 @@ auto MirakMap<OpsT>::newWriter(std::string const& classType, std::function<void(
 
 template <TablePolicy OpsT>
 auto MirakMap<OpsT>::newShadow(uint32_t options) -> std::unique_ptr<Back> {
-  FMTRACE(*debugHandler_, 2, "MirakMap",
-          "{} stays on its placeholder: no shadow back end in this build (options:{:#x})", name_,
-          options);
-  return nullptr;
+  FMTRACE(*debugHandler_, 5, "MirakMap", "{} shadow options:{:#x}", name_, options);
+  return std::make_unique<MirakShadow<Ops>>(*debugHandler_, name_, ops_, this, options);
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::handleDisconnect() {
+  FMTRACE(*debugHandler_, 1, "MirakMap", "{} writer disconnected", name_);
+  if (mode() != MirakType::shadow && mode() != MirakType::keyshadow) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "wrong type:{}", mode());
+  }
+  if (mounter_) mounter_->event(eventDisconnect_, false);
+}
+
+template <TablePolicy OpsT>
+bool MirakMap<OpsT>::disconnectedActiveReader() const {
+  if (!back_ || isPlaceholder(back_.get())) return false;
+  auto const* shadow = dynamic_cast<MirakShadowBase const*>(back_.get());
+  return shadow && shadow->writerLost();
 }
 
 template <TablePolicy OpsT>
@@ -803,9 +831,9 @@ void MirakMap<OpsT>::attach(std::string const& event) {
     fallback = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
   } else {
     uint32_t options = 0;
-    if (descriptor_.type == MirakType::keyshadow) options |= 1;
-    if (descriptor_.reattach || event != eventInit_) options |= 2;
-    if (descriptor_.shadowOption) options |= 4;
+    if (descriptor_.type == MirakType::keyshadow) options |= shadowFlagKeyOnly;
+    if (descriptor_.reattach || event != eventInit_) options |= shadowFlagResume;
+    if (descriptor_.shadowOption) options |= shadowFlagNotifyOnFlush;
     back_ = newShadow(options);
     if (!back_) {
       back_ = std::move(fallback);
@@ -884,3 +912,6 @@ std::string MirakMap<OpsT>::owner() const {
 }
 
 }  // namespace Mirak
+
+// The shadow back end that attach creates; it calls back into this file.
+#include "Mirak/MirakShadow.h"

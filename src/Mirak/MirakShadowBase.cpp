@@ -28,6 +28,7 @@ MirakShadowBase::MirakShadowBase(Lomi::Platform::DebugHandler& handler, Mem::Nao
 MirakShadowBase::~MirakShadowBase() {
   // Queued tasks see the token expire and do nothing.
   token_.reset();
+  if (rejoinTimer_) loop().timerDel(rejoinTimer_);
   rusk_.disconnect();
 }
 
@@ -103,9 +104,54 @@ void MirakShadowBase::maybeEnableTessel() {
 
 void MirakShadowBase::detachTessel() {
   tesselEnabled_ = false;
+  writerLost_ = false;
+  if (rejoinTimer_) {
+    loop().timerDel(rejoinTimer_);
+    rejoinTimer_ = 0;
+  }
   if (syncer_.mode() == SyncerMode::sync) syncer_.cancel();
   tessel_.detach();
   rusk_.disconnect();
+}
+
+void MirakShadowBase::writerLostIs() {
+  if (writerLost_) return;
+  FMTRACE(handler_, 1, "MirakShadowBase", "{}: writer lost; serving the copy as of seq:{}", dir(),
+          sequence_);
+  writerLost_ = true;
+  // A sweep under way goes on: it compares states, and the files stay
+  // readable. The walks stop until a writer serves the queue again.
+  tesselEnabled_ = false;
+  rusk_.disconnect();
+  armRejoin();
+}
+
+void MirakShadowBase::armRejoin() {
+  if (rejoinTimer_ || !writerLost_) return;
+  rejoinTimer_ = loop().timerIs(kPollSeconds, [weak = std::weak_ptr<MirakShadowBase*>(token_)] {
+    if (auto token = weak.lock()) {
+      (*token)->rejoinTimer_ = 0;
+      (*token)->rejoin();
+    }
+  });
+}
+
+bool MirakShadowBase::rejoin() {
+  if (!writerLost_) return true;
+  if (!tessel_.attached()) return false;
+  maybeConnect();
+  // The order: connected first, then the generation. A writer listens only
+  // once its files are validated (adopted or formatted), so a writer that
+  // accepts has put its kestor into the headers already.
+  if (!rusk_.connected() || !sameTable()) {
+    armRejoin();
+    return false;
+  }
+  FMTRACE(handler_, 1, "MirakShadowBase", "{}: a writer serves the table again; sweeping", dir());
+  writerLost_ = false;
+  rejoins_++;
+  resync();
+  return true;
 }
 
 void MirakShadowBase::notifyingIs(bool notifying) {

@@ -24,6 +24,15 @@
 //      helps, and that is the owner's to do.
 //   5. The end of the wake-up connection (writer exit, kill, restart) calls
 //      handleDisconnect() within the loop turn that sees it.
+//   6. A derived shadow that keeps serving its copy without a writer calls
+//      writerLostIs(): the walks stop (the dead writer's queue says nothing
+//      new), and every kPollSeconds rejoin() looks for a writer that serves
+//      the same generation of the table (an adoption). When one accepts the
+//      connection, the copy is swept again and the walks resume after the
+//      sweep: a writer that died between a slot's store and its notify left
+//      a change that no entry names, and only a sweep finds it. A writer of
+//      another generation (a re-format) is not joined: the owner detaches
+//      this copy and attaches a new one when the new kestor file is written.
 //
 // The order in step 1 matters: the head is read before the slot count, and
 // both before the first slot is read, so that every change the sweep may miss
@@ -103,8 +112,20 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   // Whether changes come from the queue now (no sweep pending).
   virtual bool syncFromTessel() const { return tesselEnabled_; }
   // Lets go of the queue and the connection; a running sync sweep stops (a
-  // flush sweep goes on: it works on the copy alone).
+  // flush sweep goes on: it works on the copy alone). A pending rejoin ends.
   void detachTessel();
+
+  // Step 6 of the header. writerLostIs(): the writer is gone; idempotent.
+  // rejoin(): if the writer was lost, connects to the writer the owner file
+  // names now and, if it serves the same table (sameTable()), sweeps again;
+  // else looks again in kPollSeconds. True when no writer is lost (any more).
+  void writerLostIs();
+  bool rejoin();
+  bool writerLost() const { return writerLost_; }
+  // Whether the table at the path is still the generation this shadow
+  // copies; a derived shadow compares its reader's kestor with the files'.
+  virtual bool sameTable() const { return true; }
+  uint64_t rejoins() const { return rejoins_; }
 
   void notifyingIs(bool notifying);
   void yieldTimeIs(double const& seconds);
@@ -141,6 +162,7 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   void scheduleWalk(double delay = 0);
   void walk();
   std::string socketName() const;
+  void armRejoin();
 
   Mem::NaoRootPath rootPath_;
   Syncer syncer_;
@@ -159,6 +181,9 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   Rusk::Sequence sweepHead_ = 0;
   uint64_t walks_ = 0;
   uint64_t resyncs_ = 0;
+  bool writerLost_ = false;
+  uint64_t rejoinTimer_ = 0;
+  uint64_t rejoins_ = 0;
   std::shared_ptr<MirakShadowBase*> token_;
 };
 

@@ -6,7 +6,8 @@
 //     place in the tree (the entity's own name while it has no parent);
 //   - the client callbacks, which end in the entity's ...Notify,
 //     ...NotifyMountStatus and ...NotifyQuiesced members: a change and a
-//     removal arriving from elsewhere both end in ...Notify(key);
+//     removal arriving from elsewhere both end in ...Notify(key); with them,
+//     notifications on (notifying()), which a shadow mount relies on;
 //   - a first back end, a private table of capacity 100, so the collection
 //     answers every operation from the entity's construction on;
 //   - an iterator over the collection for the generic interface.
@@ -153,6 +154,10 @@ void ZebMirakMap<E, R, K, O>::entity(Zeb::String attributeName, Entity* e, Zeb::
   n.quiescedFn = [e, quiescedChanged](bool q) { (e->*quiescedChanged)(q); };
   n.notifyLive = true;
   this->notify_ = std::move(n);
+  // An entity always has notifiees to tell, so its collections want change
+  // notifications from the start: an asynchronous shadow mount, whose
+  // changes arrive only that way, needs no extra call before init.
+  this->notifying_ = true;
 
   FMTRACE(*this->debugHandler_, 5, "ZebMirakMap", "creating local MirakWriter {}", this->name_);
   this->backIs(this->createDefaultLocalWriter(*this->debugHandler_));

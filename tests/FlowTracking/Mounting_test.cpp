@@ -2,8 +2,9 @@
 // a reader agent started before its writer waits on its placeholders and
 // attaches by itself from its event loop; it follows the writer's re-mount
 // and keeps reading after the writer's death; 300 collections on each side
-// in one process each. Also the refusal of counter
-// tables as shadows, with the exact words.
+// in one process each; an entity mounted as a shadow with nothing but the
+// descriptor's defaults. Also the refusal of counter tables as shadows, with
+// the exact words.
 #include <time.h>
 
 #include <cstdio>
@@ -357,6 +358,36 @@ TEST(Mounting, CounterAndHosStateCollectionsAreRefusedAsShadowsAndMountAsReaders
   EXPECT_TRUE(counters->hoIpFlowCounter().initialized());
   EXPECT_EQ(counters->hoIpFlowCounter().mountStatus(), 0u);
   counters->hoIpFlowCounter().controlDetach();
+}
+
+// An agent that mounts its entity as a shadow with the default descriptor
+// (asynchronous) and no other call: the entity wants notifications from its
+// construction, so the mount goes through, and after the first sweep each
+// change from the writer reaches the entity.
+TEST(Mounting, AnEntityMountsAsAnAsynchronousShadowWithTheDefaultDescriptor) {
+  MirakTest::TempRoot root;
+  Agent writer;
+  writer.init(MirakType::writer, 100);
+  writer.e->hoIpFlowConfigIs(FlowTrackingTest::row<HoIpFlowConfig>(1, 1));
+  Agent shadow;
+  shadow.c4().init(descriptor(MirakType::shadow, 0));
+  auto& m4 = shadow.e->hoIpFlowConfig();
+  auto finds = [&](uint32_t i, uint32_t v) {
+    auto const r = FlowTrackingTest::row<HoIpFlowConfig>(i, v);
+    bool found = false;
+    auto const* got = m4.safeLookup(HoIpFlowConfigOps::key(r), found, nullptr);
+    return found && *got == r;
+  };
+  Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+  ASSERT_TRUE(loop.runUntil([&] { return m4.mountStatus() == 2u; }, kWait));
+  EXPECT_TRUE(finds(1, 1));
+
+  uint64_t const* notified = Thrum::writer().cell("hoIpFlowConfigNotify");
+  writer.e->hoIpFlowConfigIs(FlowTrackingTest::row<HoIpFlowConfig>(2, 2));
+  uint64_t const afterWrite = *notified;  // the writer's own entity counted its write
+  ASSERT_TRUE(loop.runUntil([&] { return *notified == afterWrite + 1; }, kWait))
+      << "the shadow's entity was not told of the new row";
+  EXPECT_TRUE(finds(2, 2));
 }
 
 }  // namespace

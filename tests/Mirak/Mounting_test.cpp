@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -20,6 +21,7 @@
 #include "FlowTracking/TableRows.h"
 #include "Lomi/EventLoop.h"
 #include "Mirak/MirakMap.h"
+#include "Mirak/MirakShadow.h"
 #include "Mirak/ScriptedBackEnd.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Util.h"
@@ -342,26 +344,40 @@ TEST_F(Mounting, AReaderSentryFailureIsIgnoredOnlyUnderQ7Chroot) {
   EXPECT_TRUE(chrooted.events.empty());
 }
 
-TEST_F(Mounting, ShadowsStayOnTheirPlaceholderAndMoveTheirCallbacksOnce) {
+TEST_F(Mounting, AnAsynchronousShadowHoldsItsCallbacksBackUntilItsFirstSweepEnds) {
   ConfigMap w;
   w.init(desc(MirakType::writer));
+  w.safeWrite(row(1, 1));
   ConfigMap s;
   s.notifyingIs(true);
-  s.init(desc(MirakType::shadow));
+  s.init(desc(MirakType::keyshadow));
+  // The files are there: the sentry attached a shadow at once, and its first
+  // sweep runs on the loop.
+  EXPECT_EQ(s.events, (std::vector<std::string>{"mountStatus 1"}));
   EXPECT_FALSE(s.notify().notifyLive);
   s.notify().deferredKeyFn(ConfigOps::key(row(1)));
-  EXPECT_EQ(s.events, (std::vector<std::string>{"keyFn"}));
-  s.tryAttach();
-  loop().runOnce(0.05);
-  EXPECT_EQ(s.mountStatus(), 0u);
-  EXPECT_NE(dynamic_cast<Mirak::MirakDummy<ConfigOps>*>(s.back()), nullptr);
+  EXPECT_EQ(s.events, (std::vector<std::string>{"mountStatus 1", "keyFn"}));
+  s.events.clear();
+  // The sweep finds row 1 and tells no one; its end puts the callbacks live
+  // and says so.
+  ASSERT_TRUE(loop().runUntil([&] { return s.mountStatus() == 2u; }, kWait));
+  EXPECT_TRUE(s.notify().notifyLive);
+  EXPECT_NE(dynamic_cast<Mirak::MirakShadow<ConfigOps>*>(s.back()), nullptr);
+  EXPECT_TRUE(finds(s, 1, 1));
+  auto count = [&](std::string const& e) { return std::count(s.events.begin(), s.events.end(), e); };
+  EXPECT_EQ(count("keyFn"), 0);
+  EXPECT_EQ(count("mountStatus 2"), 1) << "the end of the first sweep";
+  // From now on each change is heard.
+  w.safeWrite(row(1, 2));
+  ASSERT_TRUE(loop().runUntil([&] { return count("keyFn") == 1; }, kWait));
+  EXPECT_TRUE(finds(s, 1, 2));
 
-  // A second init after controlDetach leaves the deferred set alone.
+  // A second init after controlDetach holds the live callbacks back again.
   s.controlDetach();
   s.events.clear();
   s.init(desc(MirakType::keyshadow));
   s.notify().deferredKeyFn(ConfigOps::key(row(1)));
-  EXPECT_EQ(s.events, (std::vector<std::string>{"keyFn"}));
+  EXPECT_EQ(s.events, (std::vector<std::string>{"mountStatus 1", "keyFn"}));
 
   // A local shadow is a private writer: no sentry, no move, no callbacks.
   ConfigMap local("mount/local");

@@ -1,0 +1,275 @@
+// The shadow back end end to end: a writer in a child process that writes at
+// random, exits, is killed and comes back (adopting its files, or on new
+// ones), and in this process a reader and two shadows of the table, one of
+// each mode, mounted through their front objects and sentries on the default
+// event loop. At every quiescent point each copy equals the table, and each
+// shadow's client heard every key whose row changed since the last one.
+#include "Mirak/MirakShadow.h"
+
+#include <signal.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Lomi/EventLoop.h"
+#include "Mirak/MirakMap.h"
+#include "Mirak/MirakReader.h"
+#include "Mirak/MirakWriter.h"
+#include "Mirak/TempRoot.h"
+#include "Mirak/TestPolicy.h"
+#include "Parcel/ProcessTestUtil.h"
+#include "Tessel/TesselWriter.h"
+
+namespace MirakTest {
+namespace {
+
+using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using Mirak::MapDescriptor;
+using Mirak::MirakType;
+using ParcelTest::Child;
+using ParcelTest::Pipe;
+using Rows = std::map<uint32_t, uint64_t>;
+
+constexpr char kTable[] = "test/shadow";
+constexpr double kWait = 20;  // seconds; a hang becomes a failure
+
+Lomi::Platform::DebugHandler& handler() {
+  return Lomi::Platform::getDebugHandler("ShadowTest");
+}
+
+Lomi::EventLoop& loop() {
+  return Mem::RootPath::eventLoop();
+}
+
+TestValue row(uint32_t id, uint64_t count) {
+  TestRecord r;
+  r.key_.id = id;
+  r.count = count;
+  return TestValue(r);
+}
+
+// A collection of the table in this process; its client records the keys it
+// hears of.
+class Collection : public Mirak::MirakMap<QueueOps> {
+ public:
+  Collection(MirakType type, bool synchronous) : MirakMap(QueueOps(0)) {
+    name_ = kTable;
+    notify_.changeFn = [this](TestValue const& v) { heard.insert(v.key().id); };
+    notify_.keyFn = [this](TestKey const& k) { heard.insert(k.id); };
+    notify_.keyDelFn = [this](TestKey const& k) { heard.insert(k.id); };
+    MapDescriptor d(0);
+    d.type = type;
+    d.synchronous = synchronous;
+    d.shadowOption = true;  // the client hears the rows of a flushed copy go
+    notifyingIs(true);
+    init(d);
+  }
+  ~Collection() override { controlDetach(); }
+
+  Rows rows() const {
+    Rows r;
+    TestValue v;
+    Mirak::IterHint hint{};
+    for (bool ok = back_->first(v, hint); ok; ok = back_->next(v.key(), v, hint)) {
+      r[v.key().id] = v.count;
+    }
+    return r;
+  }
+  Mirak::MirakShadow<QueueOps> const* shadow() const {
+    return dynamic_cast<Mirak::MirakShadow<QueueOps> const*>(back_.get());
+  }
+
+  std::set<uint32_t> heard;
+};
+
+// The writer process. Commands, one per line: "round <seed>" writes and
+// removes at random and answers "done"; "exit" ends it as a writer ends.
+int writerProcess(Pipe& commands, Pipe& replies) {
+  MapDescriptor d(256);
+  d.shrinkSlots = true;  // removals shrink the table and move rows under the shadows
+  Mirak::MirakWriter<QueueOps> w(handler(), kTable, d, QueueOps(0));
+  if (!w.initialize("test")) return 3;
+  replies.send("ready " + fmt::format("{}", w.kestorId()));
+  for (;;) {
+    // The loop serves the shadows' wake-up connections between commands.
+    if (!commands.readable()) {
+      loop().runOnce(0.005);
+      continue;
+    }
+    std::optional<std::string> line = commands.receive();
+    if (!line || *line == "exit") return 0;
+    std::istringstream in(*line);
+    std::string verb;
+    uint32_t seed = 0;
+    in >> verb >> seed;
+    std::mt19937 rng(seed);
+    TestValue gone;
+    for (int i = 0; i < 300; i++) {
+      uint32_t const id = rng() % 200;
+      if (rng() % 3 == 0) {
+        w.remove(TestKey{id, 0}, gone);
+      } else {
+        w.write(row(id, rng() % 5), true);
+      }
+    }
+    if (seed % 3 == 0) w.shrink();
+    replies.send("done");
+  }
+}
+
+class ShadowFixture : public ::testing::Test {
+ protected:
+  // Starts a writer; returns its kestor text.
+  std::string startWriter() {
+    commands = std::make_unique<Pipe>();
+    replies = std::make_unique<Pipe>();
+    writer = std::make_unique<Child>([this] { return writerProcess(*commands, *replies); });
+    std::optional<std::string> ready = replies->receive();
+    EXPECT_TRUE(ready && ready->rfind("ready ", 0) == 0) << ready.value_or("no answer");
+    return ready ? ready->substr(6) : "";
+  }
+  void round(uint32_t seed) {
+    commands->send("round " + std::to_string(seed));
+    std::optional<std::string> done = replies->receive();
+    ASSERT_EQ(done.value_or("none"), "done") << "seed " << seed;
+  }
+  void stopWriter() {
+    commands->send("exit");
+    std::optional<int> st = writer->wait();
+    ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
+  }
+
+  // The table as a fresh reader reads it now.
+  static Rows table() {
+    Mirak::MirakReader<QueueOps> r(handler(), kTable, QueueOps(0));
+    Rows rows;
+    if (!r.initialize("test")) {
+      ADD_FAILURE() << "the table can't be read";
+      return rows;
+    }
+    TestValue v;
+    Mirak::IterHint hint{};
+    for (bool ok = r.first(v, hint); ok; ok = r.next(v.key(), v, hint)) rows[v.key().id] = v.count;
+    return rows;
+  }
+
+  // A quiescent point: the writer waits, every copy comes to equal the table,
+  // and each shadow's client heard each key whose row changed since the last
+  // point (it may have heard more: a key changed and changed back).
+  void settle(std::string const& when) {
+    Rows const now = table();
+    bool const equal = loop().runUntil(
+        [&] {
+          for (Collection* c : {&shadow, &keyshadow}) {
+            auto const* s = c->shadow();
+            if (!s || c->mountStatus() != Mem::mountStatusSynchronized || !s->connected() ||
+                !s->quiesced()) {
+              return false;
+            }
+          }
+          return reader.rows() == now && shadow.rows() == now && keyshadow.rows() == now;
+        },
+        kWait);
+    EXPECT_TRUE(equal) << when << ": table " << now.size() << " rows, reader "
+                       << reader.rows().size() << ", shadow " << shadow.rows().size()
+                       << ", keyshadow " << keyshadow.rows().size();
+    std::set<uint32_t> changed;
+    for (auto const& [id, count] : now) {
+      auto it = last.find(id);
+      if (it == last.end() || it->second != count) changed.insert(id);
+    }
+    for (auto const& [id, count] : last) {
+      if (!now.count(id)) changed.insert(id);
+    }
+    for (Collection* c : {&shadow, &keyshadow}) {
+      int unheard = 0;
+      for (uint32_t id : changed) unheard += !c->heard.count(id);
+      EXPECT_EQ(unheard, 0) << when << ": " << formatMirakType(c->mode()) << " heard "
+                            << c->heard.size() << " of " << changed.size() << " changed keys";
+      c->heard.clear();
+    }
+    changedKeys += changed.size();
+    last = now;
+  }
+
+  TempRoot root;
+  std::unique_ptr<Pipe> commands, replies;
+  std::unique_ptr<Child> writer;
+  // Mounted after the first writer started (its children must not inherit
+  // them); destroyed before the root goes.
+  std::string firstKestor = startWriter();
+  Collection reader{MirakType::reader, true};
+  Collection shadow{MirakType::shadow, false};
+  Collection keyshadow{MirakType::keyshadow, true};
+  Rows last;
+  uint64_t changedKeys = 0;
+};
+
+TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAndANewTable) {
+  settle("mounted");
+  for (uint32_t seed = 1; seed <= 3; seed++) {
+    round(seed);
+    settle("round " + std::to_string(seed));
+  }
+  auto const* const shadowBack = shadow.shadow();
+  auto const* const keyshadowBack = keyshadow.shadow();
+
+  // The writer ends: each shadow keeps its copy and says it has no writer.
+  stopWriter();
+  ASSERT_TRUE(loop().runUntil([&] { return !shadow.connected() && !keyshadow.connected(); }, kWait));
+  EXPECT_EQ(shadow.rows(), last) << "the copy stays readable without a writer";
+  EXPECT_EQ(keyshadow.rows(), last);
+  EXPECT_EQ(shadow.mountStatus(), Mem::mountStatusSynchronized);
+  EXPECT_TRUE(shadow.disconnectedActiveReader());
+
+  // A writer that adopts the files: the same shadows rejoin it and sweep.
+  EXPECT_EQ(startWriter(), firstKestor);
+  round(4);
+  settle("after an adoption");
+  EXPECT_EQ(shadow.shadow(), shadowBack) << "a shadow rejoins; it is not rebuilt";
+  EXPECT_EQ(keyshadow.shadow(), keyshadowBack);
+  EXPECT_GE(shadowBack->rejoins(), 1u);
+
+  // Killed between two rounds, then adopted again.
+  ASSERT_TRUE(writer->killAndReap());
+  EXPECT_EQ(startWriter(), firstKestor);
+  round(5);
+  settle("after a kill and an adoption");
+  EXPECT_EQ(shadow.shadow(), shadowBack);
+
+  // Killed in the middle of a round: the next writer adopts or re-formats,
+  // whichever the state of the files calls for.
+  commands->send("round 6");
+  loop().runUntil([] { return false; }, 0.002);
+  ASSERT_TRUE(writer->killAndReap());
+  startWriter();
+  round(7);
+  settle("after a kill inside a round");
+
+  // A new table: the files go and a writer makes new ones. Each shadow
+  // flushes its copy (its client hears every row go) and a new shadow
+  // follows the new table.
+  ASSERT_TRUE(writer->killAndReap());
+  {
+    MapDescriptor d(256);
+    Mirak::MirakWriter<QueueOps> w(handler(), kTable, d, QueueOps(0));
+    ASSERT_TRUE(w.initialize("test"));
+    w.cleanup();
+  }
+  EXPECT_NE(startWriter(), firstKestor);
+  round(8);
+  settle("on a new table");
+  round(9);
+  settle("round 9");
+  EXPECT_GT(changedKeys, 300u) << "the rounds changed too little to prove anything";
+  stopWriter();
+}
+
+}  // namespace
+}  // namespace MirakTest
