@@ -293,6 +293,10 @@ MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const
   if (TesselWriter::hasQueue && !localMem_) rusk_ = std::make_unique<Rusk::WriterRuskSm>(handler);
   // Given, negated: pruneQueue asks for PruneMode::prune (0).
   tessel_.pruneModeIs(static_cast<Tessel::PruneMode>(!desc.pruneQueue));
+  // What a pruning queue may drop: what every reader that keeps up has read.
+  if constexpr (requires(TesselWriter& t) { t.pruneFloorIs([] { return Rusk::Sequence(); }); }) {
+    if (rusk_) tessel_.pruneFloorIs([r = rusk_.get()] { return r->pruneFloor(); });
+  }
 }
 
 template <TablePolicy OpsT>

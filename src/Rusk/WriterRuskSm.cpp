@@ -8,7 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
@@ -106,10 +108,23 @@ struct WriterRuskSm::Connection {
   // The S of the reader's last Sleeping while it sleeps; noSequence while it
   // is awake (a Sleeping may never carry noSequence, so the two never mix).
   Sequence sleepingAfter = noSequence;
+  // What the reader has taken in, as far as the writer knows: the S of its
+  // last Sleeping, or the latest sequence when it connected (it sweeps from
+  // a head read after that). For the prune floor.
+  Sequence passed = 0;
+  // When it was woken (or connected) and has not said Sleeping since, in
+  // steady-clock nanoseconds; 0 while it sleeps.
+  int64_t silentSince = 0;
   Wire::MessageBuffer in;
 };
 
 namespace {
+
+int64_t steadyNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
 
 // At most this many accepts per call: a connect storm cannot hold the loop.
 constexpr size_t kAcceptBudget = 256;
@@ -221,6 +236,8 @@ void WriterRuskSm::addConnection(int fd) {
   conn->fd = fd;
   conn->id = nextConnectionId_++;
   conn->peer = Wire::peerPid(fd);
+  conn->passed = latest_;
+  conn->silentSince = steadyNanos();
   try {
     watch(fd, false);
   } catch (Lomi::Exception const& e) {
@@ -324,16 +341,32 @@ bool WriterRuskSm::readConnection(size_t index) {
 }
 
 bool WriterRuskSm::sleepingIs(size_t index, Sequence s) {
+  Connection& c = *connections_[index];
+  c.passed = s;
+  c.silentSince = 0;
   // 3: a reader that slept on a queue already past S is woken at once.
   if (s < latest_) return wake(index);
-  Connection& c = *connections_[index];
   if (c.sleepingAfter == noSequence) ++sleeping_;
   c.sleepingAfter = s;
   return true;
 }
 
+Sequence WriterRuskSm::pruneFloor(double patience) const {
+  int64_t const now = steadyNanos();
+  int64_t const limit = int64_t(patience * 1e9);
+  Sequence floor = latest_;
+  for (auto const& c : connections_) {
+    // A reader silent for longer than the patience holds nothing back: it
+    // will find entries gone and sweep.
+    if (c->silentSince != 0 && now - c->silentSince > limit) continue;
+    floor = std::min(floor, c->passed);
+  }
+  return floor;
+}
+
 bool WriterRuskSm::wake(size_t index) {
   Connection& c = *connections_[index];
+  if (c.silentSince == 0) c.silentSince = steadyNanos();
   if (c.sleepingAfter != noSequence) {
     c.sleepingAfter = noSequence;
     --sleeping_;

@@ -144,6 +144,16 @@ class WriterRuskSm {
   // The latest sequence given to notify(); 0 before the first.
   Sequence latestSequence() const { return latest_; }
 
+  // The prune floor of a queue that prunes (Tessel::PruneMode::prune): the
+  // lowest sequence that every connected reader has taken in, as its last
+  // Sleeping said (or the latest sequence when it connected). A reader woken,
+  // or connected, more than `patience` seconds ago that has not said Sleeping
+  // since (stopped, or too slow to keep up) is left out: the queue drops what
+  // it has not read, and it sweeps when it runs again. latestSequence() when
+  // no reader counts.
+  Sequence pruneFloor(double patience = kReaderPatience) const;
+  static constexpr double kReaderPatience = 1.0;
+
   // Wake messages sent (a send refused for a full buffer is not counted).
   uint64_t ruskCount() const { return ruskCount_; }
   // Sleeping messages received.

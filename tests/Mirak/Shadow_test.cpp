@@ -7,6 +7,7 @@
 #include "Mirak/MirakShadow.h"
 
 #include <signal.h>
+#include <sys/epoll.h>
 
 #include <map>
 #include <memory>
@@ -24,6 +25,7 @@
 #include "Mirak/TempRoot.h"
 #include "Mirak/TestPolicy.h"
 #include "Parcel/ProcessTestUtil.h"
+#include "Rusk/WriterRuskSm.h"
 #include "Tessel/TesselWriter.h"
 
 namespace MirakTest {
@@ -58,8 +60,9 @@ TestValue row(uint32_t id, uint64_t count) {
 // hears of.
 class Collection : public Mirak::MirakMap<QueueOps> {
  public:
-  Collection(MirakType type, bool synchronous) : MirakMap(QueueOps(0)) {
-    name_ = kTable;
+  Collection(MirakType type, bool synchronous, std::string name = kTable)
+      : MirakMap(QueueOps(0)) {
+    name_ = std::move(name);
     notify_.changeFn = [this](TestValue const& v) { heard.insert(v.key().id); };
     notify_.keyFn = [this](TestKey const& k) { heard.insert(k.id); };
     notify_.keyDelFn = [this](TestKey const& k) { heard.insert(k.id); };
@@ -123,6 +126,20 @@ int writerProcess(Pipe& commands, Pipe& replies) {
   }
 }
 
+// The table as a fresh reader reads it now.
+Rows tableNow(std::string const& name) {
+  Mirak::MirakReader<QueueOps> r(handler(), name, QueueOps(0));
+  Rows rows;
+  if (!r.initialize("test")) {
+    ADD_FAILURE() << "the table can't be read";
+    return rows;
+  }
+  TestValue v;
+  Mirak::IterHint hint{};
+  for (bool ok = r.first(v, hint); ok; ok = r.next(v.key(), v, hint)) rows[v.key().id] = v.count;
+  return rows;
+}
+
 class ShadowFixture : public ::testing::Test {
  protected:
   // Starts a writer; returns its kestor text.
@@ -145,19 +162,7 @@ class ShadowFixture : public ::testing::Test {
     ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
   }
 
-  // The table as a fresh reader reads it now.
-  static Rows table() {
-    Mirak::MirakReader<QueueOps> r(handler(), kTable, QueueOps(0));
-    Rows rows;
-    if (!r.initialize("test")) {
-      ADD_FAILURE() << "the table can't be read";
-      return rows;
-    }
-    TestValue v;
-    Mirak::IterHint hint{};
-    for (bool ok = r.first(v, hint); ok; ok = r.next(v.key(), v, hint)) rows[v.key().id] = v.count;
-    return rows;
-  }
+  static Rows table() { return tableNow(kTable); }
 
   // A quiescent point: the writer waits, every copy comes to equal the table,
   // and each shadow's client heard each key whose row changed since the last
@@ -269,6 +274,85 @@ TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAndANewTable) {
   settle("round 9");
   EXPECT_GT(changedKeys, 300u) << "the rounds changed too little to prove anything";
   stopWriter();
+}
+
+// A shadow process stopped while the writer goes on: a pruning queue keeps
+// what the shadow has not read for the writer's patience with a silent
+// reader, then drops it; continued, the shadow finds entries gone and sweeps.
+TEST(ShadowStop, AShadowStoppedLongerThanTheQueueHoldsCatchesUpByASweep) {
+  TempRoot root;
+  constexpr char kStopped[] = "test/stopped";
+  Pipe commands, replies;
+  // The shadow comes first and waits for the files through its sentry.
+  Child shadowProcess([&] {
+    Collection shadow(MirakType::shadow, false, kStopped);
+    for (;;) {
+      std::optional<std::string> line = commands.receive();
+      if (!line || *line == "stop") return 0;
+      Rows now = tableNow(kStopped);
+      bool const caughtUp = loop().runUntil(
+          [&] {
+            auto const* s = shadow.shadow();
+            return s && shadow.mountStatus() == Mem::mountStatusSynchronized && s->quiesced() &&
+                   shadow.rows() == now;
+          },
+          kWait);
+      auto const* s = shadow.shadow();
+      replies.send(caughtUp && s ? "ok " + std::to_string(s->resyncs())
+                                 : "copy of " + std::to_string(shadow.rows().size()) +
+                                       " rows, table of " + std::to_string(now.size()));
+    }
+  });
+  MapDescriptor d(256);
+  d.pruneQueue = true;
+  Mirak::MirakWriter<QueueOps> w(handler(), kStopped, d, QueueOps(0));
+  ASSERT_TRUE(w.initialize("test"));
+  uint64_t count = 0;
+  for (uint32_t id = 0; id < 100; id++) w.write(row(id, ++count), true);
+  // The writer's loop serves the shadow's wake-up connection while it waits,
+  // until the shadow has answered and the writer has read that it sleeps.
+  auto ask = [&] {
+    commands.send("check");
+    std::optional<std::string> answer;
+    loop().fdWatcherIs(replies.readFd(), EPOLLIN, [](uint32_t) {});
+    loop().runUntil(
+        [&] {
+          if (!answer && replies.readable()) answer = replies.receive();
+          return answer.has_value() && w.writerCounters().sleepingReaders == 1;
+        },
+        kWait);
+    loop().fdWatcherDel(replies.readFd());
+    return answer.value_or("no answer");
+  };
+  std::string const first = ask();
+  ASSERT_EQ(first.rfind("ok ", 0), 0u) << first;
+  uint64_t const sweepsBefore = std::stoull(first.substr(3));
+
+  ASSERT_EQ(::kill(shadowProcess.pid(), SIGSTOP), 0);
+  // The first change wakes the stopped shadow, which says nothing after.
+  w.write(row(0, ++count), true);
+  loop().runUntil([] { return false; }, Rusk::WriterRuskSm::kReaderPatience + 0.2);
+  uint64_t const prunedBefore = w.tesselWriter().pruned();
+  for (uint32_t i = 0; w.tesselWriter().pruned() < prunedBefore + 50 && i < 100000; i++) {
+    w.write(row(i % 100, ++count), true);
+  }
+  ASSERT_GE(w.tesselWriter().pruned(), prunedBefore + 50) << "the queue kept everything";
+  ASSERT_EQ(::kill(shadowProcess.pid(), SIGCONT), 0);
+  std::string const after = ask();
+  ASSERT_EQ(after.rfind("ok ", 0), 0u) << after;
+  EXPECT_GT(std::stoull(after.substr(3)), sweepsBefore) << "caught up without a sweep";
+
+  // A shadow that keeps up holds the queue back: nothing it needs is dropped.
+  uint64_t const prunedLater = w.tesselWriter().pruned();
+  for (uint32_t i = 0; i < 2000; i++) w.write(row(i % 100, ++count), true);
+  std::string const last = ask();
+  ASSERT_EQ(last.rfind("ok ", 0), 0u) << last;
+  EXPECT_EQ(std::stoull(last.substr(3)), std::stoull(after.substr(3)))
+      << "a shadow that keeps up swept again (pruned " << w.tesselWriter().pruned() - prunedLater
+      << ")";
+  commands.send("stop");
+  std::optional<int> st = shadowProcess.wait();
+  ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
 }
 
 }  // namespace
