@@ -482,7 +482,8 @@ TEST_F(MountingDeathTest, BrokenPromisesStopTheProcessWithTheirMessage) {
         ConfigMap m;
         m.init(desc(MirakType::shadow));
       },
-      "notifications unexpectedly disabled prior to initialization with asynchronous mode");
+      "notifications unexpectedly disabled prior to initialization with asynchronous mode: "
+      "collection mount/coll is mounted as shadow .*call notifyingIs\\(true\\) on it before init");
   EXPECT_DEATH(
       {
         ConfigMap m;

@@ -15,6 +15,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -65,7 +66,11 @@ class Collection : public Mirak::MirakMap<QueueOps> {
     name_ = std::move(name);
     notify_.changeFn = [this](TestValue const& v) { heard.insert(v.key().id); };
     notify_.keyFn = [this](TestKey const& k) { heard.insert(k.id); };
-    notify_.keyDelFn = [this](TestKey const& k) { heard.insert(k.id); };
+    notify_.keyDelFn = [this](TestKey const& k) {
+      heard.insert(k.id);
+      removals++;
+    };
+    notify_.mountStatusFn = [this] { statuses.push_back(mountStatus()); };
     MapDescriptor d(0);
     d.type = type;
     d.synchronous = synchronous;
@@ -89,6 +94,8 @@ class Collection : public Mirak::MirakMap<QueueOps> {
   }
 
   std::set<uint32_t> heard;
+  uint64_t removals = 0;
+  std::vector<Mem::MountStatus> statuses;
 };
 
 // The writer process. Commands, one per line: "round <seed>" writes and
@@ -354,6 +361,73 @@ TEST(ShadowStop, AShadowStoppedLongerThanTheQueueHoldsCatchesUpByASweep) {
   std::optional<int> st = shadowProcess.wait();
   ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
 }
+
+// One shadow of each mode, with its writer in this process: what it answers
+// once synchronised, a second initialize, an asynchronous flush that reports
+// each row and gives the collection back to its sentry (which attaches a new
+// shadow), and a forced detach that is done on return.
+class ShadowLife : public ::testing::TestWithParam<MirakType> {
+ protected:
+  TempRoot root;
+};
+
+TEST_P(ShadowLife, SweepsThenFlushesInStepsOrAtOnce) {
+  MapDescriptor d(256);
+  Mirak::MirakWriter<QueueOps> w(handler(), kTable, d, QueueOps(0));
+  ASSERT_TRUE(w.initialize("test"));
+  for (uint32_t id = 0; id < 50; id++) w.write(row(id, id), true);
+  Collection c(GetParam(), true);
+  ASSERT_TRUE(loop().runUntil([&] { return c.mountStatus() == 2u && c.connected(); }, kWait));
+  auto const* s = c.shadow();
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(c.rows().size(), 50u);
+  EXPECT_EQ(s->members(), 50u);
+  EXPECT_EQ(s->minSize(), 0u);
+  EXPECT_EQ(s->capacity(), w.capacity());
+  EXPECT_EQ(c.heard.size(), 50u) << "a synchronous shadow hears its first sweep";
+  Mirak::Reader::Counters const rc = c.readerCounters();
+  EXPECT_GT(rc.shadowMappedSize, 0u);
+  EXPECT_EQ(rc.kestorMappedSize > 0, GetParam() == MirakType::keyshadow);
+  EXPECT_GT(rc.tesselPrimaryMappedSize, 0u);
+  EXPECT_EQ(rc.members, 50u);
+  ASSERT_TRUE(loop().runUntil([&] { return c.readerCounters().sequencesSent > 0; }, kWait));
+  EXPECT_THROW(c.safeWrite(row(1, 1)), Lomi::NoPermissionException);
+
+  // Again on an initialised shadow: nothing but the connection is looked at.
+  EXPECT_TRUE(c.back()->initialize("again"));
+  EXPECT_EQ(c.shadow(), s);
+  EXPECT_EQ(c.rows().size(), 50u);
+
+  // In steps: the shadow stays, flushing, and ignores what it would
+  // otherwise report; its end hands the collection back to the sentry.
+  c.statuses.clear();
+  c.detach(false);
+  EXPECT_EQ(c.shadow(), s);
+  EXPECT_EQ(c.mountStatus(), Mem::mountStatusFlushing);
+  EXPECT_FALSE(s->initialized());
+  EXPECT_FALSE(c.back()->initialize("during the flush")) << "a new copy waits for the flush";
+  EXPECT_EQ(c.shadow(), s);
+  const_cast<Mirak::MirakShadow<QueueOps>*>(s)->corruptionDetected("ignored while flushing");
+  EXPECT_EQ(c.corruptionsDetected(), 0u);
+  ASSERT_TRUE(loop().runUntil(
+      [&] { return c.mountStatus() == 2u && c.shadow() != s; }, kWait));
+  EXPECT_EQ(c.removals, 50u) << "each row of the flushed copy went with a keyDelFn";
+  ASSERT_FALSE(c.statuses.empty());
+  EXPECT_EQ(c.statuses.front(), Mem::mountStatusFlushing);
+  EXPECT_EQ(c.statuses.back(), Mem::mountStatusSynchronized);
+  EXPECT_EQ(c.rows().size(), 50u) << "the new shadow swept the table";
+
+  // At once: done on return, the placeholder in front.
+  c.removals = 0;
+  c.detach(true);
+  EXPECT_EQ(c.mountStatus(), Mem::mountStatusNotMounted);
+  EXPECT_EQ(c.removals, 50u);
+  EXPECT_EQ(c.shadow(), nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, ShadowLife,
+                         ::testing::Values(MirakType::shadow, MirakType::keyshadow),
+                         [](auto const& info) { return Mirak::formatMirakType(info.param); });
 
 }  // namespace
 }  // namespace MirakTest
