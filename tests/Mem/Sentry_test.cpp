@@ -58,7 +58,9 @@ class Collection : public Mem::ReaderSentry::Notifiee {
     attached = true;
     kestor = Parcel::KestorFile(handler(), root_, false).read();
   }
-  bool disconnectedActiveReader() const override { return false; }
+  // A shadow that serves its copy without a writer says so from a disconnect
+  // until it attaches again.
+  bool disconnectedActiveReader() const override { return servesWithoutWriter; }
 
   int count(std::string const& prefix) const {
     int n = 0;
@@ -67,6 +69,7 @@ class Collection : public Mem::ReaderSentry::Notifiee {
   }
 
   std::vector<std::string> calls;
+  bool servesWithoutWriter = false;
   bool attached = false;
   bool succeed = true;
   Parcel::KestorId kestor;
@@ -240,6 +243,29 @@ TEST_F(ReaderSentryTest, ADisconnectDetachesAndWaitsForTheWriterToWriteAgain) {
   writeKestor(20);
   ASSERT_TRUE(runUntil([&] { return coll.attached; }));
   EXPECT_EQ(coll.calls, (std::vector<std::string>{"attach init", "detach", "attach kestor"}));
+}
+
+TEST_F(ReaderSentryTest, AShadowThatLostItsWriterStaysAndRejoinsTheWriterThatAdoptsItsFiles) {
+  writeKestor(30);
+  auto s = start();
+  coll.servesWithoutWriter = true;
+  s->event(Mem::Sentry::eventDisconnect, false);
+  EXPECT_TRUE(coll.attached) << "a copy served without a writer is not detached";
+  std::ofstream(root.filePath("slots")).put('x');
+  loop.runOnce(0.05);
+  EXPECT_EQ(coll.calls, (std::vector<std::string>{"attach init"}));
+  // The same id again: the writer adopted the files; the shadow rejoins it.
+  coll.onAttach = [&] { coll.servesWithoutWriter = false; };
+  writeKestor(30);
+  ASSERT_TRUE(runUntil([&] { return coll.count("attach") == 2; }));
+  EXPECT_EQ(coll.calls.back(), "attach kestor");
+  // Another id: a new table; detach, then attach it.
+  coll.servesWithoutWriter = true;
+  s->event(Mem::Sentry::eventDisconnect, false);
+  writeKestor(31);
+  ASSERT_TRUE(runUntil([&] { return coll.kestor == Parcel::KestorId(31); }));
+  EXPECT_EQ(coll.calls, (std::vector<std::string>{"attach init", "attach kestor", "detach",
+                                                  "attach kestor"}));
 }
 
 TEST_F(ReaderSentryTest, TryAttachAttachesOnlyWhenTheFilesAreThere) {
