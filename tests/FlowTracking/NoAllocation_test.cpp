@@ -1,5 +1,6 @@
 // The hot path of a grown table allocates nothing: write (insert and
-// overwrite), remove and lookup, with traces off. Counted by replacing the
+// overwrite), remove and lookup, with traces off; and a synchronised
+// shadow's, of each mode: doSlot over changed slots and lookup. Counted by replacing the
 // global allocation functions of this test program.
 #include <atomic>
 #include <cstdlib>
@@ -9,6 +10,8 @@
 
 #include "FlowTracking/TableRows.h"
 #include "FlowTracking/TableWriters.h"
+#include "Lomi/EventLoop.h"
+#include "Mirak/MirakShadow.h"
 #include "Mirak/TempRoot.h"
 
 namespace {
@@ -73,6 +76,65 @@ TYPED_TEST(NoAllocationTest, HotPathOfAGrownTableAllocatesNothing) {
   }
   EXPECT_EQ(allocations.load() - before, 0u);
   EXPECT_GT(w.writerCounters().inserts, 3u * n / 2) << "the rounds did insert";
+}
+
+// The front object a shadow reports to; it counts what it hears.
+template <typename Ops>
+class ShadowOwner : public Mirak::MirakMap<Ops> {
+ public:
+  explicit ShadowOwner(std::string name) : Mirak::MirakMap<Ops>(Ops(0)) {
+    this->name_ = std::move(name);
+    this->notify_.changeFn = [this](typename Ops::Value const&) { ++changes; };
+    this->notify_.keyFn = [this](typename Ops::Key const&) { ++changes; };
+  }
+  uint64_t changes = 0;
+};
+
+template <typename Record>
+class ShadowNoAllocationTest : public ::testing::Test {};
+using QueueRecords =
+    ::testing::Types<HoIpFlowConfig, HoIp6FlowConfig, HoIpFlowStatus, HoIp6FlowStatus>;
+TYPED_TEST_SUITE(ShadowNoAllocationTest, QueueRecords);
+
+TYPED_TEST(ShadowNoAllocationTest, DoSlotAndLookupOfASynchronisedShadowAllocateNothing) {
+  using Ops = typename OpsOf<TypeParam>::type;
+  MirakTest::TempRoot root;
+  auto& handler = Lomi::Platform::getDebugHandler("NoAllocationTest");
+  char const* const name = "flowtracking/noalloc";
+  Mirak::MapDescriptor d(4096);
+  Mirak::MirakWriter<Ops> w(handler, name, d, Ops(0));
+  ASSERT_TRUE(w.initialize("test"));
+  uint32_t const n = std::min<uint32_t>(keySpace<TypeParam>(), 3000);
+  for (uint32_t i = 0; i < n; i++) w.write(row<TypeParam>(i, 0), true);
+  for (uint32_t flags : {0u, Mirak::shadowFlagKeyOnly}) {
+    ShadowOwner<Ops> owner(name);
+    Mirak::MirakShadow<Ops> shadow(handler, name, Ops(0), &owner, flags);
+    ASSERT_TRUE(shadow.initialize("test"));
+    // The first sweep sizes the copy, and the writer accepts the shadow's
+    // connection (and drops the last one's) on its loop. Both may allocate.
+    shadow.syncer().forceSyncCompletion();
+    ASSERT_EQ(shadow.mountStatus(), Mem::mountStatusSynchronized);
+    ASSERT_TRUE(Mem::RootPath::eventLoop().runUntil(
+        [&] { return w.writerCounters().readers == 1; }, 10));
+    for (uint32_t i = 0; i < n; i++) w.write(row<TypeParam>(i, 9), true);
+    owner.changes = 0;
+
+    uint64_t const before = allocations.load();
+    for (uint32_t round = 1; round < 4; round++) {
+      for (uint32_t i = 0; i < n; i++) w.write(row<TypeParam>(i, round), true);
+      for (uint32_t slot = 0; slot < w.capacity(); slot++) {
+        ASSERT_TRUE(shadow.doSlot(slot, Rusk::noSequence, true));
+      }
+      for (uint32_t i = 0; i < n; i++) {
+        bool found = false;
+        typename Ops::Value out;
+        auto const* v = shadow.lookup(row<TypeParam>(i).key(), found, &out);
+        ASSERT_TRUE(found && *v == row<TypeParam>(i, round)) << i;
+      }
+    }
+    EXPECT_EQ(allocations.load() - before, 0u) << "shadow flags " << flags;
+    EXPECT_EQ(owner.changes, 3u * n) << "each round changed every row once";
+  }
 }
 
 }  // namespace
