@@ -114,8 +114,8 @@ TYPED_TEST(ShadowNoAllocationTest, DoSlotAndLookupOfASynchronisedShadowAllocateN
     // connection (and drops the last one's) on its loop. Both may allocate.
     shadow.syncer().forceSyncCompletion();
     ASSERT_EQ(shadow.mountStatus(), Mem::mountStatusSynchronized);
-    ASSERT_TRUE(Mem::RootPath::eventLoop().runUntil(
-        [&] { return w.writerCounters().readers == 1; }, 10));
+    ASSERT_TRUE(
+        Mem::RootPath::eventLoop().runUntil([&] { return w.writerCounters().readers == 1; }, 10));
     for (uint32_t i = 0; i < n; i++) w.write(row<TypeParam>(i, 9), true);
     owner.changes = 0;
 

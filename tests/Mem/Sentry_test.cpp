@@ -264,8 +264,8 @@ TEST_F(ReaderSentryTest, AShadowThatLostItsWriterStaysAndRejoinsTheWriterThatAdo
   s->event(Mem::Sentry::eventDisconnect, false);
   writeKestor(31);
   ASSERT_TRUE(runUntil([&] { return coll.kestor == Parcel::KestorId(31); }));
-  EXPECT_EQ(coll.calls, (std::vector<std::string>{"attach init", "attach kestor", "detach",
-                                                  "attach kestor"}));
+  EXPECT_EQ(coll.calls,
+            (std::vector<std::string>{"attach init", "attach kestor", "detach", "attach kestor"}));
 }
 
 TEST_F(ReaderSentryTest, TryAttachAttachesOnlyWhenTheFilesAreThere) {

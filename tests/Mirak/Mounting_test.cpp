@@ -364,7 +364,9 @@ TEST_F(Mounting, AnAsynchronousShadowHoldsItsCallbacksBackUntilItsFirstSweepEnds
   EXPECT_TRUE(s.notify().notifyLive);
   EXPECT_NE(dynamic_cast<Mirak::MirakShadow<ConfigOps>*>(s.back()), nullptr);
   EXPECT_TRUE(finds(s, 1, 1));
-  auto count = [&](std::string const& e) { return std::count(s.events.begin(), s.events.end(), e); };
+  auto count = [&](std::string const& e) {
+    return std::count(s.events.begin(), s.events.end(), e);
+  };
   EXPECT_EQ(count("keyFn"), 0);
   EXPECT_EQ(count("mountStatus 2"), 1) << "the end of the first sweep";
   // From now on each change is heard.

@@ -61,8 +61,7 @@ TestValue row(uint32_t id, uint64_t count) {
 // hears of.
 class Collection : public Mirak::MirakMap<QueueOps> {
  public:
-  Collection(MirakType type, bool synchronous, std::string name = kTable)
-      : MirakMap(QueueOps(0)) {
+  Collection(MirakType type, bool synchronous, std::string name = kTable) : MirakMap(QueueOps(0)) {
     name_ = std::move(name);
     notify_.changeFn = [this](TestValue const& v) { heard.insert(v.key().id); };
     notify_.keyFn = [this](TestKey const& k) { heard.insert(k.id); };
@@ -234,7 +233,8 @@ TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAndANewTable) {
 
   // The writer ends: each shadow keeps its copy and says it has no writer.
   stopWriter();
-  ASSERT_TRUE(loop().runUntil([&] { return !shadow.connected() && !keyshadow.connected(); }, kWait));
+  ASSERT_TRUE(
+      loop().runUntil([&] { return !shadow.connected() && !keyshadow.connected(); }, kWait));
   EXPECT_EQ(shadow.rows(), last) << "the copy stays readable without a writer";
   EXPECT_EQ(keyshadow.rows(), last);
   EXPECT_EQ(shadow.mountStatus(), Mem::mountStatusSynchronized);
@@ -409,8 +409,7 @@ TEST_P(ShadowLife, SweepsThenFlushesInStepsOrAtOnce) {
   EXPECT_EQ(c.shadow(), s);
   const_cast<Mirak::MirakShadow<QueueOps>*>(s)->corruptionDetected("ignored while flushing");
   EXPECT_EQ(c.corruptionsDetected(), 0u);
-  ASSERT_TRUE(loop().runUntil(
-      [&] { return c.mountStatus() == 2u && c.shadow() != s; }, kWait));
+  ASSERT_TRUE(loop().runUntil([&] { return c.mountStatus() == 2u && c.shadow() != s; }, kWait));
   EXPECT_EQ(c.removals, 50u) << "each row of the flushed copy went with a keyDelFn";
   ASSERT_FALSE(c.statuses.empty());
   EXPECT_EQ(c.statuses.front(), Mem::mountStatusFlushing);
