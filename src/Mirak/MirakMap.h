@@ -647,6 +647,17 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
         "0 is not a valid initialization size for collection {} in writer mode", name_);
   }
   bool const shadowType = desc.type == MirakType::shadow || desc.type == MirakType::keyshadow;
+  // 9: a table without a change queue can't be followed by a shadow. Refused
+  // before step 8 moves the change callbacks: a refused mount must leave the
+  // object as it was, or every later notifyingIs would assert.
+  if constexpr (!Ops::TesselWriter::hasQueue) {
+    if (shadowType) {
+      throw Lomi::InvalidInitializeException(
+          "cannot initialize collection {} with {}", name_,
+          desc.type == MirakType::shadow ? "DummyTesselWriter not supported in shadow mode"
+                                         : "DummyTesselWriter not supported in keyshadow mode");
+    }
+  }
   // 8: an asynchronous shadow delivers changes through the deferred set. The
   // move happens once in the object's life.
   if (!desc.synchronous && !desc.local && shadowType) {
@@ -655,15 +666,6 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
       Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
                      "notifications unexpectedly disabled prior to initialization with "
                      "asynchronous mode");
-    }
-  }
-  // 9: a table without a change queue can't be followed by a shadow.
-  if constexpr (!Ops::TesselWriter::hasQueue) {
-    if (shadowType) {
-      throw Lomi::InvalidInitializeException(
-          "cannot initialize collection {} with {}", name_,
-          desc.type == MirakType::shadow ? "DummyTesselWriter not supported in shadow mode"
-                                         : "DummyTesselWriter not supported in keyshadow mode");
     }
   }
   // 10: the old back end leaves `back_` now; it is deleted once the new one
@@ -686,38 +688,31 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
                    "enabled");
   }
   if (desc.local || desc.type == MirakType::writer) {
-    // 15
+    // 15. The sentry comes before the files are published: a process that
+    // can't watch the table (the kernel's inotify limits) fails its start
+    // before any reader could attach to a writer that then lets go.
     bool ok;
     try {
       std::string const type = classType();
       back_ = newWriter(type, notify_.quiescedFn);
+      if (!desc.local) {
+        mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, back_->rootPath());
+        mounter_->event(eventInit_, false);
+      }
       ok = back_->initialize("none");
     } catch (...) {
+      mounter_.reset();
       back_.reset();
       initFailed(std::move(previous));
       throw;
     }
     if (!ok) {
+      mounter_.reset();
       back_.reset();
       initFailed(std::move(previous));
       throw Lomi::InvalidInitializeException("failed to initialize collection {}", name_);
     }
     previous.reset();
-    if (!desc.local) {
-      try {
-        Mem::NaoRootPath const root = back_->rootPath();
-        mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, root);
-        mounter_->event(eventInit_, false);
-      } catch (...) {
-        // Not swallowed; the writer lets go of its files again, so a later
-        // init starts from a clean collection.
-        mounter_.reset();
-        back_->detach(false);
-        retireCounters();
-        initFailed(std::move(back_));
-        throw;
-      }
-    }
   } else {
     // 16
     if (!shadowType && desc.type != MirakType::reader) {
