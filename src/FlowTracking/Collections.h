@@ -17,7 +17,10 @@
 //   collectionDelAll  walks the table with first/next and Dels each row's key,
 //                     so each row counts once as a Del and is notified before
 //                     the walk goes on. Corruption in the walk is handed to
-//                     doCorruptionDetected and ends it quietly.
+//                     doCorruptionDetected and ends it quietly. The entity is
+//                     held by a counted reference for the walk: a notifiee
+//                     may drop its last outside reference, and the entity
+//                     then dies on return, not under the walk.
 //   collectionCommit  ends a direct change: Is cell +1; key copied before the
 //                     commit; directCommit; visit(id, &key); Notify cell +1.
 //   collectionNotify  a change from elsewhere: visit(id, &key); Notify cell +1.
@@ -75,6 +78,9 @@ typename Map::Record collectionDel(Map& map, Cells const& cells, Zeb::NotifieeLi
 template <typename Map, typename DelFn>
 void collectionDelAll(Map& map, DelFn const& del) {
   using Ops = typename Map::Ops;
+  // Each Del notifies; the walk then reads the table again, which lives in
+  // the entity.
+  auto const keep = Zeb::keepAlive(map.entityPtr());
   Mirak::IterHint hint;
   typename Map::Value current;
   bool valid;

@@ -13,7 +13,9 @@
 //                   no notification when there is none. Counts in "hoIpFlowCounterDel".
 //   hoIpFlowCounterDelAll()    removes every row, one Del (and one notification) each,
 //                   in the table's walk order. Rows that a notifiee adds
-//                   during the walk are met or not.
+//                   during the walk are met or not. A notifiee may drop the
+//                   entity's last reference: the walk still ends, and the
+//                   entity dies on return.
 //   hoIpFlowCounterCommit(v)   ends a direct change of a row in place; counts as an Is.
 //   hoIpFlowCounterNotify(k)   what the collection calls for a change from elsewhere.
 //   hoIpFlowCounterControlIs(c) replaces the control seen by the framework (attribute

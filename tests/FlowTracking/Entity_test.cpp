@@ -2,6 +2,7 @@
 // body over all eight collections: statistics cells, the attribute ids their
 // notifiees see, DelAll, controls, private tables before and after a parent,
 // orphans, corrupt back ends and the zero-references hand-over.
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -366,10 +367,13 @@ TYPED_TEST(EntityCollectionDeathTest, ACorruptTableEndsIsAndDelButNotDelAllOrThe
   auto const before = this->cells();
   T::delAll(e);
   EXPECT_EQ(T::map(e).corruptionsDetected(), 1u);
-  typename Map::IteratorConst it(&T::map(e));
-  EXPECT_FALSE(it.valid());
-  typename Map::IteratorConst at(&T::map(e), this->rec(1).key());
-  EXPECT_FALSE(at.valid());
+  {
+    // Scoped: an iterator keeps the entity alive.
+    typename Map::IteratorConst it(&T::map(e));
+    EXPECT_FALSE(it.valid());
+    typename Map::IteratorConst at(&T::map(e), this->rec(1).key());
+    EXPECT_FALSE(at.valid());
+  }
   // The keyed iterator meets it twice: in its lookup, then in the step to
   // the successor of the key.
   EXPECT_EQ(T::map(e).corruptionsDetected(), 4u);
@@ -402,6 +406,43 @@ TYPED_TEST(EntityCollection, TheLastReferenceGoesThroughTheControls) {
   EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live);
   again.reset();
   EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
+}
+
+// Operations that notify and then go on using the entity, while one of its
+// notifiees drops the entity's last outside reference on the first removal.
+// The operation finishes on a live entity and the entity dies on its return.
+TYPED_TEST(EntityCollection, AnOperationOutlivesANotifieeThatDropsTheLastReference) {
+  using T = TypeParam;
+  using E = typename T::Entity;
+  using Iter = typename std::remove_reference_t<decltype(T::map(*this->entity))>::IteratorConst;
+  struct Operation {
+    char const* name;
+    std::function<void(E&)> run;
+  };
+  std::vector<Operation> const operations = {
+      {"DelAll", [](E& e) { T::delAll(e); }},
+      {"a walk that Dels each row",
+       [](E& e) {
+         for (Iter it(&T::map(e)); it.valid(); it.advance()) T::del(e, it.row().key());
+       }},
+  };
+  uint32_t const n = 8;
+  for (auto const& op : operations) {
+    SCOPED_TRACE(op.name);
+    this->entity = T::make("doomed");
+    E* const e = this->entity.get();
+    this->recorder = Zeb::Ptr<Recorder<typename T::Key>>(new Recorder<typename T::Key>(T::id));
+    this->recorder->hasNotificationActiveIs(true);
+    e->notifieeList().list->newMember(e, this->recorder.get());
+    for (uint32_t i = 0; i < n; i++) T::is(*e, this->rec(i));
+    this->recorder->seen.clear();
+    auto const live = E::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+    this->recorder->hook = [this](Zeb::AttributeId) { this->entity.reset(); };
+
+    op.run(*e);
+    EXPECT_EQ(this->recorder->seen.size(), n);
+    EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
+  }
 }
 
 TEST(EntityMountPath, Texts) {
