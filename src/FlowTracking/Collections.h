@@ -26,6 +26,10 @@
 //   collectionNotify  a change from elsewhere: visit(id, &key); Notify cell +1.
 //   controlIs         a new control for the collection: stored, then
 //                     visit(controlId) without a key; the same one: nothing.
+//   controlLink       the entity's plain pointer to the constructor's control,
+//                     which the control nulls when it dies (controlUnlink
+//                     when the entity dies first). The Notify... reports go
+//                     through it and are skipped once it is null.
 #pragma once
 
 #include <cstdint>
@@ -123,8 +127,16 @@ void collectionNotify(Cells const& cells, Zeb::NotifieeList& list, Zeb::Attribut
   ++*cells.notify;
 }
 
+// `control` is null once the constructor's control died (the entity let go
+// of it with its own last reference, or replaced it): a later orphaning or
+// detach must not reach a freed control, and nobody is left to tell.
+inline void collectionNotifyQuiesced(ZebMirak::CollectionControl* control, bool q) {
+  if (control) control->quiescedIs(q);
+}
+
 template <typename Map>
 void collectionNotifyMountStatus(Map const& map, ZebMirak::CollectionControl* control) {
+  if (!control) return;
   Mem::MountStatus const status = map.mountStatus();
   control->mountStatusIs(static_cast<ZebParcel::MountStatus>(status & 0xff));
 }
@@ -132,6 +144,10 @@ void collectionNotifyMountStatus(Map const& map, ZebMirak::CollectionControl* co
 void controlIs(Zeb::Ptr<ZebMirak::CollectionControl>& field,
                Zeb::Ptr<ZebMirak::CollectionControl> const& c, Zeb::NotifieeList& list,
                Zeb::AttributeId controlId);
+
+void controlLink(ZebMirak::CollectionControl*& raw,
+                 Zeb::Ptr<ZebMirak::CollectionControl> const& control);
+void controlUnlink(ZebMirak::CollectionControl* raw);
 
 // The cell of `name` in the process's statistics.
 uint64_t* cell(char const* name);

@@ -23,7 +23,8 @@ using namespace FlowTracking;
 using FlowTrackingTest::row;
 using ControlPtr = Zeb::Ptr<ZebMirak::CollectionControl>;
 
-#define COLLECTION_TRAITS(Traits, E, R, coll, factoryFn, attributeId)                     \
+// `sibling` is the entity's other collection.
+#define COLLECTION_TRAITS(Traits, E, R, coll, sibling, factoryFn, attributeId)            \
   struct Traits {                                                                         \
     using Entity = E;                                                                     \
     using Record = R;                                                                     \
@@ -41,22 +42,25 @@ using ControlPtr = Zeb::Ptr<ZebMirak::CollectionControl>;
     static void controlIs(E& e, ControlPtr const& c) { e.coll##ControlIs(c); }            \
     static ControlPtr const& control(E& e) { return e.coll##Control(); }                  \
     static ZebMirak::CollectionControl* controlRaw(E& e) { return e.coll##ControlRaw(); } \
+    static ControlPtr const& siblingControl(E& e) { return e.sibling##Control(); }        \
   }
 
-COLLECTION_TRAITS(ConfigIp, HoFlowConfig, HoIpFlowConfig, hoIpFlowConfig, hoFlowConfigFactory, 258);
-COLLECTION_TRAITS(ConfigIp6, HoFlowConfig, HoIp6FlowConfig, hoIp6FlowConfig, hoFlowConfigFactory,
-                  260);
-COLLECTION_TRAITS(StatusIp, HoFlowStatus, HoIpFlowStatus, hoIpFlowStatus, hoFlowStatusFactory, 258);
-COLLECTION_TRAITS(StatusIp6, HoFlowStatus, HoIp6FlowStatus, hoIp6FlowStatus, hoFlowStatusFactory,
-                  260);
-COLLECTION_TRAITS(CounterIp, HoFlowCounter, HoIpFlowCounter, hoIpFlowCounter, hoFlowCounterFactory,
-                  258);
-COLLECTION_TRAITS(CounterIp6, HoFlowCounter, HoIp6FlowCounter, hoIp6FlowCounter,
+COLLECTION_TRAITS(ConfigIp, HoFlowConfig, HoIpFlowConfig, hoIpFlowConfig, hoIp6FlowConfig,
+                  hoFlowConfigFactory, 258);
+COLLECTION_TRAITS(ConfigIp6, HoFlowConfig, HoIp6FlowConfig, hoIp6FlowConfig, hoIpFlowConfig,
+                  hoFlowConfigFactory, 260);
+COLLECTION_TRAITS(StatusIp, HoFlowStatus, HoIpFlowStatus, hoIpFlowStatus, hoIp6FlowStatus,
+                  hoFlowStatusFactory, 258);
+COLLECTION_TRAITS(StatusIp6, HoFlowStatus, HoIp6FlowStatus, hoIp6FlowStatus, hoIpFlowStatus,
+                  hoFlowStatusFactory, 260);
+COLLECTION_TRAITS(CounterIp, HoFlowCounter, HoIpFlowCounter, hoIpFlowCounter, hoIp6FlowCounter,
+                  hoFlowCounterFactory, 258);
+COLLECTION_TRAITS(CounterIp6, HoFlowCounter, HoIp6FlowCounter, hoIp6FlowCounter, hoIpFlowCounter,
                   hoFlowCounterFactory, 260);
 COLLECTION_TRAITS(HosIp, HosStateCounter, HosStateCounterEntry, hosStateIpCounter,
-                  hosStateCounterFactory, 258);
+                  hosStateIp6Counter, hosStateCounterFactory, 258);
 COLLECTION_TRAITS(HosIp6, HosStateCounter, HosStateCounterEntry, hosStateIp6Counter,
-                  hosStateCounterFactory, 260);
+                  hosStateIpCounter, hosStateCounterFactory, 260);
 
 // Records every attribute notification: the id, and the key when the id is
 // that of the collection under test.
@@ -443,6 +447,35 @@ TYPED_TEST(EntityCollection, AnOperationOutlivesANotifieeThatDropsTheLastReferen
     EXPECT_EQ(this->recorder->seen.size(), n);
     EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
   }
+}
+
+// The entity's last reference goes while somebody holds the other
+// collection's control: this collection's control dies with the entity's
+// reference to it, the entity lives on. Its orphaning later reports to the
+// control still held and to nothing else.
+TYPED_TEST(EntityCollection, AnOrphanReportsOnlyToAControlThatStillLives) {
+  using T = TypeParam;
+  using E = typename T::Entity;
+  auto root = hoFlowConfigFactory("root");
+  E* const e = this->entity.get();
+  e->parentIs(root.get());
+  ControlPtr held = T::siblingControl(*e);
+  auto const controls =
+      ZebMirak::CollectionControl::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+  this->entity.reset();
+  EXPECT_EQ(ZebMirak::CollectionControl::zebAllocTrackTypeInfo_.counters.counts().objectsLive(),
+            controls - 1);
+  EXPECT_EQ(T::controlRaw(*e), nullptr);
+  ASSERT_EQ(held->entityRef().get(), e);
+
+  uint64_t const reports = held->mountStatusReports();
+  root.reset();  // orphans the entity
+  EXPECT_EQ(e->parent(), nullptr);
+  EXPECT_EQ(held->mountStatusReports(), reports + 1);
+  EXPECT_EQ(held->mountStatus(), 0);
+  auto const live = E::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+  held.reset();
+  EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
 }
 
 TEST(EntityMountPath, Texts) {
