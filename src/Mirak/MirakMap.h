@@ -12,7 +12,8 @@
 //     directCommit catch Lomi::CorruptionDetectedException and hand its message
 //     to doCorruptionDetected. A lookup then answers "not found"; a write,
 //     remove or commit never returns normally (see doCorruptionDetected);
-//   - the settings that outlive a back end (`notifying`, `yieldTime_`) and the
+//   - the settings that outlive a back end (`notifying`, `yieldTime_`),
+//     handed to every back end it makes or is given (handSettings), and the
 //     statistics of retired back ends, added to the live ones on every read;
 //   - the order of teardown: detach (placeholder in, client told), then
 //     controlDetach (sentry gone, uninitialised), then the destructor;
@@ -325,10 +326,11 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   // cannot be a table's directory.
   void installDummy();
   // A new private table of capacity 100 under this collection's name,
-  // attached and initialised; the caller owns it.
+  // attached and initialised, with this object's settings; the caller owns it.
   std::unique_ptr<Back> createDefaultLocalWriter(Lomi::Platform::DebugHandler& handler);
-  // Replaces the back end; the old one is deleted after its statistics were
-  // kept. For the mounting code and for tests.
+  // Replaces the back end, handing it this object's settings; the old one is
+  // deleted after its statistics were kept. For the mounting code and for
+  // tests.
   void backIs(std::unique_ptr<Back> back);
   Back* back() const { return back_.get(); }
 
@@ -350,6 +352,11 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   }
   // Keeps the statistics of the current back end before it leaves `back_`.
   void retireCounters();
+  // Hands yieldTime_ and notifying_ to `back`, a back end this object has
+  // just made or been given. Every back end passes here before it serves
+  // (a writer of init is initialised after, a reader of attach too), so none
+  // runs on its own defaults once the front object was set.
+  void handSettings(Back& back) const;
 
   // The back end of a writer mount (step 15 of init), not yet initialised.
   // Tests of the mounting steps replace it.
@@ -584,6 +591,7 @@ void MirakMap<OpsT>::installDummy() {
   } else {
     back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_, std::move(back_));
   }
+  handSettings(*back_);
 }
 
 template <TablePolicy OpsT>
@@ -592,6 +600,7 @@ auto MirakMap<OpsT>::createDefaultLocalWriter(Lomi::Platform::DebugHandler& hand
   MapDescriptor desc(Tmp<Ops>::kCapacity);
   desc.local = true;
   auto tmp = std::make_unique<Tmp<Ops>>(handler, name_.c_str(), desc, ops_, [](bool) {});
+  handSettings(*tmp);
   // A local table takes no writer lock and has no files: it always formats.
   if (!tmp->initialized()) tmp->initialize("none");
   return tmp;
@@ -599,8 +608,15 @@ auto MirakMap<OpsT>::createDefaultLocalWriter(Lomi::Platform::DebugHandler& hand
 
 template <TablePolicy OpsT>
 void MirakMap<OpsT>::backIs(std::unique_ptr<Back> back) {
+  if (back) handSettings(*back);
   retireCounters();
   back_ = std::move(back);
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::handSettings(Back& back) const {
+  back.yieldTimeIs(yieldTime_);
+  back.notifyingIs(notifying_);
 }
 
 template <TablePolicy OpsT>
@@ -695,6 +711,7 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
     try {
       std::string const type = classType();
       back_ = newWriter(type, notify_.quiescedFn);
+      handSettings(*back_);
       if (!desc.local) {
         mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, back_->rootPath());
         mounter_->event(eventInit_, false);
@@ -720,6 +737,7 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
     }
     try {
       back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+      handSettings(*back_);
     } catch (...) {
       initFailed(std::move(previous));
       throw;
@@ -758,6 +776,7 @@ void MirakMap<OpsT>::initFailed(std::unique_ptr<Back> previous) {
   } catch (Lomi::Exception const&) {
     back_ = std::move(previous);
   }
+  if (back_) handSettings(*back_);
 }
 
 template <TablePolicy OpsT>
@@ -796,6 +815,7 @@ void MirakMap<OpsT>::attach(std::string const& event) {
              (fallback->type() == MirakType::shadow || fallback->type() == MirakType::keyshadow)) {
     back_ = std::move(fallback);
     fallback = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+    handSettings(*fallback);
   } else {
     uint32_t options = 0;
     if (descriptor_.type == MirakType::keyshadow) options |= 1;
@@ -813,8 +833,7 @@ void MirakMap<OpsT>::attach(std::string const& event) {
   // 5
   bool ok;
   try {
-    back_->yieldTimeIs(yieldTime_);
-    back_->notifyingIs(notifying_);
+    handSettings(*back_);
     ok = back_->initialize(event);
   } catch (...) {
     // The placeholder comes back, as after a failed attempt.
