@@ -18,6 +18,16 @@ void controlIs(Zeb::Ptr<ZebMirak::CollectionControl>& field,
   list.visit(controlId);
 }
 
+void controlLink(ZebMirak::CollectionControl*& raw,
+                 Zeb::Ptr<ZebMirak::CollectionControl> const& control) {
+  raw = control.get();
+  control->reportLinkIs(&raw);
+}
+
+void controlUnlink(ZebMirak::CollectionControl* raw) {
+  if (raw) raw->reportLinkIs(nullptr);
+}
+
 uint64_t* cell(char const* name) {
   return Thrum::writer().cell(name);
 }

@@ -17,12 +17,19 @@
 //   collectionDelAll  walks the table with first/next and Dels each row's key,
 //                     so each row counts once as a Del and is notified before
 //                     the walk goes on. Corruption in the walk is handed to
-//                     doCorruptionDetected and ends it quietly.
+//                     doCorruptionDetected and ends it quietly. The entity is
+//                     held by a counted reference for the walk: a notifiee
+//                     may drop its last outside reference, and the entity
+//                     then dies on return, not under the walk.
 //   collectionCommit  ends a direct change: Is cell +1; key copied before the
 //                     commit; directCommit; visit(id, &key); Notify cell +1.
 //   collectionNotify  a change from elsewhere: visit(id, &key); Notify cell +1.
 //   controlIs         a new control for the collection: stored, then
 //                     visit(controlId) without a key; the same one: nothing.
+//   controlLink       the entity's plain pointer to the constructor's control,
+//                     which the control nulls when it dies (controlUnlink
+//                     when the entity dies first). The Notify... reports go
+//                     through it and are skipped once it is null.
 #pragma once
 
 #include <cstdint>
@@ -76,6 +83,9 @@ typename Map::Record collectionDel(Map& map, Cells const& cells, Zeb::NotifieeLi
 template <typename Map, typename DelFn>
 void collectionDelAll(Map& map, DelFn const& del) {
   using Ops = typename Map::Ops;
+  // Each Del notifies; the walk then reads the table again, which lives in
+  // the entity.
+  auto const keep = Zeb::keepAlive(map.entityPtr());
   Mirak::IterHint hint;
   typename Map::Value current;
   bool valid;
@@ -118,8 +128,16 @@ void collectionNotify(Cells const& cells, Zeb::NotifieeList& list, Zeb::Attribut
   ++*cells.notify;
 }
 
+// `control` is null once the constructor's control died (the entity let go
+// of it with its own last reference, or replaced it): a later orphaning or
+// detach must not reach a freed control, and nobody is left to tell.
+inline void collectionNotifyQuiesced(ZebMirak::CollectionControl* control, bool q) {
+  if (control) control->quiescedIs(q);
+}
+
 template <typename Map>
 void collectionNotifyMountStatus(Map const& map, ZebMirak::CollectionControl* control) {
+  if (!control) return;
   Mem::MountStatus const status = map.mountStatus();
   control->mountStatusIs(static_cast<ZebParcel::MountStatus>(status & 0xff));
 }
@@ -127,6 +145,10 @@ void collectionNotifyMountStatus(Map const& map, ZebMirak::CollectionControl* co
 void controlIs(Zeb::Ptr<ZebMirak::CollectionControl>& field,
                Zeb::Ptr<ZebMirak::CollectionControl> const& c, Zeb::NotifieeList& list,
                Zeb::AttributeId controlId);
+
+void controlLink(ZebMirak::CollectionControl*& raw,
+                 Zeb::Ptr<ZebMirak::CollectionControl> const& control);
+void controlUnlink(ZebMirak::CollectionControl* raw);
 
 // The cell of `name` in the process's statistics.
 uint64_t* cell(char const* name);

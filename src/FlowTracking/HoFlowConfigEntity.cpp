@@ -51,14 +51,14 @@ HoFlowConfig::HoFlowConfig(Zeb::String const& name) : Zeb::Entity(name) {
   notifieeList_.newMember(this, notifiee.get());
 
   hoIp6FlowConfigControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hoIp6FlowConfig_);
-  hoIp6FlowConfigControlRaw_ = hoIp6FlowConfigControl_.get();
+  Impl::controlLink(hoIp6FlowConfigControlRaw_, hoIp6FlowConfigControl_);
   hoIp6FlowConfig_.entity("hoIp6FlowConfig", this, hoIp6FlowConfigId,
                           &HoFlowConfig::hoIp6FlowConfigNotify,
                           &HoFlowConfig::hoIp6FlowConfigNotifyMountStatus,
                           &HoFlowConfig::hoIp6FlowConfigNotifyQuiesced);
 
   hoIpFlowConfigControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hoIpFlowConfig_);
-  hoIpFlowConfigControlRaw_ = hoIpFlowConfigControl_.get();
+  Impl::controlLink(hoIpFlowConfigControlRaw_, hoIpFlowConfigControl_);
   hoIpFlowConfig_.entity(
       "hoIpFlowConfig", this, hoIpFlowConfigId, &HoFlowConfig::hoIpFlowConfigNotify,
       &HoFlowConfig::hoIpFlowConfigNotifyMountStatus, &HoFlowConfig::hoIpFlowConfigNotifyQuiesced);
@@ -68,6 +68,10 @@ HoFlowConfig::HoFlowConfig(Zeb::String const& name) : Zeb::Entity(name) {
 // collection, IPv4 control and collection, the notifiee.
 HoFlowConfig::~HoFlowConfig() {
   notifieeList_.deleteAll();
+  // A control that somebody still holds outlives the entity; it must not
+  // write into the entity's memory when it dies.
+  Impl::controlUnlink(hoIp6FlowConfigControlRaw_);
+  Impl::controlUnlink(hoIpFlowConfigControlRaw_);
 }
 
 Zeb::NotifieeListPtr HoFlowConfig::notifieeList() const {
@@ -81,6 +85,11 @@ void HoFlowConfig::handleParent(Zeb::Ptr<Zeb::Entity> const&) {
 
 void HoFlowConfig::HoFlowConfigZeroReferencesNotifiee::onZeroReferences() {
   HoFlowConfig* const e = entity_;
+  // Each control is handed a reference to the entity, and the entity drops
+  // its reference to the control.
+  // A control nobody else holds dies here and nulls the entity's plain
+  // pointer to it, so a later orphaning of the entity (still alive through
+  // its other control) reports to no freed control.
   if (e->hoIp6FlowConfigControl_) {
     Zeb::Ptr<Zeb::Entity> self(e);
     e->hoIp6FlowConfigControl_->entityRefIs(self);
@@ -119,7 +128,7 @@ void HoFlowConfig::hoIpFlowConfigNotify(HoIpFlowKey const& k) {
 }
 
 void HoFlowConfig::hoIpFlowConfigNotifyQuiesced(bool q) {
-  hoIpFlowConfigControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hoIpFlowConfigControlRaw_, q);
 }
 
 void HoFlowConfig::hoIpFlowConfigNotifyMountStatus() {
@@ -156,7 +165,7 @@ void HoFlowConfig::hoIp6FlowConfigNotify(HoIp6FlowKey const& k) {
 }
 
 void HoFlowConfig::hoIp6FlowConfigNotifyQuiesced(bool q) {
-  hoIp6FlowConfigControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hoIp6FlowConfigControlRaw_, q);
 }
 
 void HoFlowConfig::hoIp6FlowConfigNotifyMountStatus() {

@@ -13,12 +13,15 @@
 //                   no notification when there is none. Counts in "hoIpFlowConfigDel".
 //   hoIpFlowConfigDelAll()    removes every row, one Del (and one notification) each,
 //                   in the table's walk order. Rows that a notifiee adds
-//                   during the walk are met or not.
+//                   during the walk are met or not. A notifiee may drop the
+//                   entity's last reference: the walk still ends, and the
+//                   entity dies on return.
 //   hoIpFlowConfigCommit(v)   ends a direct change of a row in place; counts as an Is.
 //   hoIpFlowConfigNotify(k)   what the collection calls for a change from elsewhere.
 //   hoIpFlowConfigControlIs(c) replaces the control seen by the framework (attribute
 //                   259); ...NotifyQuiesced and ...NotifyMountStatus keep
-//                   reporting to the control made by the constructor.
+//                   reporting to the control made by the constructor, as
+//                   long as it lives, and to none once it is gone.
 // Before any mount, each collection is a private table of 100 rows that only
 // this entity sees; it is emptied when the entity gets its parent, and a
 // mount replaces it (`handleParent`, IPv6 first). An entity gets a parent
@@ -145,12 +148,16 @@ class HoFlowConfig : public Zeb::Entity {
   uint64_t* hoIpFlowConfigNotifyCount_ = nullptr;
   Zeb::Ptr<HoFlowConfigZeroReferencesNotifiee> zeroReferencesNotifiee_;
   // Destroyed in reverse order: the IPv6 control and collection go first.
+  // Each ...ControlRaw_ is linked to the constructor's control, which nulls
+  // it when it dies (CollectionControl::reportLinkIs); it is declared before
+  // the control's Ptr so that it is still there when that Ptr drops the
+  // control.
   HoIpFlowConfigMap hoIpFlowConfig_;
-  Zeb::Ptr<ZebMirak::CollectionControl> hoIpFlowConfigControl_;
   ZebMirak::CollectionControl* hoIpFlowConfigControlRaw_ = nullptr;
+  Zeb::Ptr<ZebMirak::CollectionControl> hoIpFlowConfigControl_;
   HoIp6FlowConfigMap hoIp6FlowConfig_;
-  Zeb::Ptr<ZebMirak::CollectionControl> hoIp6FlowConfigControl_;
   ZebMirak::CollectionControl* hoIp6FlowConfigControlRaw_ = nullptr;
+  Zeb::Ptr<ZebMirak::CollectionControl> hoIp6FlowConfigControl_;
   Zeb::NotifieeList notifieeList_;
 };
 

@@ -51,14 +51,14 @@ HoFlowCounter::HoFlowCounter(Zeb::String const& name) : Zeb::Entity(name) {
   notifieeList_.newMember(this, notifiee.get());
 
   hoIp6FlowCounterControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hoIp6FlowCounter_);
-  hoIp6FlowCounterControlRaw_ = hoIp6FlowCounterControl_.get();
+  Impl::controlLink(hoIp6FlowCounterControlRaw_, hoIp6FlowCounterControl_);
   hoIp6FlowCounter_.entity("hoIp6FlowCounter", this, hoIp6FlowCounterId,
                            &HoFlowCounter::hoIp6FlowCounterNotify,
                            &HoFlowCounter::hoIp6FlowCounterNotifyMountStatus,
                            &HoFlowCounter::hoIp6FlowCounterNotifyQuiesced);
 
   hoIpFlowCounterControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hoIpFlowCounter_);
-  hoIpFlowCounterControlRaw_ = hoIpFlowCounterControl_.get();
+  Impl::controlLink(hoIpFlowCounterControlRaw_, hoIpFlowCounterControl_);
   hoIpFlowCounter_.entity("hoIpFlowCounter", this, hoIpFlowCounterId,
                           &HoFlowCounter::hoIpFlowCounterNotify,
                           &HoFlowCounter::hoIpFlowCounterNotifyMountStatus,
@@ -69,6 +69,10 @@ HoFlowCounter::HoFlowCounter(Zeb::String const& name) : Zeb::Entity(name) {
 // collection, IPv4 control and collection, the notifiee.
 HoFlowCounter::~HoFlowCounter() {
   notifieeList_.deleteAll();
+  // A control that somebody still holds outlives the entity; it must not
+  // write into the entity's memory when it dies.
+  Impl::controlUnlink(hoIp6FlowCounterControlRaw_);
+  Impl::controlUnlink(hoIpFlowCounterControlRaw_);
 }
 
 Zeb::NotifieeListPtr HoFlowCounter::notifieeList() const {
@@ -82,6 +86,11 @@ void HoFlowCounter::handleParent(Zeb::Ptr<Zeb::Entity> const&) {
 
 void HoFlowCounter::HoFlowCounterZeroReferencesNotifiee::onZeroReferences() {
   HoFlowCounter* const e = entity_;
+  // Each control is handed a reference to the entity, and the entity drops
+  // its reference to the control.
+  // A control nobody else holds dies here and nulls the entity's plain
+  // pointer to it, so a later orphaning of the entity (still alive through
+  // its other control) reports to no freed control.
   if (e->hoIp6FlowCounterControl_) {
     Zeb::Ptr<Zeb::Entity> self(e);
     e->hoIp6FlowCounterControl_->entityRefIs(self);
@@ -120,7 +129,7 @@ void HoFlowCounter::hoIpFlowCounterNotify(IpFlowKey const& k) {
 }
 
 void HoFlowCounter::hoIpFlowCounterNotifyQuiesced(bool q) {
-  hoIpFlowCounterControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hoIpFlowCounterControlRaw_, q);
 }
 
 void HoFlowCounter::hoIpFlowCounterNotifyMountStatus() {
@@ -158,7 +167,7 @@ void HoFlowCounter::hoIp6FlowCounterNotify(Ip6FlowKey const& k) {
 }
 
 void HoFlowCounter::hoIp6FlowCounterNotifyQuiesced(bool q) {
-  hoIp6FlowCounterControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hoIp6FlowCounterControlRaw_, q);
 }
 
 void HoFlowCounter::hoIp6FlowCounterNotifyMountStatus() {

@@ -51,14 +51,14 @@ HoFlowStatus::HoFlowStatus(Zeb::String const& name) : Zeb::Entity(name) {
   notifieeList_.newMember(this, notifiee.get());
 
   hoIp6FlowStatusControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hoIp6FlowStatus_);
-  hoIp6FlowStatusControlRaw_ = hoIp6FlowStatusControl_.get();
+  Impl::controlLink(hoIp6FlowStatusControlRaw_, hoIp6FlowStatusControl_);
   hoIp6FlowStatus_.entity("hoIp6FlowStatus", this, hoIp6FlowStatusId,
                           &HoFlowStatus::hoIp6FlowStatusNotify,
                           &HoFlowStatus::hoIp6FlowStatusNotifyMountStatus,
                           &HoFlowStatus::hoIp6FlowStatusNotifyQuiesced);
 
   hoIpFlowStatusControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hoIpFlowStatus_);
-  hoIpFlowStatusControlRaw_ = hoIpFlowStatusControl_.get();
+  Impl::controlLink(hoIpFlowStatusControlRaw_, hoIpFlowStatusControl_);
   hoIpFlowStatus_.entity(
       "hoIpFlowStatus", this, hoIpFlowStatusId, &HoFlowStatus::hoIpFlowStatusNotify,
       &HoFlowStatus::hoIpFlowStatusNotifyMountStatus, &HoFlowStatus::hoIpFlowStatusNotifyQuiesced);
@@ -68,6 +68,10 @@ HoFlowStatus::HoFlowStatus(Zeb::String const& name) : Zeb::Entity(name) {
 // collection, IPv4 control and collection, the notifiee.
 HoFlowStatus::~HoFlowStatus() {
   notifieeList_.deleteAll();
+  // A control that somebody still holds outlives the entity; it must not
+  // write into the entity's memory when it dies.
+  Impl::controlUnlink(hoIp6FlowStatusControlRaw_);
+  Impl::controlUnlink(hoIpFlowStatusControlRaw_);
 }
 
 Zeb::NotifieeListPtr HoFlowStatus::notifieeList() const {
@@ -81,6 +85,11 @@ void HoFlowStatus::handleParent(Zeb::Ptr<Zeb::Entity> const&) {
 
 void HoFlowStatus::HoFlowStatusZeroReferencesNotifiee::onZeroReferences() {
   HoFlowStatus* const e = entity_;
+  // Each control is handed a reference to the entity, and the entity drops
+  // its reference to the control.
+  // A control nobody else holds dies here and nulls the entity's plain
+  // pointer to it, so a later orphaning of the entity (still alive through
+  // its other control) reports to no freed control.
   if (e->hoIp6FlowStatusControl_) {
     Zeb::Ptr<Zeb::Entity> self(e);
     e->hoIp6FlowStatusControl_->entityRefIs(self);
@@ -119,7 +128,7 @@ void HoFlowStatus::hoIpFlowStatusNotify(HoIpFlowKey const& k) {
 }
 
 void HoFlowStatus::hoIpFlowStatusNotifyQuiesced(bool q) {
-  hoIpFlowStatusControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hoIpFlowStatusControlRaw_, q);
 }
 
 void HoFlowStatus::hoIpFlowStatusNotifyMountStatus() {
@@ -156,7 +165,7 @@ void HoFlowStatus::hoIp6FlowStatusNotify(HoIp6FlowKey const& k) {
 }
 
 void HoFlowStatus::hoIp6FlowStatusNotifyQuiesced(bool q) {
-  hoIp6FlowStatusControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hoIp6FlowStatusControlRaw_, q);
 }
 
 void HoFlowStatus::hoIp6FlowStatusNotifyMountStatus() {

@@ -51,14 +51,14 @@ HosStateCounter::HosStateCounter(Zeb::String const& name) : Zeb::Entity(name) {
 
   hosStateIp6CounterControl_ =
       ZebMirak::CollectionControl::CollectionControlIs(&hosStateIp6Counter_);
-  hosStateIp6CounterControlRaw_ = hosStateIp6CounterControl_.get();
+  Impl::controlLink(hosStateIp6CounterControlRaw_, hosStateIp6CounterControl_);
   hosStateIp6Counter_.entity("hosStateIp6Counter", this, hosStateIp6CounterId,
                              &HosStateCounter::hosStateIp6CounterNotify,
                              &HosStateCounter::hosStateIp6CounterNotifyMountStatus,
                              &HosStateCounter::hosStateIp6CounterNotifyQuiesced);
 
   hosStateIpCounterControl_ = ZebMirak::CollectionControl::CollectionControlIs(&hosStateIpCounter_);
-  hosStateIpCounterControlRaw_ = hosStateIpCounterControl_.get();
+  Impl::controlLink(hosStateIpCounterControlRaw_, hosStateIpCounterControl_);
   hosStateIpCounter_.entity("hosStateIpCounter", this, hosStateIpCounterId,
                             &HosStateCounter::hosStateIpCounterNotify,
                             &HosStateCounter::hosStateIpCounterNotifyMountStatus,
@@ -69,6 +69,10 @@ HosStateCounter::HosStateCounter(Zeb::String const& name) : Zeb::Entity(name) {
 // collection, IPv4 control and collection, the notifiee.
 HosStateCounter::~HosStateCounter() {
   notifieeList_.deleteAll();
+  // A control that somebody still holds outlives the entity; it must not
+  // write into the entity's memory when it dies.
+  Impl::controlUnlink(hosStateIp6CounterControlRaw_);
+  Impl::controlUnlink(hosStateIpCounterControlRaw_);
 }
 
 Zeb::NotifieeListPtr HosStateCounter::notifieeList() const {
@@ -82,6 +86,11 @@ void HosStateCounter::handleParent(Zeb::Ptr<Zeb::Entity> const&) {
 
 void HosStateCounter::HosStateCounterZeroReferencesNotifiee::onZeroReferences() {
   HosStateCounter* const e = entity_;
+  // Each control is handed a reference to the entity, and the entity drops
+  // its reference to the control.
+  // A control nobody else holds dies here and nulls the entity's plain
+  // pointer to it, so a later orphaning of the entity (still alive through
+  // its other control) reports to no freed control.
   if (e->hosStateIp6CounterControl_) {
     Zeb::Ptr<Zeb::Entity> self(e);
     e->hosStateIp6CounterControl_->entityRefIs(self);
@@ -122,7 +131,7 @@ void HosStateCounter::hosStateIpCounterNotify(HosStateCounterKey const& k) {
 }
 
 void HosStateCounter::hosStateIpCounterNotifyQuiesced(bool q) {
-  hosStateIpCounterControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hosStateIpCounterControlRaw_, q);
 }
 
 void HosStateCounter::hosStateIpCounterNotifyMountStatus() {
@@ -160,7 +169,7 @@ void HosStateCounter::hosStateIp6CounterNotify(HosStateCounterKey const& k) {
 }
 
 void HosStateCounter::hosStateIp6CounterNotifyQuiesced(bool q) {
-  hosStateIp6CounterControlRaw_->quiescedIs(q);
+  Impl::collectionNotifyQuiesced(hosStateIp6CounterControlRaw_, q);
 }
 
 void HosStateCounter::hosStateIp6CounterNotifyMountStatus() {

@@ -29,14 +29,8 @@
 #include <memory>
 #include <string>
 
+// Also declares Lomi::EventLoop and Lomi::Platform::DebugHandler.
 #include "Mem/WatchHub.h"
-
-namespace Lomi {
-class EventLoop;
-namespace Platform {
-class DebugHandler;
-}
-}  // namespace Lomi
 
 namespace Mem {
 

@@ -104,7 +104,8 @@ bool WatchHub::inherited() const { return forkGeneration_ != Lomi::forkGeneratio
 int WatchHub::watch(std::string const& dir, uint32_t mask, Client* client) {
   // The same inode gives the same descriptor; its mask must cover what every
   // client of it asked, so a second client widens it, never narrows it.
-  int wd = ::inotify_add_watch(fd_, dir.c_str(), mask | IN_MASK_ADD);
+  int wd = refusedForTest_ ? (errno = refusedForTest_, -1)
+                           : ::inotify_add_watch(fd_, dir.c_str(), mask | IN_MASK_ADD);
   if (wd < 0) {
     int const err = -errno;
     ++*cells().watchFailures;

@@ -80,6 +80,11 @@ class WatchHub : public std::enable_shared_from_this<WatchHub> {
   // client. Unknown pairs are ignored.
   void unwatch(int wd, Client* client);
 
+  // Tests: every later watch() fails with `err` as the kernel would (0 ends
+  // it). A watch limit can't be reached on a shared machine without failing
+  // every other process of the user.
+  static void refuseWatchesForTest(int err) { refusedForTest_ = err; }
+
   // "fs.inotify.max_user_watches = N": for messages.
   static std::string limitText(char const* name);
 
@@ -101,6 +106,8 @@ class WatchHub : public std::enable_shared_from_this<WatchHub> {
   bool holds(int wd, Client* client) const;
   void checkLater();
   bool inherited() const;
+
+  static inline int refusedForTest_ = 0;
 
   Lomi::Platform::DebugHandler& handler_;
   Lomi::EventLoop& loop_;

@@ -12,7 +12,8 @@
 //     directCommit catch Lomi::CorruptionDetectedException and hand its message
 //     to doCorruptionDetected. A lookup then answers "not found"; a write,
 //     remove or commit never returns normally (see doCorruptionDetected);
-//   - the settings that outlive a back end (`notifying`, `yieldTime_`) and the
+//   - the settings that outlive a back end (`notifying`, `yieldTime_`),
+//     handed to every back end it makes or is given (handSettings), and the
 //     statistics of retired back ends, added to the live ones on every read;
 //   - the order of teardown: detach (placeholder in, client told), then
 //     controlDetach (sentry gone, uninitialised), then the destructor;
@@ -336,10 +337,11 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   // cannot be a table's directory.
   void installDummy();
   // A new private table of capacity 100 under this collection's name,
-  // attached and initialised; the caller owns it.
+  // attached and initialised, with this object's settings; the caller owns it.
   std::unique_ptr<Back> createDefaultLocalWriter(Lomi::Platform::DebugHandler& handler);
-  // Replaces the back end; the old one is deleted after its statistics were
-  // kept. For the mounting code and for tests.
+  // Replaces the back end, handing it this object's settings; the old one is
+  // deleted after its statistics were kept. For the mounting code and for
+  // tests.
   void backIs(std::unique_ptr<Back> back);
   Back* back() const { return back_.get(); }
 
@@ -361,6 +363,11 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   }
   // Keeps the statistics of the current back end before it leaves `back_`.
   void retireCounters();
+  // Hands yieldTime_ and notifying_ to `back`, a back end this object has
+  // just made or been given. Every back end passes here before it serves
+  // (a writer of init is initialised after, a reader of attach too), so none
+  // runs on its own defaults once the front object was set.
+  void handSettings(Back& back) const;
 
   // The back end of a writer mount (step 15 of init), not yet initialised.
   // Tests of the mounting steps replace it.
@@ -595,6 +602,7 @@ void MirakMap<OpsT>::installDummy() {
   } else {
     back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_, std::move(back_));
   }
+  handSettings(*back_);
 }
 
 template <TablePolicy OpsT>
@@ -603,6 +611,7 @@ auto MirakMap<OpsT>::createDefaultLocalWriter(Lomi::Platform::DebugHandler& hand
   MapDescriptor desc(Tmp<Ops>::kCapacity);
   desc.local = true;
   auto tmp = std::make_unique<Tmp<Ops>>(handler, name_.c_str(), desc, ops_, [](bool) {});
+  handSettings(*tmp);
   // A local table takes no writer lock and has no files: it always formats.
   if (!tmp->initialized()) tmp->initialize("none");
   return tmp;
@@ -610,8 +619,15 @@ auto MirakMap<OpsT>::createDefaultLocalWriter(Lomi::Platform::DebugHandler& hand
 
 template <TablePolicy OpsT>
 void MirakMap<OpsT>::backIs(std::unique_ptr<Back> back) {
+  if (back) handSettings(*back);
   retireCounters();
   back_ = std::move(back);
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::handSettings(Back& back) const {
+  back.yieldTimeIs(yieldTime_);
+  back.notifyingIs(notifying_);
 }
 
 template <TablePolicy OpsT>
@@ -658,6 +674,17 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
         "0 is not a valid initialization size for collection {} in writer mode", name_);
   }
   bool const shadowType = desc.type == MirakType::shadow || desc.type == MirakType::keyshadow;
+  // 9: a table without a change queue can't be followed by a shadow. Refused
+  // before step 8 moves the change callbacks: a refused mount must leave the
+  // object as it was, or every later notifyingIs would assert.
+  if constexpr (!Ops::TesselWriter::hasQueue) {
+    if (shadowType) {
+      throw Lomi::InvalidInitializeException(
+          "cannot initialize collection {} with {}", name_,
+          desc.type == MirakType::shadow ? "DummyTesselWriter not supported in shadow mode"
+                                         : "DummyTesselWriter not supported in keyshadow mode");
+    }
+  }
   // 8: an asynchronous shadow delivers changes through the deferred set. The
   // move happens once in the object's life.
   if (!desc.synchronous && !desc.local && shadowType) {
@@ -669,15 +696,6 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
                      "whose changes arrive only as notifications; call notifyingIs(true) on it "
                      "before init, or mount it with synchronous set",
                      name_, desc.type);
-    }
-  }
-  // 9: a table without a change queue can't be followed by a shadow.
-  if constexpr (!Ops::TesselWriter::hasQueue) {
-    if (shadowType) {
-      throw Lomi::InvalidInitializeException(
-          "cannot initialize collection {} with {}", name_,
-          desc.type == MirakType::shadow ? "DummyTesselWriter not supported in shadow mode"
-                                         : "DummyTesselWriter not supported in keyshadow mode");
     }
   }
   // 10: the old back end leaves `back_` now; it is deleted once the new one
@@ -700,38 +718,32 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
                    "enabled");
   }
   if (desc.local || desc.type == MirakType::writer) {
-    // 15
+    // 15. The sentry comes before the files are published: a process that
+    // can't watch the table (the kernel's inotify limits) fails its start
+    // before any reader could attach to a writer that then lets go.
     bool ok;
     try {
       std::string const type = classType();
       back_ = newWriter(type, notify_.quiescedFn);
+      handSettings(*back_);
+      if (!desc.local) {
+        mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, back_->rootPath());
+        mounter_->event(eventInit_, false);
+      }
       ok = back_->initialize("none");
     } catch (...) {
+      mounter_.reset();
       back_.reset();
       initFailed(std::move(previous));
       throw;
     }
     if (!ok) {
+      mounter_.reset();
       back_.reset();
       initFailed(std::move(previous));
       throw Lomi::InvalidInitializeException("failed to initialize collection {}", name_);
     }
     previous.reset();
-    if (!desc.local) {
-      try {
-        Mem::NaoRootPath const root = back_->rootPath();
-        mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, root);
-        mounter_->event(eventInit_, false);
-      } catch (...) {
-        // Not swallowed; the writer lets go of its files again, so a later
-        // init starts from a clean collection.
-        mounter_.reset();
-        back_->detach(false);
-        retireCounters();
-        initFailed(std::move(back_));
-        throw;
-      }
-    }
   } else {
     // 16
     if (!shadowType && desc.type != MirakType::reader) {
@@ -739,6 +751,7 @@ void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor)
     }
     try {
       back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+      handSettings(*back_);
     } catch (...) {
       initFailed(std::move(previous));
       throw;
@@ -777,6 +790,7 @@ void MirakMap<OpsT>::initFailed(std::unique_ptr<Back> previous) {
   } catch (Lomi::Exception const&) {
     back_ = std::move(previous);
   }
+  if (back_) handSettings(*back_);
 }
 
 template <TablePolicy OpsT>
@@ -829,6 +843,7 @@ void MirakMap<OpsT>::attach(std::string const& event) {
              (fallback->type() == MirakType::shadow || fallback->type() == MirakType::keyshadow)) {
     back_ = std::move(fallback);
     fallback = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+    handSettings(*fallback);
   } else {
     uint32_t options = 0;
     if (descriptor_.type == MirakType::keyshadow) options |= shadowFlagKeyOnly;
@@ -846,8 +861,7 @@ void MirakMap<OpsT>::attach(std::string const& event) {
   // 5
   bool ok;
   try {
-    back_->yieldTimeIs(yieldTime_);
-    back_->notifyingIs(notifying_);
+    handSettings(*back_);
     ok = back_->initialize(event);
   } catch (...) {
     // The placeholder comes back, as after a failed attempt.

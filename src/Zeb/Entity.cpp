@@ -98,8 +98,7 @@ void NotifieeList::dispatch(Fn const& fn) {
   // Declared first, so released last: if a notifiee dropped the owner's last
   // outside reference, the owner (and this list within it) dies only after
   // the scope below has finished with the list.
-  Ptr<PtrInterface const> keepOwner;
-  if (owner_ && owner_->references() > 0) keepOwner = owner_;
+  Ptr<PtrInterface const> const keepOwner = keepAlive(owner_);
   DispatchScope scope(*this);
   // Members added during the dispatch lie beyond `end` and wait for the next.
   size_t const end = members_.size();

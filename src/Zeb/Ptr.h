@@ -89,6 +89,18 @@ class Ptr {
   T* p_ = nullptr;
 };
 
+// A reference that keeps `p` alive for the length of an operation that calls
+// out (to notifiees, which may drop the last outside reference) and then goes
+// on using `p`: `p` then dies when the operation lets go of this reference,
+// not under it. Null when `p` is null or has no reference: while it is being
+// built, or while its zero-references dispatch runs, taking and dropping a
+// reference would delete it.
+template <typename T>
+Ptr<T> keepAlive(T* p) {
+  if (!p || static_cast<PtrInterface const*>(p)->references() == 0) return Ptr<T>();
+  return Ptr<T>(p);
+}
+
 template <typename T, typename U>
 Ptr<T> ptrStaticCast(Ptr<U> const& p) {
   return Ptr<T>(static_cast<T*>(p.get()));

@@ -29,7 +29,9 @@ Zeb::AllocTrackTypeInfo CollectionControl::zebAllocTrackTypeInfo_;
 
 CollectionControl::CollectionControl(Mirak::ControlBase* collection) : collection_(collection) {}
 
-CollectionControl::~CollectionControl() = default;
+CollectionControl::~CollectionControl() {
+  if (reportLink_) *reportLink_ = nullptr;
+}
 
 Zeb::Ptr<CollectionControl> CollectionControl::CollectionControlIs(Mirak::ControlBase* collection) {
   Zeb::Ptr<CollectionControl> control(new CollectionControl(collection));

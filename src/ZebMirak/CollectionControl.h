@@ -84,6 +84,16 @@ class CollectionControl : public ZebParcel::CollectionControl {
   void quiescedIs(bool quiesced);
   uint64_t quiescedReports() const { return quiescedReports_; }
 
+  // The plain pointer through which the entity that made this control reports
+  // quiescence and mount status to it. The entity may outlive the control (it
+  // lets go of it when its own last reference goes, and somebody else may
+  // hold the entity through its other control), so the control sets that
+  // pointer to null when it dies: a later report, an orphaning say, then
+  // finds no control instead of a freed one. An entity that dies first
+  // unlinks itself with null. Invariant: a linked pointer is null or points
+  // at this live control.
+  void reportLinkIs(CollectionControl** link) { reportLink_ = link; }
+
   static Zeb::AllocTrackTypeInfo zebAllocTrackTypeInfo_;
   static void* operator new(size_t size);
   static void operator delete(void* p, size_t size);
@@ -92,6 +102,7 @@ class CollectionControl : public ZebParcel::CollectionControl {
   Mirak::ControlBase* collection_;
   bool quiesced_ = false;
   uint64_t quiescedReports_ = 0;
+  CollectionControl** reportLink_ = nullptr;
 };
 
 }  // namespace ZebMirak

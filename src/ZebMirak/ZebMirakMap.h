@@ -45,6 +45,7 @@
 #include "Mirak/IterHint.h"
 #include "Mirak/MirakMap.h"
 #include "Zeb/Entity.h"
+#include "Zeb/Ptr.h"
 #include "Zeb/PtrInterface.h"
 #include "Zeb/String.h"
 
@@ -71,7 +72,10 @@ class ZebMirakMap : public Mirak::MirakMap<OpsT> {
   // successor of the current key, so rows removed under the iterator, the
   // current one too, don't stop it. The copy of the current row is not
   // refreshed when the row changes. Corruption seen by a step is handed to
-  // doCorruptionDetected and ends the walk.
+  // doCorruptionDetected and ends the walk. The iterator holds a counted
+  // reference to the entity: a walk that removes rows notifies, a notifiee
+  // may drop the entity's last outside reference, and the next step still
+  // reads the table; the entity dies with the iterator instead.
   class IteratorConst {
    public:
     // At the first row; at its end for a null or empty collection.
@@ -89,6 +93,7 @@ class ZebMirakMap : public Mirak::MirakMap<OpsT> {
 
    private:
     ZebMirakMap const* map_;
+    Zeb::Ptr<Entity> keep_;
     Mirak::IterHint hint_;
     Value row_;
     bool valid_ = false;
@@ -203,7 +208,8 @@ std::string ZebMirakMap<E, R, K, O>::classType() const {
 }
 
 template <typename E, typename R, typename K, Mirak::TablePolicy O>
-ZebMirakMap<E, R, K, O>::IteratorConst::IteratorConst(ZebMirakMap const* map) : map_(map) {
+ZebMirakMap<E, R, K, O>::IteratorConst::IteratorConst(ZebMirakMap const* map)
+    : map_(map), keep_(Zeb::keepAlive(map ? map->entityPtr() : nullptr)) {
   if (!map_) return;
   try {
     valid_ = map_->back()->first(row_, hint_);
@@ -215,7 +221,7 @@ ZebMirakMap<E, R, K, O>::IteratorConst::IteratorConst(ZebMirakMap const* map) : 
 
 template <typename E, typename R, typename K, Mirak::TablePolicy O>
 ZebMirakMap<E, R, K, O>::IteratorConst::IteratorConst(ZebMirakMap const* map, Key const& key)
-    : map_(map) {
+    : map_(map), keep_(Zeb::keepAlive(map ? map->entityPtr() : nullptr)) {
   if (!map_) return;
   Value const* p;
   try {

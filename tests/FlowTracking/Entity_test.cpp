@@ -2,6 +2,7 @@
 // body over all eight collections: statistics cells, the attribute ids their
 // notifiees see, DelAll, controls, private tables before and after a parent,
 // orphans, corrupt back ends and the zero-references hand-over.
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -22,7 +23,8 @@ using namespace FlowTracking;
 using FlowTrackingTest::row;
 using ControlPtr = Zeb::Ptr<ZebMirak::CollectionControl>;
 
-#define COLLECTION_TRAITS(Traits, E, R, coll, factoryFn, attributeId)                     \
+// `sibling` is the entity's other collection.
+#define COLLECTION_TRAITS(Traits, E, R, coll, sibling, factoryFn, attributeId)            \
   struct Traits {                                                                         \
     using Entity = E;                                                                     \
     using Record = R;                                                                     \
@@ -40,22 +42,25 @@ using ControlPtr = Zeb::Ptr<ZebMirak::CollectionControl>;
     static void controlIs(E& e, ControlPtr const& c) { e.coll##ControlIs(c); }            \
     static ControlPtr const& control(E& e) { return e.coll##Control(); }                  \
     static ZebMirak::CollectionControl* controlRaw(E& e) { return e.coll##ControlRaw(); } \
+    static ControlPtr const& siblingControl(E& e) { return e.sibling##Control(); }        \
   }
 
-COLLECTION_TRAITS(ConfigIp, HoFlowConfig, HoIpFlowConfig, hoIpFlowConfig, hoFlowConfigFactory, 258);
-COLLECTION_TRAITS(ConfigIp6, HoFlowConfig, HoIp6FlowConfig, hoIp6FlowConfig, hoFlowConfigFactory,
-                  260);
-COLLECTION_TRAITS(StatusIp, HoFlowStatus, HoIpFlowStatus, hoIpFlowStatus, hoFlowStatusFactory, 258);
-COLLECTION_TRAITS(StatusIp6, HoFlowStatus, HoIp6FlowStatus, hoIp6FlowStatus, hoFlowStatusFactory,
-                  260);
-COLLECTION_TRAITS(CounterIp, HoFlowCounter, HoIpFlowCounter, hoIpFlowCounter, hoFlowCounterFactory,
-                  258);
-COLLECTION_TRAITS(CounterIp6, HoFlowCounter, HoIp6FlowCounter, hoIp6FlowCounter,
+COLLECTION_TRAITS(ConfigIp, HoFlowConfig, HoIpFlowConfig, hoIpFlowConfig, hoIp6FlowConfig,
+                  hoFlowConfigFactory, 258);
+COLLECTION_TRAITS(ConfigIp6, HoFlowConfig, HoIp6FlowConfig, hoIp6FlowConfig, hoIpFlowConfig,
+                  hoFlowConfigFactory, 260);
+COLLECTION_TRAITS(StatusIp, HoFlowStatus, HoIpFlowStatus, hoIpFlowStatus, hoIp6FlowStatus,
+                  hoFlowStatusFactory, 258);
+COLLECTION_TRAITS(StatusIp6, HoFlowStatus, HoIp6FlowStatus, hoIp6FlowStatus, hoIpFlowStatus,
+                  hoFlowStatusFactory, 260);
+COLLECTION_TRAITS(CounterIp, HoFlowCounter, HoIpFlowCounter, hoIpFlowCounter, hoIp6FlowCounter,
+                  hoFlowCounterFactory, 258);
+COLLECTION_TRAITS(CounterIp6, HoFlowCounter, HoIp6FlowCounter, hoIp6FlowCounter, hoIpFlowCounter,
                   hoFlowCounterFactory, 260);
 COLLECTION_TRAITS(HosIp, HosStateCounter, HosStateCounterEntry, hosStateIpCounter,
-                  hosStateCounterFactory, 258);
+                  hosStateIp6Counter, hosStateCounterFactory, 258);
 COLLECTION_TRAITS(HosIp6, HosStateCounter, HosStateCounterEntry, hosStateIp6Counter,
-                  hosStateCounterFactory, 260);
+                  hosStateIpCounter, hosStateCounterFactory, 260);
 
 // Records every attribute notification: the id, and the key when the id is
 // that of the collection under test.
@@ -366,10 +371,13 @@ TYPED_TEST(EntityCollectionDeathTest, ACorruptTableEndsIsAndDelButNotDelAllOrThe
   auto const before = this->cells();
   T::delAll(e);
   EXPECT_EQ(T::map(e).corruptionsDetected(), 1u);
-  typename Map::IteratorConst it(&T::map(e));
-  EXPECT_FALSE(it.valid());
-  typename Map::IteratorConst at(&T::map(e), this->rec(1).key());
-  EXPECT_FALSE(at.valid());
+  {
+    // Scoped: an iterator keeps the entity alive.
+    typename Map::IteratorConst it(&T::map(e));
+    EXPECT_FALSE(it.valid());
+    typename Map::IteratorConst at(&T::map(e), this->rec(1).key());
+    EXPECT_FALSE(at.valid());
+  }
   // The keyed iterator meets it twice: in its lookup, then in the step to
   // the successor of the key.
   EXPECT_EQ(T::map(e).corruptionsDetected(), 4u);
@@ -401,6 +409,72 @@ TYPED_TEST(EntityCollection, TheLastReferenceGoesThroughTheControls) {
   auto again = T::make("again");
   EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live);
   again.reset();
+  EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
+}
+
+// Operations that notify and then go on using the entity, while one of its
+// notifiees drops the entity's last outside reference on the first removal.
+// The operation finishes on a live entity and the entity dies on its return.
+TYPED_TEST(EntityCollection, AnOperationOutlivesANotifieeThatDropsTheLastReference) {
+  using T = TypeParam;
+  using E = typename T::Entity;
+  using Iter = typename std::remove_reference_t<decltype(T::map(*this->entity))>::IteratorConst;
+  struct Operation {
+    char const* name;
+    std::function<void(E&)> run;
+  };
+  std::vector<Operation> const operations = {
+      {"DelAll", [](E& e) { T::delAll(e); }},
+      {"a walk that Dels each row",
+       [](E& e) {
+         for (Iter it(&T::map(e)); it.valid(); it.advance()) T::del(e, it.row().key());
+       }},
+  };
+  uint32_t const n = 8;
+  for (auto const& op : operations) {
+    SCOPED_TRACE(op.name);
+    this->entity = T::make("doomed");
+    E* const e = this->entity.get();
+    this->recorder = Zeb::Ptr<Recorder<typename T::Key>>(new Recorder<typename T::Key>(T::id));
+    this->recorder->hasNotificationActiveIs(true);
+    e->notifieeList().list->newMember(e, this->recorder.get());
+    for (uint32_t i = 0; i < n; i++) T::is(*e, this->rec(i));
+    this->recorder->seen.clear();
+    auto const live = E::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+    this->recorder->hook = [this](Zeb::AttributeId) { this->entity.reset(); };
+
+    op.run(*e);
+    EXPECT_EQ(this->recorder->seen.size(), n);
+    EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
+  }
+}
+
+// The entity's last reference goes while somebody holds the other
+// collection's control: this collection's control dies with the entity's
+// reference to it, the entity lives on. Its orphaning later reports to the
+// control still held and to nothing else.
+TYPED_TEST(EntityCollection, AnOrphanReportsOnlyToAControlThatStillLives) {
+  using T = TypeParam;
+  using E = typename T::Entity;
+  auto root = hoFlowConfigFactory("root");
+  E* const e = this->entity.get();
+  e->parentIs(root.get());
+  ControlPtr held = T::siblingControl(*e);
+  auto const controls =
+      ZebMirak::CollectionControl::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+  this->entity.reset();
+  EXPECT_EQ(ZebMirak::CollectionControl::zebAllocTrackTypeInfo_.counters.counts().objectsLive(),
+            controls - 1);
+  EXPECT_EQ(T::controlRaw(*e), nullptr);
+  ASSERT_EQ(held->entityRef().get(), e);
+
+  uint64_t const reports = held->mountStatusReports();
+  root.reset();  // orphans the entity
+  EXPECT_EQ(e->parent(), nullptr);
+  EXPECT_EQ(held->mountStatusReports(), reports + 1);
+  EXPECT_EQ(held->mountStatus(), 0);
+  auto const live = E::zebAllocTrackTypeInfo_.counters.counts().objectsLive();
+  held.reset();
   EXPECT_EQ(E::zebAllocTrackTypeInfo_.counters.counts().objectsLive(), live - 1);
 }
 

@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 #include "Lomi/EventLoop.h"
+#include "Mem/WatchHub.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
@@ -297,17 +299,31 @@ struct ManyTables {
 
 uint64_t inotifyInstances() { return Thrum::writer().cellValue("Mem.inotify.instances"); }
 
+int openDescriptors() {
+  std::error_code ec;
+  int n = 0;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/fd", ec);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
+    ++n;
+  }
+  return n;
+}
+
 TEST(Mounting, ThreeHundredCollectionsOnEachSideShareOneInotifyInstancePerProcess) {
   MirakTest::TempRoot root;
   RecordPipe fromReader;
   // The reader agent comes first: all its sentries wait on the base directory.
   pid_t const reader = forkChild([&] {
     uint64_t const before = inotifyInstances();
+    int const fds = openDescriptors();
     ManyTables readers(MirakType::reader);
     if (!fromReader.send(Msg{waiting, int32_t(inotifyInstances() - before)})) return 40;
     Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
     if (!loop.runUntil([&] { return readers.mounted() == 2 * kManyEntities; }, kWait)) return 41;
-    if (!fromReader.send(Msg{attached, int32_t(inotifyInstances() - before)})) return 42;
+    double const perCollection = double(openDescriptors() - fds) / (2 * kManyEntities);
+    if (!fromReader.send(Msg{attached, int32_t(inotifyInstances() - before), perCollection})) {
+      return 42;
+    }
     return 0;
   });
   ASSERT_GT(reader, 0);
@@ -317,13 +333,46 @@ TEST(Mounting, ThreeHundredCollectionsOnEachSideShareOneInotifyInstancePerProces
   EXPECT_EQ(m.value, 1);
 
   uint64_t const before = inotifyInstances();
+  int const fds = openDescriptors();
   ManyTables writers(MirakType::writer);
   EXPECT_EQ(writers.mounted(), 2 * kManyEntities);
   EXPECT_EQ(inotifyInstances() - before, 1u);
+  double const writerFds = double(openDescriptors() - fds) / (2 * kManyEntities);
   ASSERT_TRUE(fromReader.receive(m));
   EXPECT_EQ(m.code, attached);
   EXPECT_EQ(m.value, 1);
   EXPECT_TRUE(FlowTrackingTest::exitedWith(reap(reader), 0));
+  std::printf("descriptors held per collection: writer %.2f, reader %.2f\n", writerFds, m.seconds);
+}
+
+// The kernel refuses the table's watch (its per-user limit): the writer's
+// start fails with the limit in the message, before any file a reader could
+// attach to is published, and a later start succeeds.
+TEST(Mounting, AWriterThatCannotWatchItsTableFailsBeforeItPublishesItsKestor) {
+  MirakTest::TempRoot root;
+  Agent a;
+  struct Refusal {
+    Refusal() { Mem::Impl::WatchHub::refuseWatchesForTest(ENOSPC); }
+    ~Refusal() { Mem::Impl::WatchHub::refuseWatchesForTest(0); }
+  };
+  {
+    Refusal refusal;
+    try {
+      a.c4().init(descriptor(MirakType::writer, 100));
+      ADD_FAILURE() << "the writer started without its watch";
+    } catch (Lomi::InvalidInitializeException const& e) {
+      EXPECT_NE(e.msg().find("cannot watch Mirak table " + a.e->hoIpFlowConfig().rootPath().path()),
+                std::string::npos)
+          << e.msg();
+      EXPECT_NE(e.msg().find("fs.inotify.max_user_watches = "), std::string::npos) << e.msg();
+    }
+  }
+  auto& m4 = a.e->hoIpFlowConfig();
+  EXPECT_EQ(m4.mountStatus(), 0u);
+  EXPECT_TRUE(Parcel::KestorFile(m4.debugHandler(), m4.rootPath(), false).read().isZero());
+  a.c4().init(descriptor(MirakType::writer, 100));
+  EXPECT_EQ(m4.mountStatus(), 1u);
+  EXPECT_FALSE(Parcel::KestorFile(m4.debugHandler(), m4.rootPath(), false).read().isZero());
 }
 
 // Tables without a change queue can be read, never shadowed.
@@ -358,6 +407,12 @@ TEST(Mounting, CounterAndHosStateCollectionsAreRefusedAsShadowsAndMountAsReaders
   EXPECT_TRUE(counters->hoIpFlowCounter().initialized());
   EXPECT_EQ(counters->hoIpFlowCounter().mountStatus(), 0u);
   counters->hoIpFlowCounter().controlDetach();
+  // The refused asynchronous mount left the change callbacks where they were:
+  // notifications may still be switched once the collection is mounted.
+  states->hosStateIp6CounterControl()->init(descriptor(MirakType::reader, 0));
+  states->hosStateIp6Counter().notifyingIs(false);
+  EXPECT_FALSE(states->hosStateIp6Counter().notifying());
+  states->hosStateIp6Counter().controlDetach();
 }
 
 // An agent that mounts its entity as a shadow with the default descriptor

@@ -289,6 +289,26 @@ TEST_F(Mounting, AWriterThatFailsToInitializeLeavesAnUninitializedPlaceholder) {
   EXPECT_TRUE(m.initialized());
 }
 
+TEST_F(Mounting, AWriterMadeByInitIsHandedTheSettingsOfTheFrontObject) {
+  for (bool local : {true, false}) {
+    SCOPED_TRACE(local ? "local" : "shared");
+    MirakTest::BackEndLog log;
+    ConfigMap m(local ? "mount/local" : "mount/shared");
+    m.yieldTimeIs(0.25);
+    m.notifyingIs(true);
+    m.writerFactory = [&] {
+      return std::make_unique<MirakTest::ScriptedBackEnd<ConfigOps>>(log, MirakType::writer, false,
+                                                                     m.name());
+    };
+    MapDescriptor d = desc(MirakType::writer);
+    d.local = local;
+    m.init(d);
+    ASSERT_TRUE(m.initialized());
+    EXPECT_EQ(log.yieldTime, 0.25);
+    EXPECT_TRUE(log.notifying);
+  }
+}
+
 TEST_F(Mounting, ASecondLiveWriterIsRefusedAndTheCollectionCanMountLater) {
   int toChild[2], toParent[2];
   ASSERT_EQ(::pipe(toChild), 0);
