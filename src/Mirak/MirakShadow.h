@@ -168,7 +168,13 @@ class MirakShadow : public MirakShadowBase, public MirakInterface<OpsT> {
   MirakType type() const override { return MirakType::shadow; }
   bool quiesced() const override { return this->tesselReader().quiesced(); }
   bool connected() const override { return this->ruskSm().connected(); }
-  Sequence sequence() const override { return reader_.counters().sequence; }
+  // The queue position taken in: the last change applied, or past it when the
+  // entries after it changed nothing in the copy (a row whose move the copy
+  // had followed already). A client waiting for "caught up to the writer's
+  // sequence S" waits for this to reach S.
+  Sequence sequence() const override {
+    return std::max<Sequence>(reader_.counters().sequence, MirakShadowBase::sequence());
+  }
   Reader::Counters readerCounters() const override;
   Mem::NaoRootPath rootPath() const override { return reader_.rootPath(); }
   std::string mirakName() const override { return reader_.rootPath().dirName(); }
