@@ -1,8 +1,9 @@
 // `flowtable demo`: the library's main job in one command, on real files and
 // real processes. This process is the agent that writes; a forked child is
-// the agent that reads. Both mount the IPv4 offload config and status
-// collections through their entities and sentries; the reader attaches by
-// itself from its event loop once the writer's files are complete.
+// the agent that reads, and a second child keeps a shadow of the status
+// table. All mount the IPv4 offload config and status collections through
+// their entities and sentries; the reader and the shadow attach by
+// themselves from their event loops once the writer's files are complete.
 //
 // The steps, each verified by the reader process before the next starts:
 //   1. N flows written (a config row and a status row each, status pending),
@@ -13,8 +14,13 @@
 //      the tables below their shrink threshold (fewer than half of the
 //      largest power of two below the capacity), so, with slot compaction
 //      on, they compact while the reader keeps its mapping;
-// then a summary: rows, rates, slot capacity before and after compaction,
-// and the reader's checks. Exit 0 only if every check passed.
+//   5. probes: live flows (at most kProbes) set back to pending one at a
+//      time, each timed from its write to the shadow's callback;
+// The shadow process checks its copy, caught up to the writer's sequence,
+// after each step as the reader does. Then a summary: rows, rates, slot
+// capacity before and after compaction, the reader's checks, and the
+// shadow's changes followed, callbacks taken and latencies. Exit 0 only if
+// every check passed.
 //
 // Contract: runDemo mounts under `root` (an existing directory, already set
 // as the base with Mem::RootPath::baseIs) and leaves the tables there; the
@@ -24,16 +30,20 @@
 // Header-only: the tool is its only user (included once, by main.cpp).
 #pragma once
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -59,6 +69,11 @@ using namespace FlowTracking;
 
 // Seconds the reader's event loop may take to bring a mount.
 constexpr double kMountWait = 30;
+// Flows timed from write to the shadow's callback, one at a time.
+constexpr uint32_t kProbes = 1000;
+// Seconds between two probes: the shadow goes back to sleep in between, so
+// each probe is timed through a wake-up, as a lone change is.
+constexpr double kProbeGap = 0.0002;
 
 inline double monoNow() {
   timespec ts;
@@ -96,14 +111,26 @@ inline HoIpFlowStatus statusRow(uint32_t i, HoFlowState state) {
   return r;
 }
 
-// The steps the writer announces and the reader verifies.
-enum Step : int32_t { attached = 1, written, updated, removed, quartered, verified, done };
+// The steps the writer announces and the reader and the shadow verify.
+enum Step : int32_t { attached = 1, written, updated, removed, quartered, probed, verified, done };
 
 // The flows still live after `step`: all, every second, every fourth.
 inline bool live(Step step, uint32_t i) {
   if (step == removed) return i % 2 == 0;
-  if (step == quartered) return i % 4 == 0;
+  if (step == quartered || step == probed) return i % 4 == 0;
   return true;
+}
+
+// The flow of probe k: a live one after the quarter step.
+inline uint32_t probeFlow(uint32_t k) { return 4 * k; }
+inline uint32_t probes(uint32_t flows) { return std::min(kProbes, (flows + 3) / 4); }
+
+// The status flow i has after `step`: pending after the writes and, for the
+// probed flows, after the probes; offloaded otherwise.
+inline HoFlowState stateAfter(Step step, uint32_t i, uint32_t flows) {
+  if (step == written) return hoFlowStatePending;
+  if (step == probed && i % 4 == 0 && i / 4 < probes(flows)) return hoFlowStatePending;
+  return hoFlowStateOffloaded;
 }
 
 struct Msg {
@@ -112,6 +139,40 @@ struct Msg {
   uint32_t mismatches = 0;  // rows that were wrong, missing or unexpected
   uint32_t firstBad = 0;    // the first wrong flow's number
   double seconds = 0;
+  uint64_t sequence = 0;  // from the writer: its status table's last change
+  // From the shadow at the end: changes followed, callbacks taken, the
+  // write-to-callback latency of the probes (p50, p99, in seconds).
+  uint64_t changes = 0;
+  uint64_t callbacks = 0;
+  double p50 = 0;
+  double p99 = 0;
+};
+
+// Write times of the probes, in memory shared by the writer and the shadow
+// process (made before the fork); CLOCK_MONOTONIC is the same clock in both.
+// A time is stored before its write, which the shadow takes in through the
+// table's release and the queue's acquire: it reads a time only after it
+// heard the change.
+class ProbeTimes {
+ public:
+  explicit ProbeTimes(uint32_t n) : n_(n) {
+    void* p = ::mmap(nullptr, bytes(), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) {
+      throw Lomi::RuntimeException("demo: cannot map the probe times: {}", std::strerror(errno));
+    }
+    times_ = new (p) std::atomic<double>[n_];
+  }
+  ~ProbeTimes() { ::munmap(times_, bytes()); }
+  ProbeTimes(ProbeTimes const&) = delete;
+  ProbeTimes& operator=(ProbeTimes const&) = delete;
+  uint32_t size() const { return n_; }
+  void at(uint32_t k, double t) { times_[k].store(t, std::memory_order_relaxed); }
+  double at(uint32_t k) const { return times_[k].load(std::memory_order_relaxed); }
+
+ private:
+  size_t bytes() const { return std::max<size_t>(1, n_) * sizeof(std::atomic<double>); }
+  uint32_t n_;
+  std::atomic<double>* times_;
 };
 
 // One direction of a pipe between the two agents; messages are fixed-size
@@ -192,7 +253,6 @@ inline Msg verify(Agent const& a, Step step, uint32_t flows) {
   double const start = monoNow();
   auto const& configs = a.config->hoIpFlowConfig();
   auto const& statuses = a.status->hoIpFlowStatus();
-  HoFlowState const state = step == written ? hoFlowStatePending : hoFlowStateOffloaded;
   auto bad = [&](uint32_t i) {
     if (m.mismatches++ == 0) m.firstBad = i;
   };
@@ -204,7 +264,8 @@ inline Msg verify(Agent const& a, Step step, uint32_t flows) {
     auto const* c = configs.safeLookup(hoKey(i), found, nullptr);
     if (found != present || (found && !(*c == TableValue<HoIpFlowConfig>(configRow(i))))) bad(i);
     auto const* s = statuses.safeLookup(hoKey(i), found, nullptr);
-    if (found != present || (found && !(*s == TableValue<HoIpFlowStatus>(statusRow(i, state))))) {
+    HoIpFlowStatus const want = statusRow(i, stateAfter(step, i, flows));
+    if (found != present || (found && !(*s == TableValue<HoIpFlowStatus>(want)))) {
       bad(i);
     }
     m.checked += 2;
@@ -216,7 +277,8 @@ inline Msg verify(Agent const& a, Step step, uint32_t flows) {
   if (walked != liveRows) bad(flows);
   walked = 0;
   for (HoFlowStatus::HoIpFlowStatusMap::IteratorConst it(&statuses); it.valid(); it.advance()) {
-    if (it.row().hoFlowState() != state) bad(flows);
+    uint32_t const i = it.row().key().ipFlowKey().srcAddr().value() - 0x0a000000u;
+    if (it.row().hoFlowState() != stateAfter(step, i, flows)) bad(flows);
     walked++;
   }
   if (walked != liveRows) bad(flows);
@@ -262,6 +324,96 @@ inline int readerAgent(Channel const& out, Channel const& in, uint32_t flows) {
   }
 }
 
+// The shadow's client: counts the callbacks of the status collection and
+// times the first one of each probe flow.
+class ShadowClient : public Zeb::PtrInterface::NotifieeConst {
+ public:
+  explicit ShadowClient(uint32_t probes) : heardAt_(probes, 0) {}
+  void onAttribute(Zeb::AttributeId id, void const* key) override {
+    if (id != HoFlowStatus::hoIpFlowStatusId || key == nullptr) return;
+    ++callbacks;
+    if (!timing) return;
+    uint32_t const i =
+        static_cast<HoIpFlowKey const*>(key)->ipFlowKey().srcAddr().value() - 0x0a000000u;
+    if (i % 4 == 0 && i / 4 < heardAt_.size() && heardAt_[i / 4] == 0) {
+      heardAt_[i / 4] = monoNow();
+      ++probesHeard;
+    }
+  }
+  // Latencies of the probes heard, sorted.
+  std::vector<double> latencies(ProbeTimes const& written) const {
+    std::vector<double> l;
+    for (uint32_t k = 0; k < heardAt_.size(); k++) {
+      if (heardAt_[k] != 0) l.push_back(heardAt_[k] - written.at(k));
+    }
+    std::sort(l.begin(), l.end());
+    return l;
+  }
+  uint64_t callbacks = 0;
+  uint32_t probesHeard = 0;
+  bool timing = false;
+
+ private:
+  std::vector<double> heardAt_;
+};
+
+// The shadow agent: the config table as a reader, the status table as a
+// shadow with the default (asynchronous) descriptor, as an agent mounts one.
+// Before each check it catches up to the writer's sequence; its exit status
+// is 0 or the step that failed.
+inline int shadowAgent(Channel const& out, Channel const& in, uint32_t flows,
+                       ProbeTimes const& probeTimes) {
+  Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+  Agent a;
+  Zeb::Ptr<ShadowClient> client(new ShadowClient(probeTimes.size()));
+  client->hasNotificationActiveIs(true);
+  a.status->notifieeList().list->newMember(a.status.get(), client.get());
+  Mirak::MapDescriptor reader(0);
+  reader.type = Mirak::MirakType::reader;
+  a.config->hoIpFlowConfigControl()->init(reader);
+  Mirak::MapDescriptor shadow(0);
+  shadow.type = Mirak::MirakType::shadow;
+  a.status->hoIpFlowStatusControl()->init(shadow);
+  auto const& statuses = a.status->hoIpFlowStatus();
+  auto synced = [&] {
+    return a.config->hoIpFlowConfigControlRaw()->mountStatus() == 1 &&
+           statuses.mountStatus() == Mem::mountStatusSynchronized;
+  };
+  double const start = monoNow();
+  if (!loop.runUntil(synced, kMountWait)) return 30;
+  if (!out.send(Msg{attached, 0, 0, 0, monoNow() - start})) return 31;
+  uint64_t const firstSequence = statuses.sequence();
+  uint64_t const firstCallbacks = client->callbacks;
+  for (;;) {
+    Msg cmd;
+    if (!await(in, cmd)) return 32;
+    if (cmd.step == done) return 0;
+    if (cmd.step == quartered) client->timing = true;  // the probes come next
+    if (cmd.step == probed &&
+        !loop.runUntil([&] { return client->probesHeard == probeTimes.size(); }, kMountWait)) {
+      fmt::print(stderr, "flowtable: demo shadow: heard {} of {} probes ({} callbacks), at sequence {} of {}\n",
+                 client->probesHeard, probeTimes.size(), client->callbacks, statuses.sequence(),
+                 cmd.sequence);
+      return 33;
+    }
+    if (!loop.runUntil([&] { return statuses.sequence() >= cmd.sequence; }, kMountWait)) {
+      fmt::print(stderr, "flowtable: demo shadow: at sequence {} of {} after {} s; {}\n",
+                 statuses.sequence(), cmd.sequence, kMountWait,
+                 statuses.readerCounters().toString());
+      return 34;
+    }
+    Msg m = verify(a, Step(cmd.step), flows);
+    if (cmd.step == probed) {
+      std::vector<double> const l = client->latencies(probeTimes);
+      m.changes = statuses.sequence() - firstSequence;
+      m.callbacks = client->callbacks - firstCallbacks;
+      m.p50 = l.empty() ? 0 : l[l.size() / 2];
+      m.p99 = l.empty() ? 0 : l[std::min(l.size() - 1, l.size() * 99 / 100)];
+    }
+    if (!out.send(m)) return 35;
+  }
+}
+
 inline uint64_t allocatedBytes(std::string const& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return 0;
@@ -300,24 +452,92 @@ class ProgressBar {
   unsigned shown_ = ~0u;
 };
 
-// Sends `step` to the reader and waits for its verdict; throws with the
-// table and the first wrong flow when the reader found a difference.
-inline Msg checkedBy(Channel const& toReader, Channel const& fromReader, Step step,
-                     char const* what) {
-  if (!toReader.send(Msg{step})) {
-    throw Lomi::RuntimeException("demo: the reader process is gone (before checking {})", what);
+// One child agent: its two channels and its process, reaped on every way out
+// (a writer that fails first closes the channel, which ends the child's wait).
+struct Child {
+  char const* name;
+  Channel to, from;
+  pid_t pid = 0;
+  int status = -1;
+
+  explicit Child(char const* n) : name(n) {}
+  // `other`: the other child, whose channels this one must not hold (a
+  // child holding the other's write end would never see it close).
+  template <typename Body>
+  void start(Child& other, Body const& body) {
+    std::fflush(nullptr);
+    pid = ::fork();
+    if (pid < 0) {
+      throw Lomi::RuntimeException("demo: cannot fork the {} process: {}", name,
+                                   std::strerror(errno));
+    }
+    if (pid == 0) {
+      to.closeWrite();
+      from.closeRead();
+      for (Channel* c : {&other.to, &other.from}) {
+        c->closeRead();
+        c->closeWrite();
+      }
+      int rc;
+      try {
+        rc = body(static_cast<Channel const&>(from), static_cast<Channel const&>(to));
+      } catch (Lomi::Exception const& e) {
+        fmt::print(stderr, "flowtable: demo {}: {}\n", name, e.msg());
+        rc = 20;
+      } catch (std::exception const& e) {
+        fmt::print(stderr, "flowtable: demo {}: {}\n", name, e.what());
+        rc = 21;
+      }
+      std::fflush(nullptr);
+      ::_exit(rc);
+    }
+    to.closeRead();
+    from.closeWrite();
   }
-  Msg m;
-  if (!fromReader.receive(m) || m.step != verified) {
-    throw Lomi::RuntimeException("demo: the reader process is gone (while checking {})", what);
+  int reap() {
+    if (pid > 0) {
+      to.closeWrite();
+      while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+      }
+      pid = 0;
+    }
+    return status;
   }
-  if (m.mismatches) {
-    throw Lomi::CorruptionDetectedException(
-        "demo: the reader found {} wrong rows in config/hoIpFlowConfig or "
-        "status/hoIpFlowStatus after {}, the first at flow {}",
-        m.mismatches, what, m.firstBad);
+  ~Child() { reap(); }
+};
+
+// Sends `step` with the writer's sequence to each child and waits for their
+// verdicts, running the writer's event loop meanwhile (it answers the
+// shadow's wake-up socket); throws with the table and the first wrong flow
+// when a child found a difference. The reader's verdict is returned first,
+// the shadow's second.
+inline std::pair<Msg, Msg> checkedBy(Child& reader, Child& shadow, Step step, uint64_t sequence,
+                                     char const* what) {
+  Msg cmd{step};
+  cmd.sequence = sequence;
+  Msg verdict[2];
+  Child* children[2] = {&reader, &shadow};
+  for (Child* c : children) {
+    if (!c->to.send(cmd)) {
+      throw Lomi::RuntimeException("demo: the {} process is gone (before checking {})", c->name,
+                                   what);
+    }
   }
-  return m;
+  for (int k = 0; k < 2; k++) {
+    Child const& c = *children[k];
+    Msg& m = verdict[k];
+    if (!await(c.from, m) || m.step != verified) {
+      throw Lomi::RuntimeException("demo: the {} process is gone (while checking {})", c.name,
+                                   what);
+    }
+    if (m.mismatches) {
+      throw Lomi::CorruptionDetectedException(
+          "demo: the {} found {} wrong rows in config/hoIpFlowConfig or "
+          "status/hoIpFlowStatus after {}, the first at flow {}",
+          c.name, m.mismatches, what, m.firstBad);
+    }
+  }
+  return {verdict[0], verdict[1]};
 }
 
 inline std::string rate(uint64_t n, double seconds) {
@@ -330,47 +550,15 @@ inline std::string rate(uint64_t n, double seconds) {
 // Runs the demo; returns the exit code (0: every check passed).
 inline int runDemo(DemoOptions const& o) {
   using namespace Demo;
-  Channel toReader, fromReader;
-  std::fflush(nullptr);
-  pid_t const reader = ::fork();
-  if (reader < 0) {
-    throw Lomi::RuntimeException("demo: cannot fork the reader process: {}", std::strerror(errno));
-  }
-  if (reader == 0) {
-    toReader.closeWrite();
-    fromReader.closeRead();
-    int rc;
-    try {
-      rc = readerAgent(fromReader, toReader, o.flows);
-    } catch (Lomi::Exception const& e) {
-      fmt::print(stderr, "flowtable: demo reader: {}\n", e.msg());
-      rc = 20;
-    } catch (std::exception const& e) {
-      fmt::print(stderr, "flowtable: demo reader: {}\n", e.what());
-      rc = 21;
-    }
-    std::fflush(nullptr);
-    ::_exit(rc);
-  }
-  toReader.closeRead();
-  fromReader.closeWrite();
-  // The reader is reaped on every way out; a writer that fails first closes
-  // its pipe, which ends the reader's wait.
-  struct Reaper {
-    pid_t pid;
-    Channel& toReader;
-    int status = -1;
-    int reap() {
-      if (pid > 0) {
-        toReader.closeWrite();
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid = 0;
-      }
-      return status;
-    }
-    ~Reaper() { reap(); }
-  } reaper{reader, toReader};
+  ProbeTimes probeTimes(probes(o.flows));
+  Child reader("reader"), shadow("shadow");
+  // A child writes to `from` (the parent reads it) and reads `to`.
+  reader.start(shadow, [&](Channel const& from, Channel const& to) {
+    return readerAgent(from, to, o.flows);
+  });
+  shadow.start(reader, [&](Channel const& from, Channel const& to) {
+    return shadowAgent(from, to, o.flows, probeTimes);
+  });
 
   double const t0 = monoNow();
   Agent a;
@@ -381,16 +569,20 @@ inline int runDemo(DemoOptions const& o) {
   auto& configs = a.config->hoIpFlowConfig();
   auto& statuses = a.status->hoIpFlowStatus();
   fmt::print(o.out, "flowtable demo: {} flows under {}\n", o.flows, o.root);
-  fmt::print(o.out, "writer pid {} mounted {} and {}; reader pid {}\n", ::getpid(),
-             configs.rootPath().str(), statuses.rootPath().str(), reader);
+  fmt::print(o.out, "writer pid {} mounted {} and {}; reader pid {}, shadow pid {}\n", ::getpid(),
+             configs.rootPath().str(), statuses.rootPath().str(), reader.pid, shadow.pid);
   std::fflush(o.out);
 
-  Msg m;
-  if (!fromReader.receive(m) || m.step != attached) {
-    throw Lomi::RuntimeException("demo: the reader process did not attach to {} within {} s",
-                                 configs.rootPath().str(), kMountWait);
+  double attach[2] = {0, 0};
+  Child* children[2] = {&reader, &shadow};
+  for (int k = 0; k < 2; k++) {
+    Msg m;
+    if (!await(children[k]->from, m) || m.step != attached) {
+      throw Lomi::RuntimeException("demo: the {} process did not attach to {} within {} s",
+                                   children[k]->name, statuses.rootPath().str(), kMountWait);
+    }
+    attach[k] = m.seconds;
   }
-  double const attachSeconds = m.seconds;
 
   ProgressBar writeBar(o.progress, "writing flows", o.flows);
   double t = monoNow();
@@ -403,14 +595,16 @@ inline int runDemo(DemoOptions const& o) {
   double const writeSeconds = monoNow() - t;
   uint32_t const capacityFull = configs.capacity();
   uint64_t const bytesFull = allocatedBytes(configs.rootPath().filePath("slots"));
-  Msg const readWritten = checkedBy(toReader, fromReader, written, "the writes");
+  Msg const readWritten =
+      checkedBy(reader, shadow, written, statuses.sequence(), "the writes").first;
 
   t = monoNow();
   for (uint32_t i = 0; i < o.flows; i++) {
     a.status->hoIpFlowStatusIs(statusRow(i, hoFlowStateOffloaded));
   }
   double const updateSeconds = monoNow() - t;
-  Msg const readUpdated = checkedBy(toReader, fromReader, updated, "the status updates");
+  Msg const readUpdated =
+      checkedBy(reader, shadow, updated, statuses.sequence(), "the status updates").first;
 
   ProgressBar removeBar(o.progress, "removing half", o.flows - o.flows / 2);
   t = monoNow();
@@ -423,7 +617,8 @@ inline int runDemo(DemoOptions const& o) {
   removeBar.finish();
   double const removeSeconds = monoNow() - t;
   uint32_t const capacityHalf = configs.capacity();
-  Msg const readRemoved = checkedBy(toReader, fromReader, removed, "the removal");
+  Msg const readRemoved =
+      checkedBy(reader, shadow, removed, statuses.sequence(), "the removal").first;
 
   t = monoNow();
   uint32_t agedCount = 0;
@@ -435,16 +630,33 @@ inline int runDemo(DemoOptions const& o) {
   double const ageSeconds = monoNow() - t;
   uint32_t const capacityAfter = configs.capacity();
   uint64_t const bytesAfter = allocatedBytes(configs.rootPath().filePath("slots"));
-  Msg const readQuartered = checkedBy(toReader, fromReader, quartered, "the compaction");
+  Msg const readQuartered =
+      checkedBy(reader, shadow, quartered, statuses.sequence(), "the compaction").first;
 
-  toReader.send(Msg{done});
-  int const status = reaper.reap();
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw Lomi::RuntimeException("demo: the reader process ended with status {}", status);
+  // Probes: one flow at a time set back to pending, each timed from its
+  // write to the shadow's callback; in between the writer runs its loop, so
+  // the shadow's "sleeping" reaches it and the next write wakes it.
+  Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+  for (uint32_t k = 0; k < probeTimes.size(); k++) {
+    probeTimes.at(k, monoNow());
+    a.status->hoIpFlowStatusIs(statusRow(probeFlow(k), hoFlowStatePending));
+    double const next = monoNow() + kProbeGap;
+    do loop.runOnce(0);
+    while (monoNow() < next);
+  }
+  Msg const shadowProbed =
+      checkedBy(reader, shadow, probed, statuses.sequence(), "the probes").second;
+
+  for (Child* c : children) {
+    c->to.send(Msg{done});
+    int const status = c->reap();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      throw Lomi::RuntimeException("demo: the {} process ended with status {}", c->name, status);
+    }
   }
 
   fmt::print(o.out, "reader   mounted as a reader, attached by its sentry in {:.1f} ms\n",
-             attachSeconds * 1e3);
+             attach[0] * 1e3);
   fmt::print(o.out, "wrote    {} flows (a config and a status row each) in {:.3f} s, rows at {}\n",
              o.flows, writeSeconds, rate(2ull * o.flows, writeSeconds));
   fmt::print(o.out, "reader   checked {} rows by lookup and walk in {:.3f} s, at {}\n",
@@ -467,6 +679,15 @@ inline int runDemo(DemoOptions const& o) {
                capacityFull, configs.members());
     return 1;
   }
+  fmt::print(o.out,
+             "shadow   mounted as a shadow of the status table, synchronised in {:.1f} ms; its copy "
+             "equalled the table after every step\n",
+             attach[1] * 1e3);
+  fmt::print(o.out,
+             "shadow   followed {} changes with {} callbacks; write to callback over {} probes: "
+             "p50 {:.1f} us, p99 {:.1f} us\n",
+             shadowProbed.changes, shadowProbed.callbacks, probeTimes.size(), shadowProbed.p50 * 1e6,
+             shadowProbed.p99 * 1e6);
   fmt::print(o.out,
              "demo OK: {} flows written, read back, updated, removed and compacted in {:.2f} s\n",
              o.flows, monoNow() - t0);

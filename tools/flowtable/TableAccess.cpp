@@ -295,6 +295,35 @@ class Table final : public AnyTable {
 
   std::string dumpHeaders() const override { return reader().dumpHeaders(); }
   uint32_t slotSize() const override { return Mirak::SlotGeometry<Value>::slotSize; }
+
+  WatchSummary watch(bool keyOnly, std::function<void(HeardChange const&)> const& heard,
+                     std::function<bool()> const& done) override {
+    WatchSummary sum;
+    auto rowText = [this](Value const& v) {
+      Record const r = v;
+      return std::string(strep(&r).c_str());
+    };
+    auto keyText = [](Key const& k) {
+      using FlowTracking::valueToStrep;
+      return std::string(valueToStrep(k).c_str());
+    };
+    ShadowWatch<Ops> shadow(
+        name_, keyOnly,
+        [&](HeardChange const& c) {
+          ++sum.changes;
+          sum.removals += c.removed;
+          heard(c);
+        },
+        rowText, keyText);
+    Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+    while (!done()) {
+      loop.runOnce(0.1);
+      sum.mounted = sum.mounted || shadow.mountStatus() != 0;
+    }
+    sum.sequence = shadow.sequence();
+    sum.counters = shadow.readerCounters().toString();
+    return sum;
+  }
   std::string readerCounters() const override { return reader().readerCounters().toString(); }
   uint32_t members() const override { return reader().members(); }
 

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "Mirak/SlotTable.h"
+#include "ShadowWatch.h"
 #include "Zeb/Module.h"
 #include "Zeb/String.h"
 
@@ -98,6 +99,22 @@ class AnyTable {
   // Bytes of one slot in this table's slot file: the geometry the validator
   // reads the file with.
   virtual uint32_t slotSize() const = 0;
+
+  // What a watch saw, for its summary.
+  struct WatchSummary {
+    uint64_t changes = 0;
+    uint64_t removals = 0;
+    uint64_t sequence = 0;  // where the shadow stood at the end
+    bool mounted = false;   // it ever followed a writer
+    std::string counters;   // the shadow's reader counters
+  };
+  // Mounts a shadow of the table (keyOnly: a keyshadow) on the process's
+  // event loop, as an agent does, and hands each change its client hears to
+  // `heard` until `done()` holds (asked between turns of the loop, at least
+  // every 100 ms). Throws Lomi::InvalidInitializeException for a table that
+  // cannot be shadowed.
+  virtual WatchSummary watch(bool keyOnly, std::function<void(HeardChange const&)> const& heard,
+                             std::function<bool()> const& done) = 0;
 
   Zeb::String strep(void const* record) const {
     return rowType_->impl.methods->strRep(record, rowType_);

@@ -3,7 +3,7 @@
 //   flowtable [--root DIR] [--json] [--trace HANDLER=LEVELS] COMMAND [ARGS]
 //
 // Commands: ls, show TABLE, dump TABLE [--limit N], get TABLE KEY, check TABLE,
-// demo [--flows N].
+// watch TABLE [--keyshadow] [--count N] [--for SECONDS], demo [--flows N].
 // Every command takes --help. Exit codes: 0 ok, 1 a failure was found (a
 // damaged table, a key not present, a table that can't be read), 2 usage.
 //
@@ -18,6 +18,8 @@
 // {"error": "..."}. Errors are also written to stderr, one line each.
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -62,6 +64,11 @@ Command const commands[] = {
     {"get", "TABLE KEY", "the row of TABLE whose key has the strep KEY"},
     {"check", "TABLE",
      "full validation of a private copy of TABLE's own files: OK or the first failure"},
+    {"watch", "TABLE [--keyshadow] [--count N] [--for SECONDS]",
+     "mounts a shadow of TABLE (a keyshadow with --keyshadow) and prints one line per change "
+     "as it happens: the shadow's sequence (\"sweep\" for the rows its first sweep finds), "
+     "changed or removed, the key and, in a shadow, the row (--json: one object a line); "
+     "ends after N changes, after SECONDS, or on SIGINT or SIGTERM, with a summary"},
     {"demo", "[--flows N]",
      "the main job: a writer and a reader process, N flows (default 100000) written, read "
      "back, updated, half removed, then a quarter left, which compacts the tables; on a "
@@ -144,8 +151,10 @@ void parse(int argc, char** argv, Options& o) {
       if (!Lomi::Platform::traceSettingIs(setting)) {
         fail(fmt::format("--trace wants HANDLER=LEVELS, not '{}'", setting));
       }
-    } else if (a == "--limit" || a == "--flows") {
+    } else if (a == "--limit" || a == "--flows" || a == "--count" || a == "--for") {
       o.flags[a] = value(a.c_str());
+    } else if (a == "--keyshadow") {
+      o.flags[a] = "";
     } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
       fail(fmt::format("unknown option {}", a));
     } else if (o.command.empty()) {
@@ -357,6 +366,77 @@ int cmdGet(Options const& o) {
   return kOk;
 }
 
+volatile std::sig_atomic_t interrupted = 0;
+
+// Until SIGINT, N changes or the time given; a table with no writer yet is
+// waited for (its shadow mounts when the writer's files appear).
+int cmdWatch(Options const& o) {
+  wantArgs(o, 1);
+  allowFlags(o, {"--keyshadow", "--count", "--for"});
+  bool const keyOnly = o.flags.count("--keyshadow") != 0;
+  uint64_t const count = o.flags.count("--count") ? parseCount("--count", o.flags.at("--count")) : 0;
+  double seconds = 0;
+  if (o.flags.count("--for")) {
+    std::string const& text = o.flags.at("--for");
+    char* end = nullptr;
+    seconds = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end || !(seconds > 0)) {
+      throw UsageError(fmt::format("--for wants a number of seconds above 0, not '{}'", text));
+    }
+  }
+  TableSummary const s = requireTable(o);
+  if (!s.header) throw Lomi::CorruptionDetectedException("{}", s.headerError);
+  auto const table = openTable(s.header->valueType, s.name);
+  struct sigaction sa {};
+  sa.sa_handler = [](int) { interrupted = 1; };
+  ::sigaction(SIGINT, &sa, nullptr);
+  ::sigaction(SIGTERM, &sa, nullptr);
+  auto const start = std::chrono::steady_clock::now();
+  auto elapsed = [&] {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+  uint64_t heard = 0;
+  AnyTable::WatchSummary const sum = table->watch(
+      keyOnly,
+      [&](HeardChange const& c) {
+        // A sweep tells many rows in one turn of the loop: the count is kept
+        // to the change.
+        if (count && heard >= count) return;
+        ++heard;
+        char const* what = c.removed ? "removed" : "changed";
+        // Changes told by the first sweep have no sequence of their own.
+        std::string const seq = c.sequence ? std::to_string(c.sequence) : std::string();
+        if (o.json) {
+          fmt::print("{{\"sequence\": {}, \"change\": \"{}\", \"key\": {}{}}}\n",
+                     seq.empty() ? "null" : seq, what, jsonString(c.key),
+                     c.row.empty() ? "" : ", \"row\": " + jsonString(c.row));
+        } else {
+          fmt::print("{} {} {}{}\n", seq.empty() ? "sweep" : seq, what, printable(c.key),
+                     c.row.empty() ? "" : "  " + printable(c.row));
+        }
+        std::fflush(stdout);
+      },
+      [&] {
+        return interrupted || (count && heard >= count) || (seconds > 0 && elapsed() >= seconds);
+      });
+  char const* mode = keyOnly ? "keyshadow" : "shadow";
+  if (o.json) {
+    fmt::print("{{\"summary\": {{\"table\": {}, \"mode\": \"{}\", \"seconds\": {:.3f}, "
+               "\"changes\": {}, \"removals\": {}, \"printed\": {}, \"sequence\": {}, "
+               "\"mounted\": {}, \"counters\": {}}}}}\n",
+               jsonString(s.name), mode, elapsed(), sum.changes, sum.removals, heard, sum.sequence,
+               sum.mounted ? "true" : "false", jsonString(sum.counters));
+  } else {
+    fmt::print(
+        "watched {} as a {} for {:.3f} s: {} changes heard ({} removals), {} printed, at "
+        "sequence {}{}\n",
+        printable(s.name), mode, elapsed(), sum.changes, sum.removals, heard, sum.sequence,
+        sum.mounted ? "" : "; no writer was ever followed");
+    fmt::print("counters: {}\n", printable(sum.counters));
+  }
+  return kOk;
+}
+
 // A temporary directory, removed with everything in it.
 class TempDir {
  public:
@@ -490,6 +570,7 @@ int main(int argc, char** argv) {
     if (o.command == "dump") return cmdDump(o);
     if (o.command == "get") return cmdGet(o);
     if (o.command == "check") return cmdCheck(o);
+    if (o.command == "watch") return cmdWatch(o);
     throw UsageError(fmt::format("unknown command '{}'", o.command));
   } catch (UsageError const& e) {
     int const code = fail(o, e.what(), kUsage);
