@@ -1,7 +1,9 @@
 #!/bin/sh
 # The whole check, as CI runs it, in three builds:
 #   default  RelWithDebInfo: the test suite, the reliability harness's short
-#            runs (stress.*) and the peer benchmark's quick smoke run
+#            runs (stress.*) and the peer benchmark's quick smoke run; then
+#            check-install.sh on that build: install, examples against the
+#            installed package, the guide's code blocks, the Debian package
 #   asan     Debug with AddressSanitizer and UndefinedBehaviorSanitizer: the
 #            same test suite and short stress runs
 #   fuzz     clang: every libFuzzer target for a few seconds from its seeds
@@ -14,6 +16,8 @@ stage default
 cmake --preset default -DFLOWTABLES_PEERS=ON
 cmake --build --preset default
 ctest --preset default
+stage install
+scripts/check-install.sh build/default
 stage asan
 cmake --preset asan
 cmake --build --preset asan

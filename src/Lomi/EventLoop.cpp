@@ -208,8 +208,10 @@ void EventLoop::wakeClear() {
 
 size_t EventLoop::runDeferred() {
   if (deferred_.empty()) return 0;
-  // batch_ is empty here (a throw below hands what is left back), so the swap
-  // moves the queue in and hands deferred_ the storage of the last batch.
+  // batch_ is empty here unless a task of the batch runs a pass of its own
+  // (a nested runOnce): the swap then hands the rest of the outer batch to
+  // deferred_, where it runs on a later pass. Otherwise the swap moves the
+  // queue in and hands deferred_ the storage of the last batch.
   batch_.swap(deferred_);
   wakeClear();
   size_t ran = 0;
@@ -229,6 +231,11 @@ size_t EventLoop::runDeferred() {
     }
     ++ran;
   }
+  // The wake-up was cleared above while deferred_ may still hold work: the
+  // rest of an outer batch after a nested pass. Without a new signal fd()
+  // would not poll readable and an outer poll would sleep its whole timeout
+  // beside queued work. A no-op when a task queued meanwhile signalled.
+  if (!deferred_.empty()) wakeSignal();
   return ran;
 }
 

@@ -243,6 +243,8 @@ class MirakWriter : public MirakInterface<OpsT> {
   Ops ops_;
   bool localMem_;
   Mem::NaoRootPath rootPath_;
+  // Why the last attach could not adopt the files, for the start's trace.
+  std::string attachError_;
   Parcel::KestorId kestorId_;
   uint32_t directSlot_ = kNoSlot;
   Link* directPrevLink_ = nullptr;
@@ -375,7 +377,8 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
   if (!reformat) {
     // 1
     if (!attach(kestorId_)) {
-      FMTRACE(handler_, 0, "MirakWriter", "failed to attach to existing files");
+      FMTRACE(handler_, 0, "MirakWriter", "failed to attach to existing files of {}: {}", rootPath_,
+              attachError_);
       FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
       FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
       return false;
@@ -387,10 +390,13 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
         // start begins afresh because the kestor file is gone.
         Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
         Lomi::Util::includeShmemInCore(slots_.wrapper().base(), slots_.wrapper().fileSize(), true);
-        throw Lomi::InvalidInitializeException("failed initial validation of {} after re-attaching",
-                                               rootPath_);
+        throw Lomi::InvalidInitializeException(
+            "failed initial validation of {} after re-attaching: {}", rootPath_, error);
       }
-      FMTRACE(handler_, 0, "MirakWriter", "failed to validate existing files");
+      // The reason names the check and its numbers; without it the operator
+      // learns only that the table was started afresh.
+      FMTRACE(handler_, 0, "MirakWriter", "failed to validate existing files of {}: {}", rootPath_,
+              error);
       FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
       FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
       return false;
@@ -403,7 +409,8 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
     attach(kestorId_);
     // 4
     if (!validate(kestorId_, error, false)) {
-      throw Lomi::InvalidInitializeException("failed validation");
+      throw Lomi::InvalidInitializeException("failed validation of new files of {}: {}", rootPath_,
+                                             error);
     }
   }
   // The finish.
@@ -426,7 +433,19 @@ bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
   // leaves the OR of the results alone.
   int const c = tessel_.attach(kestor.value(), slots_.header()->mostSlots);
   int const all = a | b | c;
-  return all == Slots::kNewFile || all == Slots::kExistingFile;
+  if (all == Slots::kNewFile || all == Slots::kExistingFile) return true;
+  // Files only count together: say which were adopted, which made anew and
+  // which re-formatted, so a refused adoption names its file.
+  auto const what = [](int r) {
+    return r == Slots::kNewFile        ? "new"
+           : r == Slots::kExistingFile ? "adopted"
+           : r == Slots::kReformatted  ? "re-formatted"
+           : r == 0                    ? "none"
+                                       : "mixed";
+  };
+  attachError_ = fmt::format("slots {}, buckets {}, queue {} (with kestor {})", what(a), what(b),
+                             what(c), kestor);
+  return false;
 }
 
 template <TablePolicy OpsT>

@@ -142,11 +142,13 @@ std::string Header::toString() const {
   std::string type(valueType, strnlen(valueType, kValueTypeLen));
   return fmt::format(
       "magic:{:#x} version:{} kestor:{} platform:{} valueType:\"{}\" valueSize:{} slotSize:{} "
-      "maxSlots:{} constFlags:{:#x} runtimeFlags:{:#x} hash:{:#x} occupiedSlots:{} freeSlots:{} "
+      "maxSlots:{} constFlags:{:#x} runtimeFlags:{:#x} hash:{:#x} occupiedSlots:{} freeListHead:{} "
       "mostSlots:{} hashSeed:{} numSlots:{} scratchpad:{}",
       magicWord, version, Parcel::KestorId(kestor), platform, type, valueSize, slotSize, maxSlots,
-      constFlags, runtimeFlags, hash, occupiedSlots, freeSlots, mostSlots, hashSeed, numSlots,
-      scratchpad);
+      constFlags, runtimeFlags, hash, occupiedSlots,
+      // The head of the free list, not a count: a slot index, or none.
+      freeSlots == 0xffffffffu ? std::string("none") : std::to_string(freeSlots), mostSlots,
+      hashSeed, numSlots, scratchpad);
 }
 
 }  // namespace SlotTable

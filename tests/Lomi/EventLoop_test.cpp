@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -207,6 +208,29 @@ TEST(EventLoop, AThrowingTaskReachesTheCallerAndKeepsTheRestQueued) {
   EXPECT_EQ(order, (std::vector<int>{1, 3}));
 }
 
+// A task that runs a pass of its own takes the rest of the outer batch out
+// of it; that rest is still work, so fd() must poll readable and an outer
+// wait on it must end at once, not after its timeout.
+TEST(EventLoop, ANestedPassLeavesTheRestOfTheBatchQueuedAndFdReadable) {
+  EventLoop loop;
+  std::vector<int> order;
+  loop.deferredTaskIs([&] {
+    order.push_back(1);
+    loop.deferredTaskIs([&] { order.push_back(2); });
+    loop.runOnce(0);
+  });
+  loop.deferredTaskIs([&] { order.push_back(3); });
+  loop.runOnce(0);
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+  EXPECT_EQ(loop.deferredTasks(), 1u);
+  auto const start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(pollReadable(loop.fd(), 2000));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  EXPECT_EQ(loop.runOnce(0), 1u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+  EXPECT_FALSE(pollReadable(loop.fd(), 0));
+}
+
 TEST(EventLoop, RunUntilStopsAtTheTimeoutOrWhenThePredicateHolds) {
   EventLoop loop;
   int checks = 0;
@@ -228,6 +252,59 @@ TEST(EventLoop, RunUntilStopsAtTheTimeoutOrWhenThePredicateHolds) {
   bool fired = false;
   loop.timerIs(0.01, [&] { fired = true; });
   EXPECT_TRUE(loop.runUntil([&] { return fired; }, 10));
+}
+
+// However the predicate comes true inside a pass (a watcher's callback after a
+// long wait, a task or timer it queued, a task of a nested pass), runUntil
+// sees it after that pass, never after its timeout.
+TEST(EventLoop, RunUntilReturnsAfterThePassThatMadeThePredicateTrue) {
+  struct Case {
+    char const* name;
+    std::function<void(EventLoop&, Pipe&, bool&)> arm;
+  };
+  Case const cases[] = {
+      {"fd callback",
+       [](EventLoop& l, Pipe& p, bool& done) {
+         l.fdWatcherIs(p.in(), EPOLLIN, [&p, &done](uint32_t) { done = p.take() != 0; });
+       }},
+      {"task queued by an fd callback",
+       [](EventLoop& l, Pipe& p, bool& done) {
+         l.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) {
+           p.take();
+           l.deferredTaskIs([&done] { done = true; });
+         });
+       }},
+      {"timer of 0 set by an fd callback",
+       [](EventLoop& l, Pipe& p, bool& done) {
+         l.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) {
+           p.take();
+           l.timerIs(0, [&done] { done = true; });
+         });
+       }},
+      {"task left over by a nested pass",
+       [](EventLoop& l, Pipe& p, bool& done) {
+         l.fdWatcherIs(p.in(), EPOLLIN, [&](uint32_t) {
+           p.take();
+           l.deferredTaskIs([&] {
+             l.deferredTaskIs([] {});
+             l.runOnce(0);
+           });
+           l.deferredTaskIs([&done] { done = true; });
+         });
+       }},
+  };
+  for (Case const& c : cases) {
+    EventLoop loop;
+    Pipe pipe;
+    bool done = false;
+    c.arm(loop, pipe, done);
+    // The byte comes from the loop's own timer; the passes wait up to 5 s.
+    loop.timerIs(0.02, [&pipe] { pipe.put(); });
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(loop.runUntil([&] { return done; }, 5)) << c.name;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << c.name;
+    loop.fdWatcherDel(pipe.in());
+  }
 }
 
 TEST(EventLoop, RunEndsAfterStop) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <random>
@@ -27,6 +28,7 @@
 #include "Mirak/Validator.h"
 #include "Mirak/ValidatorSteps.h"
 #include "Mirak/WriterTestPolicy.h"
+#include "Tessel/DummyTesselWriter.h"
 
 namespace MirakTest {
 namespace {
@@ -436,6 +438,36 @@ TEST(ValidatorWriter, DetachedTableFailsWithAReason) {
   std::string error;
   EXPECT_FALSE(w->validate(w->kestorId(), error, false));
   EXPECT_NE(error.find("not attached"), std::string::npos) << error;
+}
+
+// A writer that adopts damaged files on a strict device stops; its message
+// must carry the table, the check that failed and its numbers, or the
+// operator has a core file and no reason. (A table without a queue: the
+// recording queue of WriterOps is new at every attach, so never adopted.)
+TEST(ValidatorWriter, StrictStartOnDamagedFilesSaysWhichCheckFailed) {
+  using PlainOps = TestOpsWith<Tessel::DummyTesselWriter>;
+  using PlainWriter = Mirak::MirakWriter<PlainOps>;
+  TempRoot root;
+  Mirak::MapDescriptor const d(100);
+  auto w = std::make_unique<PlainWriter>(handler(), "validator/strict", d, PlainOps(0));
+  w->initialize("test");
+  for (uint32_t i = 0; i < 10; i++) w->write(row(i), true);
+  w->slotTable().header()->occupiedSlots = 11;
+  w.reset();
+  ::setenv("FLOWTABLES_PHYSICAL_DUT", "1", 1);
+  ::setenv("FLOWTABLES_STRICT_VALIDATION", "1", 1);
+  std::string message = "no exception";
+  try {
+    PlainWriter again(handler(), "validator/strict", d, PlainOps(0));
+    again.initialize("test");
+  } catch (Lomi::InvalidInitializeException const& e) {
+    message = e.msg();
+  }
+  ::unsetenv("FLOWTABLES_PHYSICAL_DUT");
+  ::unsetenv("FLOWTABLES_STRICT_VALIDATION");
+  EXPECT_NE(message.find("validator/strict"), std::string::npos) << message;
+  EXPECT_NE(message.find("mismatch header->occupiedSlots:11 count:10"), std::string::npos)
+      << message;
 }
 
 TEST(ValidatorWriter, DumpHeadersNamesTheTableAndShowsBothHeaders) {

@@ -209,6 +209,15 @@ TEST_F(Cli, GetFindsARowByTheStrepOfItsKey) {
       run({"get", kTable, FlowTracking::valueToStrep(row(kRows).key()).stdString()});
   EXPECT_EQ(absent.code, 1);
   EXPECT_NE(absent.err.find("no row with that key"), std::string::npos) << absent.err;
+  Result const absentJson =
+      run({"--json", "get", kTable, FlowTracking::valueToStrep(row(kRows).key()).stdString()});
+  EXPECT_EQ(absentJson.code, 1);
+  EXPECT_EQ(absentJson.out.rfind("{\"found\": false, \"table\": \"" + std::string(kTable), 0), 0u)
+      << absentJson.out;
+  Result const presentJson =
+      run({"--json", "get", kTable, FlowTracking::valueToStrep(want.key()).stdString()});
+  EXPECT_EQ(presentJson.code, 0) << presentJson.err;
+  EXPECT_EQ(presentJson.out.rfind("{\"found\": true, ", 0), 0u) << presentJson.out;
 
   Result const bad = run({"get", kTable, "Value('nonsense')"});
   EXPECT_EQ(bad.code, 2);
@@ -222,6 +231,9 @@ TEST_F(Cli, ShowGivesHeadersAndCounters) {
   EXPECT_NE(r.out.find("value type FlowTracking::HoIpFlowConfig"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("entries " + std::to_string(kRows)), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("reader counters:"), std::string::npos) << r.out;
+  // The free list's head is a slot index, labelled as one, not a count.
+  EXPECT_NE(r.out.find(" freeListHead:"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("freeSlots"), std::string::npos) << r.out;
 }
 
 TEST_F(Cli, CheckOfASoundTableIsOkAndChangesNothing) {
@@ -364,8 +376,30 @@ TEST_F(Cli, BadArgumentsGiveAUsageLineAndExitTwo) {
     EXPECT_EQ(r.err.find("Aborted"), std::string::npos) << joined << r.err;
     EXPECT_TRUE(r.out.empty()) << joined << r.out;
   }
-  Result const badRoot = run({"--root", root_ + "/nowhere", "ls"}, false);
-  EXPECT_EQ(badRoot.code, 2);
+}
+
+// A root that is missing or not a directory is a failure found (1), never a
+// usage error (2): the command line was right.
+TEST_F(Cli, AMissingRootIsAFailureWithItsReason) {
+  struct Case {
+    std::string root;
+    bool json;
+    char const* says;
+  };
+  std::string const file = root_ + "/" + kTable + "/slots";
+  for (Case const& c : {Case{root_ + "/nowhere", false, "does not exist"},
+                        Case{root_ + "/nowhere", true, "does not exist"},
+                        Case{file, false, "is not a directory"}}) {
+    std::vector<std::string> args{"--root", c.root, "ls"};
+    if (c.json) args.insert(args.begin(), "--json");
+    Result const r = run(args, false);
+    EXPECT_EQ(r.code, 1) << c.root << r.err;
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("usage:"), std::string::npos) << r.err;
+    if (c.json) {
+      EXPECT_EQ(r.out.rfind("{\"error\": ", 0), 0u) << r.out;
+    }
+  }
 }
 
 TEST_F(Cli, EveryCommandHasHelp) {

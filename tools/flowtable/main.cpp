@@ -5,7 +5,8 @@
 // Commands: ls, show TABLE, dump TABLE [--limit N], get TABLE KEY, check TABLE,
 // watch TABLE [--keyshadow] [--count N] [--for SECONDS], demo [--flows N].
 // Every command takes --help. Exit codes: 0 ok, 1 a failure was found (a
-// damaged table, a key not present, a table that can't be read), 2 usage.
+// damaged table, a key not present, a table that can't be read, a root that
+// does not exist), 2 usage.
 //
 // The tool reads tables as a lock-free reader and never writes into them;
 // `check` validates a private copy of the files in a temporary directory.
@@ -15,7 +16,8 @@
 // JSON document whatever happens: the data, or {"error": "..."} when the
 // command fails before it has any (usage errors too); `dump`, which streams
 // its array, closes it on a failure after the first row with a last element
-// {"error": "..."}. Errors are also written to stderr, one line each.
+// {"error": "..."}. `get` of a key not present answers {"found": false, ...}
+// (exit 1). Errors are also written to stderr, one line each.
 #include <unistd.h>
 
 #include <chrono>
@@ -61,7 +63,8 @@ Command const commands[] = {
      "stderr (--json: an \"error\" field) and the exit code is 1"},
     {"show", "TABLE", "the slot, bucket and queue headers of TABLE and the reader's counters"},
     {"dump", "TABLE [--limit N]", "the rows of TABLE as streps (--json: objects), read lock-free"},
-    {"get", "TABLE KEY", "the row of TABLE whose key has the strep KEY"},
+    {"get", "TABLE KEY",
+     "the row of TABLE whose key has the strep KEY; none: exit 1 (--json: \"found\": false)"},
     {"check", "TABLE",
      "full validation of a private copy of TABLE's own files: OK or the first failure"},
     {"watch", "TABLE [--keyshadow] [--count N] [--for SECONDS]",
@@ -355,11 +358,21 @@ int cmdGet(Options const& o) {
   } catch (Zeb::RangeException const& e) {
     throw UsageError(fmt::format("KEY is not a key of {}: {}", s.name, e.msg()));
   }
-  if (!found) return fail(o, fmt::format("no row with that key in {}", s.name), kFailure);
+  if (!found) {
+    // Not found is an answer, not a breakdown: in JSON it is data a script
+    // can test (found: false), with the same reason as in text.
+    std::string const why = fmt::format("no row with that key in {}", s.name);
+    fmt::print(stderr, "flowtable: {}\n", printable(why));
+    if (o.json) {
+      fmt::print("{{\"found\": false, \"table\": {}, \"key\": {}, \"error\": {}}}\n",
+                 jsonString(s.name), jsonString(o.args[1]), jsonString(why));
+    }
+    return kFailure;
+  }
   Zeb::String const strep = table->strep(record.data());
   if (o.json) {
-    fmt::print("{{\"type\": {}, \"strep\": {}}}\n", jsonString(table->rowType().name),
-               jsonString(strep));
+    fmt::print("{{\"found\": true, \"type\": {}, \"strep\": {}}}\n",
+               jsonString(table->rowType().name), jsonString(strep));
   } else {
     fmt::print("{}\n", printable(strep));
   }
@@ -557,8 +570,14 @@ int main(int argc, char** argv) {
     if (o.command == "demo") return cmdDemo(o);
     std::error_code ec;
     o.root = std::filesystem::absolute(o.root, ec).lexically_normal().string();
-    if (ec || !std::filesystem::is_directory(o.root, ec)) {
-      throw UsageError(fmt::format("--root {} is not a directory", o.root));
+    // A root that is not there is a fact about this machine, not a misuse
+    // of the command line: exit 1, with what is wrong with it.
+    if (ec || !std::filesystem::exists(o.root, ec)) {
+      return fail(o, fmt::format("the root {} does not exist (no tables there yet?)", o.root),
+                  kFailure);
+    }
+    if (!std::filesystem::is_directory(o.root, ec)) {
+      return fail(o, fmt::format("the root {} is not a directory", o.root), kFailure);
     }
     while (o.root.size() > 1 && o.root.back() == '/') o.root.pop_back();
     Mem::RootPath::baseIs(o.root);
