@@ -15,7 +15,8 @@
 //      largest power of two below the capacity), so, with slot compaction
 //      on, they compact while the reader keeps its mapping;
 //   5. probes: live flows (at most kProbes) set back to pending one at a
-//      time, each timed from its write to the shadow's callback;
+//      time, each timed from its write to the shadow's callback, then all
+//      set to offloaded again;
 // The shadow process checks its copy, caught up to the writer's sequence,
 // after each step as the reader does. Then a summary: rows, rates, slot
 // capacity before and after compaction, the reader's checks, and the
@@ -646,6 +647,12 @@ inline int runDemo(DemoOptions const& o) {
   }
   Msg const shadowProbed =
       checkedBy(reader, shadow, probed, statuses.sequence(), "the probes").second;
+  // The probed flows go back to offloaded: the tables end as the compaction
+  // left them.
+  for (uint32_t k = 0; k < probeTimes.size(); k++) {
+    a.status->hoIpFlowStatusIs(statusRow(probeFlow(k), hoFlowStateOffloaded));
+  }
+  checkedBy(reader, shadow, quartered, statuses.sequence(), "the probed flows restored");
 
   for (Child* c : children) {
     c->to.send(Msg{done});
