@@ -54,12 +54,19 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Mirak/MirakInterface.h
     Mirak/MirakMap.h
     Mirak/MirakReader.h
+    Mirak/MirakShadow.h
+    Mirak/MirakShadowBase.h
     Mirak/MirakWriter.h
     Mirak/Operations.h
+    Mirak/ShadowHashMap.h
+    Mirak/ShadowSlot.h
+    Mirak/ShadowStore.h
+    Mirak/SlotCounters.h
     Mirak/SlotLink.h
     Mirak/SlotReader.h
     Mirak/SlotTable.h
     Mirak/SlotWriter.h
+    Mirak/Syncer.h
     Mirak/TableFullException.h
     Mirak/Tmp.h
     Mirak/Util.h
@@ -80,12 +87,15 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Parcel/KestorId.h
     Parcel/OwnerFile.h
     Parcel/TunnetInfo.h
+    Rusk/ReaderRuskSm.h
     Rusk/WriterRuskSm.h
     Tessel/BasicSlot.h
     Tessel/DummyTesselWriter.h
     Tessel/Sequence.h
     Tessel/TesselFormat.h
     Tessel/TesselPos.h
+    Tessel/TesselReader.h
+    Tessel/TesselReaderView.h
     Tessel/TesselWriter.h
     Wend/Local.h
     Zeb/AllocTracking.h

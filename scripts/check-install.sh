@@ -52,7 +52,7 @@ want=$((want + $(sed -n '/^set(FLOWTABLES_AGENT_HEADERS/,/^)/p' cmake/PublicHead
   grep -c '\.h$')))
 got=$(find "$inc" -name '*.h' | wc -l)
 [ "$got" -eq "$want" ] || fail "$got headers installed, the list has $want"
-[ ! -e "$inc/Mirak/Syncer.h" ] || fail "a private header (Mirak/Syncer.h) was installed"
+[ ! -e "$inc/Rusk/RuskWire.h" ] || fail "a private header (Rusk/RuskWire.h) was installed"
 fmt_cflags=$(pkg-config --cflags fmt)
 for h in $(sed -n '/^set(FLOWTABLES_AGENT_HEADERS/,/^)/p' cmake/PublicHeaders.cmake | grep '\.h$'); do
   echo "#include <$h>" | g++ -std=c++20 -fsyntax-only -x c++ - -I"$inc" $fmt_cflags ||
@@ -121,7 +121,7 @@ for f in ./usr/bin/flowtable ./usr/lib/libflowtables.so.0 ./usr/lib/pkgconfig/fl
   ./usr/lib/cmake/flowtables/flowtablesConfig.cmake ./usr/include/flowtables/FlowTracking/Factories.h; do
   grep -qx "$f" "$scratch/contents" || fail "the package lacks $f"
 done
-if grep -q '^\./usr/include/flowtables/Mirak/Syncer\.h$' "$scratch/contents"; then
+if grep -q '^\./usr/include/flowtables/Rusk/RuskWire\.h$' "$scratch/contents"; then
   fail "the package has a private header"
 fi
 dpkg-deb -f "$deb" Depends | grep -q libfmt9 || fail "the package does not depend on libfmt9"
