@@ -7,8 +7,8 @@
 #   2. only the public headers are installed, and each header an agent
 #      includes compiles alone against them;
 #   3. examples/ is configured against the installed package (find_package),
-#      built, and run: a reader agent and a writer agent as two processes
-#      that must agree; the writer is stopped by SIGTERM and restarted, and
+#      built, and run: a reader agent, a shadow agent and a writer agent as
+#      three processes that must agree; the writer is stopped by SIGTERM and restarted, and
 #      must adopt the rows it left; a reader built with pkg-config checks
 #      them again; a reader told to expect other rows must fail;
 #   4. the tool looks at the result (ls, check);
@@ -82,10 +82,13 @@ serving() {
     sleep 0.1
   done
 }
-# The reader first: it waits on the tables until the writer has made them.
+# The reader and the shadow first: they wait on the tables until the writer
+# has made them.
 "$ex/reader-agent" "$root" $flows 60 & reader=$!
+"$ex/shadow-agent" "$root" $flows 60 & shadow=$!
 "$ex/writer-agent" "$root" $flows > "$scratch/writer1.out" & writer=$!
 wait $reader || fail "the reader did not find what the writer wrote (exit $?)"
+wait $shadow || fail "the shadow's copy did not come to what the writer wrote (exit $?)"
 serving "$scratch/writer1.out"
 kill -TERM $writer
 wait $writer || fail "the writer did not stop cleanly on SIGTERM (exit $?)"
