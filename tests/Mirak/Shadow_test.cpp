@@ -6,7 +6,9 @@
 // shadow's client heard every key whose row changed since the last one.
 #include "Mirak/MirakShadow.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 #include <sys/epoll.h>
 
 #include <map>
@@ -222,7 +224,7 @@ class ShadowFixture : public ::testing::Test {
   uint64_t changedKeys = 0;
 };
 
-TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAndANewTable) {
+TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAReformatAndANewTable) {
   settle("mounted");
   for (uint32_t seed = 1; seed <= 3; seed++) {
     round(seed);
@@ -260,9 +262,27 @@ TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAndANewTable) {
   commands->send("round 6");
   loop().runUntil([] { return false; }, 0.002);
   ASSERT_TRUE(writer->killAndReap());
-  startWriter();
+  std::string const afterKill = startWriter();
   round(7);
   settle("after a kill inside a round");
+
+  // Damage the next writer finds at its start: it formats the files anew in
+  // place, under a new kestor. Each shadow flushes its copy (its client hears
+  // every row go) and a new shadow follows the new generation.
+  ASSERT_TRUE(writer->killAndReap());
+  {
+    int const fd = ::open((root.path() + "/" + kTable + "/slots").c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    uint32_t const occupied = 0x7fffffff;  // the slot header's occupiedSlots, at 552
+    ASSERT_EQ(::pwrite(fd, &occupied, sizeof occupied, 552), ssize_t(sizeof occupied));
+    ::close(fd);
+  }
+  EXPECT_NE(startWriter(), afterKill) << "the damaged files were adopted";
+  EXPECT_TRUE(table().empty());
+  settle("after a re-format in place");
+  EXPECT_NE(shadow.shadow(), shadowBack) << "a new generation gets a new shadow";
+  round(10);
+  settle("round 10 on the re-formatted files");
 
   // A new table: the files go and a writer makes new ones. Each shadow
   // flushes its copy (its client hears every row go) and a new shadow
