@@ -42,6 +42,7 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
+#include "Mem/RootPath.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/MirakMap.h"
 #include "Zeb/Entity.h"
@@ -122,11 +123,33 @@ class ZebMirakMap : public Mirak::MirakMap<OpsT> {
   bool parentSeen() const { return parentSeen_; }
 
  private:
+  // Runs a change callback with the entity kept alive past the back end's
+  // processing (see the definition).
+  template <typename Fn>
+  static void held(Entity* e, Fn const& fn);
+
   Entity* entity_ = nullptr;
   bool parentSeen_ = false;
 };
 
 // ---------------------------------------------------------------------------
+
+// A change callback runs inside the back end's processing of the change (a
+// shadow's walk of its queue or sweep), which goes on after the callback
+// returns. A notifiee may drop the entity's last outside reference (its list
+// keeps the entity only for the dispatch), and the entity owns this
+// collection and so the back end: the last reference is then handed to the
+// event loop and dropped on its next pass, outside the walk. Costs a count up
+// and down per callback; the hand-over happens only when the entity goes.
+template <typename E, typename R, typename K, Mirak::TablePolicy O>
+template <typename Fn>
+void ZebMirakMap<E, R, K, O>::held(Entity* e, Fn const& fn) {
+  Zeb::Ptr<Entity> hold = Zeb::keepAlive(e);
+  fn();
+  if (hold && static_cast<Zeb::PtrInterface const*>(hold.get())->references() == 1) {
+    Mem::RootPath::eventLoop().deferredTaskIs([last = std::move(hold)] {});
+  }
+}
 
 template <typename E, typename R, typename K, Mirak::TablePolicy O>
 ZebMirakMap<E, R, K, O>::~ZebMirakMap() {
@@ -152,9 +175,11 @@ void ZebMirakMap<E, R, K, O>::entity(Zeb::String attributeName, Entity* e, Zeb::
   // through a captured `this` was checked by g++ 12's vptr sanitizer against
   // the closure's own address (a false "not an object of type ZebMirakMap").
   Mem::Notify<Key, Value> n;
-  n.changeFn = [e, notify](Value const& row) { (e->*notify)(Ops::key(row)); };
-  n.keyFn = [e, notify](Key const& key) { (e->*notify)(key); };
-  n.keyDelFn = [e, notify](Key const& key) { (e->*notify)(key); };
+  n.changeFn = [e, notify](Value const& row) {
+    held(e, [&] { (e->*notify)(Ops::key(row)); });
+  };
+  n.keyFn = [e, notify](Key const& key) { held(e, [&] { (e->*notify)(key); }); };
+  n.keyDelFn = [e, notify](Key const& key) { held(e, [&] { (e->*notify)(key); }); };
   n.mountStatusFn = [e, mountStatusChanged] { (e->*mountStatusChanged)(); };
   n.quiescedFn = [e, quiescedChanged](bool q) { (e->*quiescedChanged)(q); };
   n.notifyLive = true;

@@ -445,4 +445,44 @@ TEST(Mounting, AnEntityMountsAsAnAsynchronousShadowWithTheDefaultDescriptor) {
   EXPECT_TRUE(finds(2, 2));
 }
 
+// A notifiee of a shadow's entity that drops the entity's last reference when
+// it hears the first row: the shadow's walk goes on after that callback, so
+// the entity (which owns the shadow) must outlive the walk; it goes on the
+// loop's next pass. The writer's later rows reach nobody and hurt nothing.
+class Dropper : public Zeb::PtrInterface::NotifieeConst {
+ public:
+  explicit Dropper(Zeb::Ptr<HoFlowConfig>* owner) : owner_(owner) {}
+  void onAttribute(Zeb::AttributeId id, void const*) override {
+    if (id == HoFlowConfig::hoIpFlowConfigId && *owner_) owner_->reset();
+  }
+
+ private:
+  Zeb::Ptr<HoFlowConfig>* owner_;
+};
+
+TEST(Mounting, AShadowNotifieeMayDropItsEntityInsideTheWalk) {
+  MirakTest::TempRoot root;
+  Agent writer;
+  writer.init(MirakType::writer, 100);
+  Zeb::Ptr<HoFlowConfig> parent = hoFlowConfigFactory("agent");
+  Zeb::Ptr<HoFlowConfig> e = hoFlowConfigFactory("ftr");
+  e->parentIs(parent.get());
+  Zeb::Ptr<Dropper> dropper(new Dropper(&e));
+  dropper->hasNotificationActiveIs(true);
+  e->notifieeList().list->newMember(e.get(), dropper.get());
+  e->hoIpFlowConfigControl()->init(descriptor(MirakType::shadow, 0));
+  Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
+  ASSERT_TRUE(loop.runUntil([&] { return e->hoIpFlowConfig().mountStatus() == 2u; }, kWait));
+  // One burst: the shadow takes all of it in one walk, calling back per row.
+  for (uint32_t i = 0; i < 50; i++) {
+    writer.e->hoIpFlowConfigIs(FlowTrackingTest::row<HoIpFlowConfig>(i, 1));
+  }
+  ASSERT_TRUE(loop.runUntil([&] { return !e; }, kWait)) << "the notifiee was never told";
+  for (uint32_t i = 50; i < 60; i++) {
+    writer.e->hoIpFlowConfigIs(FlowTrackingTest::row<HoIpFlowConfig>(i, 1));
+  }
+  loop.runUntil([] { return false; }, 0.05);
+  EXPECT_EQ(dropper->references(), 1u) << "the entity's list let go of its notifiee";
+}
+
 }  // namespace
