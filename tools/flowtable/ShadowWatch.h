@@ -50,14 +50,12 @@ class ShadowWatch final : public Mirak::MirakMap<Ops> {
   }
   ~ShadowWatch() override { this->controlDetach(); }
 
-  // Inside a change callback: the sequence of the queue entry being taken in
-  // (0 in the first sweep, which has none).
-  uint64_t sequence() const { return this->back_ ? this->back_->sequence() : 0; }
-
  private:
   void tell(Key const& key, Value const* row, bool removed) {
     HeardChange c;
-    c.sequence = sequence();
+    // The front object's sequence is the shadow's: inside a change callback,
+    // that of the queue entry being taken in (0 in the first sweep).
+    c.sequence = this->sequence();
     c.removed = removed;
     c.key = keyStrep_(key);
     // A shadow's row is its copy's, looked up when the client is told of the
