@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include <FlowTracking/Factories.h>
 
@@ -80,5 +81,34 @@ struct Entities {
   }
 };
 // [entities]
+
+// The first difference between a status collection (a reader's view of the
+// table or a shadow's copy) and the statuses the writer leaves, by lookup of
+// every flow and by a walk; "" when they agree.
+// [status-check]
+inline std::string statusDifference(HoFlowStatus const& status, uint32_t flows) {
+  auto const& statuses = status.hoIpFlowStatus();
+  uint32_t keptFlows = 0;
+  for (uint32_t i = 0; i < flows; i++) {
+    bool found = false;
+    auto const* s = statuses.safeLookup(flowKey(i), found, nullptr);
+    if (found != kept(i))
+      return "status row of flow " + std::to_string(i) + " present: " + std::to_string(found);
+    if (found && !(*s == TableValue<HoIpFlowStatus>(statusRow(i, hoFlowStateOffloaded)))) {
+      return "status of flow " + std::to_string(i) + " differs";
+    }
+    keptFlows += kept(i);
+  }
+  uint32_t walked = 0;
+  for (HoFlowStatus::HoIpFlowStatusMap::IteratorConst it(&statuses); it.valid(); it.advance()) {
+    ++walked;
+  }
+  if (walked != keptFlows) {
+    return "walked " + std::to_string(walked) + " status rows, expected " +
+           std::to_string(keptFlows);
+  }
+  return "";
+}
+// [status-check]
 
 }  // namespace Example

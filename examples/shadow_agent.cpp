@@ -39,31 +39,6 @@ class StatusWatcher : public Zeb::PtrInterface::NotifieeConst {
 };
 // [shadow-notifiee]
 
-// The first difference between the copy and the statuses the writer leaves.
-std::string difference(HoFlowStatus const& status, uint32_t flows) {
-  auto const& statuses = status.hoIpFlowStatus();
-  uint32_t keptFlows = 0;
-  for (uint32_t i = 0; i < flows; i++) {
-    bool found = false;
-    auto const* s = statuses.safeLookup(flowKey(i), found, nullptr);  // from the private copy
-    if (found != kept(i))
-      return "status row of flow " + std::to_string(i) + " present: " + std::to_string(found);
-    if (found && !(*s == TableValue<HoIpFlowStatus>(statusRow(i, hoFlowStateOffloaded)))) {
-      return "status of flow " + std::to_string(i) + " differs";
-    }
-    keptFlows += kept(i);
-  }
-  uint32_t walked = 0;
-  for (HoFlowStatus::HoIpFlowStatusMap::IteratorConst it(&statuses); it.valid(); it.advance()) {
-    ++walked;
-  }
-  if (walked != keptFlows) {
-    return "walked " + std::to_string(walked) + " status rows, expected " +
-           std::to_string(keptFlows);
-  }
-  return "";
-}
-
 int main(int argc, char** argv) {
   if (argc != 3 && argc != 4) {
     std::fprintf(stderr, "usage: shadow-agent ROOT FLOWS [SECONDS]\n");
@@ -94,7 +69,7 @@ int main(int argc, char** argv) {
             return false;
           }
           watcher->news = false;
-          diff = difference(*e.status, flows);
+          diff = statusDifference(*e.status, flows);  // reads the copy
           return diff.empty();
         },
         seconds);
