@@ -3,13 +3,15 @@
 #   --peers  also the systems the peer benchmark measures us against (LMDB,
 #            Boost.Interprocess, abseil, DPDK) and gnuplot for its plots
 #   --fuzz   also clang and its runtime libraries (libFuzzer, sanitizers)
+#   --coverage  also gcovr, which reads the counters of a --coverage build
 set -eu
 pkgs="g++ cmake make pkg-config libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev"
 for arg in "$@"; do
   case "$arg" in
     --peers) pkgs="$pkgs liblmdb-dev libboost-dev libabsl-dev libdpdk-dev gnuplot-nox" ;;
     --fuzz) pkgs="$pkgs clang libclang-rt-14-dev" ;;
-    *) echo "setup: unknown option $arg (expecting --peers or --fuzz)" >&2; exit 2 ;;
+    --coverage) pkgs="$pkgs gcovr" ;;
+    *) echo "setup: unknown option $arg (expecting --peers, --fuzz or --coverage)" >&2; exit 2 ;;
   esac
 done
 missing=""
