@@ -369,7 +369,23 @@ class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
   // runs on its own defaults once the front object was set.
   void handSettings(Back& back) const;
 
-  // The back end of a writer mount (step 15 of init), not yet initialised.
+  // The steps of init, in its order.
+  void assertNotOrphan() const;
+  // True for a repeated init with the same descriptor; throws
+  // Lomi::InvalidInitializeException for one with another.
+  bool alreadyMounted(MapDescriptor const& desc) const;
+  // Throws Lomi::InvalidInitializeException for a descriptor no back end
+  // can serve; changes nothing.
+  void refuseBadDescriptor(MapDescriptor const& desc) const;
+  void deferChangesOfAsyncShadow(MapDescriptor const& desc);
+  // Takes `desc` and returns the old back end.
+  std::unique_ptr<Back> takeDescriptor(MapDescriptor const& desc);
+  // Make and start the back end; a failure leaves a placeholder holding
+  // `previous` (initFailed) and throws.
+  void mountWriter(std::unique_ptr<Back> previous);
+  void mountReader(std::unique_ptr<Back> previous);
+
+  // The back end of a writer mount (mountWriter), not yet initialised.
   // Tests of the mounting steps replace it.
   virtual std::unique_ptr<Back> newWriter(std::string const& classType,
                                           std::function<void(bool)> quiesced);
@@ -638,146 +654,175 @@ bool MirakMap<OpsT>::writesTable() const {
 // ---------------------------------------------------------------------------
 // Mounting
 
+// The mount, in order: the descriptor is checked before anything of the
+// object changes (a refused mount leaves it as it was), then the object takes
+// the descriptor, then the back end is made and started.
 template <TablePolicy OpsT>
 void MirakMap<OpsT>::init(Mem::CollectionDescriptor const& collectionDescriptor) {
-  // 1
+  assertNotOrphan();
+  MapDescriptor const& desc = dynamic_cast<MapDescriptor const&>(collectionDescriptor);
+  // Also on a repeated init, before the comparison of alreadyMounted.
+  if (desc.cleanupOnInit && back_) back_->cleanup();
+  if (alreadyMounted(desc)) return;
+  FMTRACE(*debugHandler_, 1, "MirakMap", "name:{} {}", name_, desc);
+  refuseBadDescriptor(desc);
+  deferChangesOfAsyncShadow(desc);
+  std::unique_ptr<Back> previous = takeDescriptor(desc);
+  if (desc.local || desc.type == MirakType::writer) {
+    mountWriter(std::move(previous));
+  } else {
+    mountReader(std::move(previous));
+  }
+  initialized_ = true;
+  // A reader hears these from attach, once its back end works.
+  if (desc.type == MirakType::writer) {
+    notify_.quiescedFn(true);
+    notify_.mountStatusFn();
+  }
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::assertNotOrphan() const {
   if (assertOnOrphanAccess_) {
-    Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
+    Lomi::fmassert(*debugHandler_, "MirakMap", "init",
                    "Re-initializing a collection that has already become an orphan and has "
                    "assertOnOrphanAccess set");
   }
-  // 2
-  MapDescriptor const& desc = dynamic_cast<MapDescriptor const&>(collectionDescriptor);
-  // 3: also on a repeated init, before the comparison below.
-  if (desc.cleanupOnInit && back_) back_->cleanup();
-  // 4
-  if (initialized_) {
-    if (descriptor_ == desc) {
-      FMTRACE(*debugHandler_, 5, "MirakMap", "name:{} already initialized, new {}", name_, desc);
-      return;
-    }
-    std::string const text =
-        fmt::format("name:{} already initialized, old {}, new {}", name_, descriptor_, desc);
-    FMTRACE(*debugHandler_, 0, "MirakMap", "{}", text);
-    throw Lomi::InvalidInitializeException(text);
+}
+
+template <TablePolicy OpsT>
+bool MirakMap<OpsT>::alreadyMounted(MapDescriptor const& desc) const {
+  if (!initialized_) return false;
+  if (descriptor_ == desc) {
+    FMTRACE(*debugHandler_, 5, "MirakMap", "name:{} already initialized, new {}", name_, desc);
+    return true;
   }
-  // 5
-  FMTRACE(*debugHandler_, 1, "MirakMap", "name:{} {}", name_, desc);
-  // 6
+  std::string const text =
+      fmt::format("name:{} already initialized, old {}, new {}", name_, descriptor_, desc);
+  FMTRACE(*debugHandler_, 0, "MirakMap", "{}", text);
+  throw Lomi::InvalidInitializeException(text);
+}
+
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::refuseBadDescriptor(MapDescriptor const& desc) const {
   if (desc.heap && !desc.local) {
     throw Lomi::InvalidInitializeException(
         "cannot initialize collection {} heap allocation in non-local mode not allowed", name_);
   }
-  // 7
   if (desc.type == MirakType::writer && desc.size == 0) {
     throw Lomi::InvalidInitializeException(
         "0 is not a valid initialization size for collection {} in writer mode", name_);
   }
-  bool const shadowType = desc.type == MirakType::shadow || desc.type == MirakType::keyshadow;
-  // 9: a table without a change queue can't be followed by a shadow. Refused
-  // before step 8 moves the change callbacks: a refused mount must leave the
-  // object as it was, or every later notifyingIs would assert.
+  // A table without a change queue can't be followed by a shadow. Refused
+  // before deferChangesOfAsyncShadow moves the change callbacks: a refused
+  // mount must leave the object as it was, or every later notifyingIs would
+  // assert.
   if constexpr (!Ops::TesselWriter::hasQueue) {
-    if (shadowType) {
+    if (desc.type == MirakType::shadow || desc.type == MirakType::keyshadow) {
       throw Lomi::InvalidInitializeException(
           "cannot initialize collection {} with {}", name_,
           desc.type == MirakType::shadow ? "DummyTesselWriter not supported in shadow mode"
                                          : "DummyTesselWriter not supported in keyshadow mode");
     }
   }
-  // 8: an asynchronous shadow delivers changes through the deferred set. The
-  // move happens once in the object's life.
-  if (!desc.synchronous && !desc.local && shadowType) {
-    notify_.deferChanges();
-    if (!notifying_) {
-      Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
-                     "notifications unexpectedly disabled prior to initialization with "
-                     "asynchronous mode: collection {} is mounted as {} with synchronous false, "
-                     "whose changes arrive only as notifications; call notifyingIs(true) on it "
-                     "before init, or mount it with synchronous set",
-                     name_, desc.type);
-    }
+}
+
+// An asynchronous shadow delivers changes through the deferred set. The move
+// happens once in the object's life.
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::deferChangesOfAsyncShadow(MapDescriptor const& desc) {
+  bool const shadowType = desc.type == MirakType::shadow || desc.type == MirakType::keyshadow;
+  if (desc.synchronous || desc.local || !shadowType) return;
+  notify_.deferChanges();
+  if (!notifying_) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", "init",
+                   "notifications unexpectedly disabled prior to initialization with "
+                   "asynchronous mode: collection {} is mounted as {} with synchronous false, "
+                   "whose changes arrive only as notifications; call notifyingIs(true) on it "
+                   "before init, or mount it with synchronous set",
+                   name_, desc.type);
   }
-  // 10: the old back end leaves `back_` now; it is deleted once the new one
-  // stands, and kept by the placeholder of a failed mount.
+}
+
+// The old back end leaves `back_` here and is returned; it is deleted once
+// the new one stands, and kept by the placeholder of a failed mount.
+template <TablePolicy OpsT>
+auto MirakMap<OpsT>::takeDescriptor(MapDescriptor const& desc) -> std::unique_ptr<Back> {
   retireCounters();
   std::unique_ptr<Back> previous = std::move(back_);
-  // 11
   descriptor_ = desc;
-  // 12: the collection's own handler, named by the collection, so that its
+  // The collection's own handler, named by the collection, so that its
   // traces can be switched on by name before or after the mount.
   debugHandler_ = &Lomi::Platform::getDebugHandler(name_, true);
-  // 13
   if (mounter_) {
-    Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "Mirak mounter should not exist");
+    Lomi::fmassert(*debugHandler_, "MirakMap", "init", "Mirak mounter should not exist");
   }
-  // 14
   if (desc.prevValue) {
-    Lomi::fmassert(*debugHandler_, "MirakMap", __func__,
+    Lomi::fmassert(*debugHandler_, "MirakMap", "init",
                    "prevValue mount-time option enabled without prevValueSupport ZEBO attribute "
                    "enabled");
   }
-  if (desc.local || desc.type == MirakType::writer) {
-    // 15. The sentry comes before the files are published: a process that
-    // can't watch the table (the kernel's inotify limits) fails its start
-    // before any reader could attach to a writer that then lets go.
-    bool ok;
-    try {
-      std::string const type = classType();
-      back_ = newWriter(type, notify_.quiescedFn);
-      handSettings(*back_);
-      if (!desc.local) {
-        mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, back_->rootPath());
-        mounter_->event(eventInit_, false);
-      }
-      ok = back_->initialize("none");
-    } catch (...) {
-      mounter_.reset();
-      back_.reset();
-      initFailed(std::move(previous));
-      throw;
-    }
-    if (!ok) {
-      mounter_.reset();
-      back_.reset();
-      initFailed(std::move(previous));
-      throw Lomi::InvalidInitializeException("failed to initialize collection {}", name_);
-    }
-    previous.reset();
-  } else {
-    // 16
-    if (!shadowType && desc.type != MirakType::reader) {
-      Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "not a valid reader type:{}", desc.type);
-    }
-    try {
-      back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
-      handSettings(*back_);
-    } catch (...) {
-      initFailed(std::move(previous));
-      throw;
-    }
-    previous.reset();
-    try {
-      Mem::NaoRootPath const root = rootPath();
-      mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler_, root, this);
+  return previous;
+}
+
+// The sentry comes before the files are published: a process that can't
+// watch the table (the kernel's inotify limits) fails its start before any
+// reader could attach to a writer that then lets go.
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::mountWriter(std::unique_ptr<Back> previous) {
+  bool ok;
+  try {
+    std::string const type = classType();
+    back_ = newWriter(type, notify_.quiescedFn);
+    handSettings(*back_);
+    if (!descriptor_.local) {
+      mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, back_->rootPath());
       mounter_->event(eventInit_, false);
-    } catch (std::exception const& e) {
-      if (std::getenv("Q7_CHROOT") == nullptr) {
-        mounter_.reset();
-        throw;
-      }
-      // Where the files can't be watched (a chroot without them), the
-      // collection stays on its placeholder; tryAttach may still attach it.
-      FMTRACE(*debugHandler_, 0, "MirakMap", "{} ignoring reader sentry failure (Q7_CHROOT): {}",
-              name_, e.what());
     }
+    ok = back_->initialize("none");
+  } catch (...) {
+    mounter_.reset();
+    back_.reset();
+    initFailed(std::move(previous));
+    throw;
   }
-  // 17
-  initialized_ = true;
-  // 18: a reader hears these from attach, once its back end works.
-  if (desc.type == MirakType::writer) {
-    notify_.quiescedFn(true);
-    notify_.mountStatusFn();
+  if (!ok) {
+    mounter_.reset();
+    back_.reset();
+    initFailed(std::move(previous));
+    throw Lomi::InvalidInitializeException("failed to initialize collection {}", name_);
+  }
+}
+
+// A reader, shadow or keyshadow starts on a placeholder; its sentry attaches
+// the real back end once the writer's files are there.
+template <TablePolicy OpsT>
+void MirakMap<OpsT>::mountReader(std::unique_ptr<Back> previous) {
+  MirakType const type = descriptor_.type;
+  if (type != MirakType::shadow && type != MirakType::keyshadow && type != MirakType::reader) {
+    Lomi::fmassert(*debugHandler_, "MirakMap", "init", "not a valid reader type:{}", type);
+  }
+  try {
+    back_ = std::make_unique<MirakDummy<Ops>>(ops_, *debugHandler_, name_);
+    handSettings(*back_);
+  } catch (...) {
+    initFailed(std::move(previous));
+    throw;
+  }
+  previous.reset();
+  try {
+    Mem::NaoRootPath const root = rootPath();
+    mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler_, root, this);
+    mounter_->event(eventInit_, false);
+  } catch (std::exception const& e) {
+    if (std::getenv("Q7_CHROOT") == nullptr) {
+      mounter_.reset();
+      throw;
+    }
+    // Where the files can't be watched (a chroot without them), the
+    // collection stays on its placeholder; tryAttach may still attach it.
+    FMTRACE(*debugHandler_, 0, "MirakMap", "{} ignoring reader sentry failure (Q7_CHROOT): {}",
+            name_, e.what());
   }
 }
 
@@ -828,13 +873,14 @@ bool MirakMap<OpsT>::disconnectedActiveReader() const {
 
 template <TablePolicy OpsT>
 void MirakMap<OpsT>::attach(std::string const& event) {
-  // 1
   if (mode() == MirakType::writer) {
     Lomi::fmassert(*debugHandler_, "MirakMap", __func__, "invoked for a writer");
   }
-  // 2
+  // The back end in place (usually the placeholder) is the fallback of a
+  // failed attempt.
   std::unique_ptr<Back> fallback = std::move(back_);
-  // 3
+  // The new back end: a reader, the shadow that was already there, or a new
+  // shadow.
   bool const shadowType =
       descriptor_.type == MirakType::shadow || descriptor_.type == MirakType::keyshadow;
   if (!shadowType) {
@@ -855,10 +901,8 @@ void MirakMap<OpsT>::attach(std::string const& event) {
       return;
     }
   }
-  // 4
   FMTRACE(*debugHandler_, 2, "MirakMap", "attempting to attach {} as {}", back_->rootPath(),
           descriptor_.type);
-  // 5
   bool ok;
   try {
     handSettings(*back_);
@@ -869,14 +913,14 @@ void MirakMap<OpsT>::attach(std::string const& event) {
     throw;
   }
   if (ok) {
-    // 6: the client hears of the mount only now that its back end works.
+    // The client hears of the mount only now that its back end works.
     FMTRACE(*debugHandler_, 2, "MirakMap", "successful");
     fallback.reset();
     if (back_->type() == MirakType::reader) notify_.quiescedFn(true);
     notify_.mountStatusFn();
     return;
   }
-  // 7
+  // A failed attempt: the fallback comes back, unless a shadow still flushes.
   FMTRACE(*debugHandler_, 1, "MirakMap", "initialize failed for {}", back_->rootPath());
   if (back_->mountStatus() != Mem::mountStatusFlushing) {
     back_ = std::move(fallback);
@@ -888,19 +932,14 @@ void MirakMap<OpsT>::attach(std::string const& event) {
 
 template <TablePolicy OpsT>
 void MirakMap<OpsT>::tryAttach() const {
-  // 1
   traceRoot(__func__);
-  // 2
   if (!mounter_ || mode() == MirakType::writer) return;
-  // 3
   Mem::MountStatus const before = back_->mountStatus();
   if (before != Mem::mountStatusNotMounted) {
     FMTRACE(*debugHandler_, 5, "MirakMap", "{} is already mounted, mountStatus:{}", name_, before);
     return;
   }
-  // 4
   mounter_->event(eventTryAttach_, false);
-  // 5
   Mem::MountStatus const after = back_->mountStatus();
   if (after != before) {
     Lomi::Util::emitCanaryLog(*debugHandler_,

@@ -179,42 +179,38 @@ MirakReader<OpsT>::MirakReader(Lomi::Platform::DebugHandler& handler, std::strin
 
 template <TablePolicy OpsT>
 bool MirakReader<OpsT>::initialize(std::string const& event) {
-  // 1
   std::string cpuError;
   if (!Mem::Atomics::checkCpuSupport(cpuError)) {
     FMTRACE(handler_, 0, "MirakReader", "{}", cpuError);
     throw Lomi::InvalidInitializeException("Hardware does not support Atomics");
   }
-  // 2
   if (this->initialized()) return true;
   auto fail = [&] {
     map_.bucketReader().detach();
     slots_.detach();
     return false;
   };
-  // 3
+  // Map the bucket file, then the slot header; nothing is validated yet.
   std::string error;
   if (!map_.bucketReader().attach(0, error)) {
     FMTRACE(handler_, 0, "MirakReader", "failed to attach to buckets");
     FMTRACE(handler_, 3, "MirakReader", "{}", error);
     return fail();
   }
-  // 4
   if (!slots_.attach()) {
     FMTRACE(handler_, 0, "MirakReader", "failed to attach to slots");
     return fail();
   }
-  // 5
+  // The kestor file names the generation both files must carry.
   Parcel::KestorFile kestorFile(handler_, rootPath_, false);
   kestorId_ = kestorFile.read();
   double const mtime = kestorFile.mtime();
-  // 6: the writer has not finished: the kestor file is written last.
+  // No kestor: the writer has not finished, it writes the kestor file last.
   if (kestorId_.isZero()) {
     FMTRACE(handler_, 0, "MirakReader", "failed to read kestor file");
     FMTRACE(handler_, 0, "MirakReader", "{}", dumpHeaders());
     return fail();
   }
-  // 7
   if (!map_.bucketReader().validate(kestorId_.value(), error)) {
     FMTRACE(handler_, 0, "MirakReader", "failed to validate buckets");
     FMTRACE(handler_, 0, "MirakReader", "{}", dumpHeaders());
@@ -222,7 +218,6 @@ bool MirakReader<OpsT>::initialize(std::string const& event) {
     kestorId_ = Parcel::KestorId();
     return fail();
   }
-  // 8
   uint64_t fileSize = 0;
   SlotTable::Header const copy = slots_.headerCopy(&fileSize);
   if (!copy.validate(handler_, fileSize, kestorId_, error, Slots::Geometry::slotSize)) {
@@ -245,7 +240,6 @@ bool MirakReader<OpsT>::initialize(std::string const& event) {
     kestorId_ = Parcel::KestorId();
     return fail();
   }
-  // 9
   reformatSeen_ = false;
   this->initializedIs(true);
   if (handler_.enabled(1)) {

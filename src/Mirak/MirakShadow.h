@@ -220,7 +220,7 @@ template <TablePolicy OpsT>
 bool MirakShadow<OpsT>::initialize(std::string const& event) {
   FMTRACE(this->handler_, 5, "MirakShadow", "doInitialize {} event:{}", reader_.rootPath(), event);
   try {
-    // 1: a second initialize only mends the connection.
+    // A second initialize only mends the connection.
     if (this->initialized()) {
       if (this->writerLost()) {
         this->rejoin();
@@ -235,12 +235,12 @@ bool MirakShadow<OpsT>::initialize(std::string const& event) {
       FMTRACE(this->handler_, 1, "MirakShadow", "{} still flushing", reader_.rootPath());
       return false;
     }
-    // 2
+    // The reader maps and validates the table's files.
     if (!reader_.initialize(event)) {
       FMTRACE(this->handler_, 0, "MirakShadow", "mirak.initialize() Failed");
       return false;
     }
-    // 3
+    // The private copy: keys only, or keys and values.
     bool const notifyOnFlush = this->shadowFlags() & shadowFlagNotifyOnFlush;
     if (this->shadowFlags() & shadowFlagKeyOnly) {
       store_ = std::make_unique<KeyShadowStore<Ops>>(this->handler_, reader_, this->tesselReader(),
@@ -249,12 +249,10 @@ bool MirakShadow<OpsT>::initialize(std::string const& event) {
       store_ = std::make_unique<ShadowStore<ValueShadowSlot<Ops>>>(
           this->handler_, reader_, this->tesselReader(), owner_->notify(), notifyOnFlush);
     }
-    // 4
     if (!store_->initialize()) return false;
-    // 5
+    // The queue, from which the first sweep and every change after it come.
     this->syncedIs(false);
     if (!this->initializeTessel(reader_.kestorId().value())) return false;
-    // 6
     this->initializedIs(true);
     return true;
   } catch (Lomi::CorruptionDetectedException const& e) {
@@ -266,12 +264,10 @@ bool MirakShadow<OpsT>::initialize(std::string const& event) {
 
 template <TablePolicy OpsT>
 void MirakShadow<OpsT>::syncComplete() {
-  // 1
   Reader::Counters& c = reader_.counters();
   c.syncSequence = c.sequence = MirakShadowBase::sequence();
-  // 2
   FMTRACE(this->handler_, 1, "MirakShadow", "Synchronization complete, seq:{}", c.sequence);
-  // 3: the first sweep of an asynchronous mount ran with the client's change
+  // The first sweep of an asynchronous mount ran with the client's change
   // callbacks held back; from now on they are live.
   if (!this->synced()) {
     this->syncedIs(true);
@@ -284,14 +280,13 @@ void MirakShadow<OpsT>::syncComplete() {
     }
     n.mountStatusFn();
   }
-  // 4, 5
+  // The queue's changes flow from here on.
   this->maybeEnableTessel();
   handleQuiesced(quiesced());
 }
 
 template <TablePolicy OpsT>
 void MirakShadow<OpsT>::detach(bool forced) {
-  // 1
   if (!this->initialized()) {
     FMTRACE(this->handler_, 5, "MirakShadow", "already detached");
     if (flushing_) {
@@ -303,29 +298,27 @@ void MirakShadow<OpsT>::detach(bool forced) {
     }
     return;
   }
-  // 2, 3: the table and the queue go before the flush, which works on the
+  // The table and the queue go before the flush, which works on the
   // copy alone.
   this->detachTessel();
   reader_.detach(false);
-  // 4, 5: forced, flushComplete runs inside and finds initialized() still
+  // Forced, flushComplete runs inside and finds initialized() still
   // true, so it leaves the front object to go on by itself.
   flushing_ = true;
   this->syncedIs(false);
   this->syncer().sync(store_ ? store_->numSlots() : 0, SyncerMode::flush, !forced);
-  // 6, 7
   this->initializedIs(false);
   FMTRACE(this->handler_, 2, "MirakShadow", "detached");
 }
 
 template <TablePolicy OpsT>
 void MirakShadow<OpsT>::flushComplete() {
-  // 1, 2
   FMTRACE(this->handler_, 1, "MirakShadow", "Flush complete");
   if (store_) store_->disable();
   flushing_ = false;
-  // 3
+  // A forced detach is still running (it called the flush): it goes on.
   if (this->initialized()) return;
-  // 4, 5. The placeholder takes this object over; the sentry's attach that
+  // The placeholder takes this object over; the sentry's attach that
   // follows may delete it (with the placeholder), so nothing of `this` is
   // touched after the event.
   Owner* const owner = owner_;
@@ -339,18 +332,15 @@ void MirakShadow<OpsT>::flushComplete() {
 
 template <TablePolicy OpsT>
 void MirakShadow<OpsT>::handleDisconnect() {
-  // 1
   if (!this->notifying() && !this->syncFromTessel() && this->handler_.enabled(1)) {
     Lomi::fmtrace(this->handler_, 1, "MirakShadow", __func__,
                   "disconnected while rusk processing is disabled, syncer mode:{} done:{}",
                   int(this->syncer().mode()), this->syncer().done());
   }
-  // 2
   if (flushing_ || !this->initialized()) return;
   // The copy stays as it is and keeps answering; a writer that comes back
   // with the same files is rejoined (MirakShadowBase, step 6).
   this->writerLostIs();
-  // 3
   owner_->handleDisconnect();
 }
 

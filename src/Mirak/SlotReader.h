@@ -54,6 +54,11 @@ class SlotReaderTable {
   using Value = typename Ops::Value;
   using Geometry = SlotGeometry<Value>;
   using SlotT = typename Geometry::SlotT;
+  // The word test of the reader's side of the slot-table concept (see
+  // MirakCore/ReaderHashMap.h).
+  static constexpr bool occupied(uint32_t versionFlags) {
+    return (versionFlags & SlotTable::OCCUPIED) != 0;
+  }
   // The private version before the first doResize: no header holds it, so the
   // first doResize always maps the slots.
   static constexpr uint32_t kNoVersion = 0xffffffffu;
@@ -181,9 +186,7 @@ class SlotReaderTable {
         source = header_->lookaside();
       }
       uint32_t const rhash = Mem::loadRelaxed(source->rhash);
-      Mem::copyUnderSeqlock(&value,
-                            reinterpret_cast<char const*>(source) + sizeof(SlotTable::SlotHead),
-                            sizeof(Value));
+      Mem::copyUnderSeqlock(&value, SlotTable::valueBytes(source), sizeof(Value));
       // Keeps the copy's loads before the re-load of the word.
       Mem::acquireFence();
       uint32_t const again = Mem::loadAcquire(s->versionFlags);

@@ -38,10 +38,13 @@ Header* Header::format(void* mem, Lomi::Platform::DebugHandler const& handler, u
   //      sees the version move and is taken again (Mem::safeHeaderCopy).
   //   3: the other fields, the lookaside slot and the slots.
   auto* h = static_cast<Header*>(mem);
-  Mem::storeRelease(h->kestor, kestor.value());                                                // 1
-  Mem::storeRelease(h->numSlots, Mem::VersionedRef<unsigned int>{numSlotsVersion, numSlots});  // 2
+  // Format step 1.
+  Mem::storeRelease(h->kestor, kestor.value());
+  // Format step 2.
+  Mem::storeRelease(h->numSlots, Mem::VersionedRef<unsigned int>{numSlotsVersion, numSlots});
   Mem::releaseFence();
-  std::memcpy(h->magic, kMagic, sizeof kMagic);  // 3
+  // Format step 3.
+  std::memcpy(h->magic, kMagic, sizeof kMagic);
   h->version = kFormatVersion;
   h->platform = Compatibility::kPlatform;
   // Bytes behind the terminator are left as found; the checksum covers them.
@@ -62,7 +65,7 @@ Header* Header::format(void* mem, Lomi::Platform::DebugHandler const& handler, u
     Mem::storeRelease(s->link, SlotLink{0, kNoSlot});
     Mem::storeRelease(s->versionFlags, 0u);
     Mem::storeRelease(s->rhash, 0u);
-    std::memcpy(p + sizeof(SlotHead), defaultValue, valueSize);
+    std::memcpy(valueBytes(s), defaultValue, valueSize);
   };
   char* base = static_cast<char*>(mem);
   formatSlot(base + kHeaderFixedSize);

@@ -107,6 +107,16 @@ static_assert(sizeof(SlotHead) == 16);
 static_assert(offsetof(SlotHead, versionFlags) == 8);
 static_assert(offsetof(SlotHead, rhash) == 12);
 
+// The value bytes behind a slot head, at offset 16 of a slot or of the
+// lookaside slot. Every access to a value through a head (the reader's copy,
+// the writer's lookaside, the format) takes its address here.
+inline char* valueBytes(SlotHead* head) {
+  return reinterpret_cast<char*>(head) + sizeof(SlotHead);
+}
+inline char const* valueBytes(SlotHead const* head) {
+  return reinterpret_cast<char const*>(head) + sizeof(SlotHead);
+}
+
 // A slot of a table whose values are `Value`. sizeof(Slot<Value>) is the
 // table's slotSize: 16 + sizeof(Value) rounded up to 8 by the alignment of the
 // link.
@@ -169,6 +179,8 @@ struct Header {
     return reinterpret_cast<SlotHead const*>(reinterpret_cast<char const*>(this) +
                                              kHeaderFixedSize);
   }
+  // The lookaside slot's value bytes (valueSize of them).
+  char* lookasideValue() { return valueBytes(lookaside()); }
   // The word at which a grow starts the slots it formats: above every word a
   // slot cut off by a compaction of this generation ever had. The writer's
   // alone; 0 after formatting.

@@ -6,8 +6,8 @@
 //
 // Safety (one writer thread; any number of reader processes mapping read-only):
 //  1. New slots are formatted completely before the capacity that covers them
-//     is published (grow steps 5-8), and the free list is joined last (step 9):
-//     a reader that learns the new capacity finds formatted slots.
+//     is published (grow), and the free list is joined last: a reader that
+//     learns the new capacity finds formatted slots.
 //  2. Every link store is one 8-byte release store that adds 4 to the link's
 //     version; the `numSlots` pair is one 8-byte release store that adds 1.
 //  3. Bit 0 of `runtimeFlags` is set while the table may be inconsistent. It is
@@ -37,8 +37,10 @@
 #include "Mem/ParcelWrapper.h"
 #include "Mem/VersionAnchor.h"
 #include "Mirak/Counters.h"
+#include "Mirak/SlotLink.h"
 #include "Mirak/SlotTable.h"
 #include "Mirak/TableFullException.h"
+#include "MirakCore/AttachResult.h"
 #include "Parcel/KestorId.h"
 
 namespace Mirak {
@@ -62,10 +64,14 @@ class SlotWriterTable {
   using SlotT = typename Geometry::SlotT;
   static constexpr uint32_t kNoSlot = SlotTable::kNoSlot;
 
-  // Attach results.
-  static constexpr int kNewFile = 1;
-  static constexpr int kExistingFile = 2;
-  static constexpr int kReformatted = 4;
+  // The table's side of the hash map's slot-table concept (see
+  // MirakCore/WriterHashMap.h): the link a slot starts with, the statistics the
+  // map adds to, and the word test that says a slot holds an entry.
+  using Link = SlotLink;
+  using Counters = Writer::Counters;
+  static constexpr bool occupied(uint32_t versionFlags) {
+    return (versionFlags & SlotTable::OCCUPIED) != 0;
+  }
 
   struct Slots {
     SlotT* base = nullptr;
@@ -105,8 +111,8 @@ class SlotWriterTable {
   virtual ~SlotWriterTable() = default;
 
   // Formats or adopts the file; see the header comment of attach() in the .cpp
-  // notes below. Returns kNewFile, kExistingFile or kReformatted.
-  int attach(Parcel::KestorId kestor);
+  // notes below. Returns attachNew, attachKept or attachReformatted.
+  MirakCore::AttachResult attach(Parcel::KestorId kestor);
   virtual void detach();
 
   virtual uint32_t capacity() const { return capacity_; }
@@ -251,7 +257,7 @@ void SlotWriterTable<Value>::refresh() {
 }
 
 template <typename Value>
-int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
+MirakCore::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   detach();
   uint64_t const existing = wrapper_.memSize();
   uint64_t const size =
@@ -290,7 +296,7 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
     refresh();
     FMTRACE(handler_, 2, "SlotWriterTable", "to existing {}", name_);
     FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
-    return kExistingFile;
+    return MirakCore::attachKept;
   }
   // A re-format carries the size version on, so that a reader still mapping
   // the old generation sees it move (and never meets a version it knew).
@@ -326,13 +332,13 @@ int SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   refresh();
   addFreeSlots(0, minSlots_);
   Mem::storeRelease(header_->freeSlots, 0u);
-  int result;
+  MirakCore::AttachResult result;
   if (existing != 0) {
     FMTRACE(handler_, 1, "SlotWriterTable", "re-formatted {}", name_);
-    result = kReformatted;
+    result = MirakCore::attachReformatted;
   } else {
     if (!wrapper_.local()) FMTRACE(handler_, 2, "SlotWriterTable", "to new file {}", name_);
-    result = kNewFile;
+    result = MirakCore::attachNew;
   }
   FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
   return result;
@@ -363,38 +369,32 @@ void SlotWriterTable<Value>::addFreeSlots(uint32_t start, uint32_t end) {
 
 template <typename Value>
 bool SlotWriterTable<Value>::grow() {
-  // 1: the free list is empty, so every slot must be in use.
+  // The free list is empty, so every slot must be in use.
   if (header_->occupiedSlots != header_->numSlots.value) {
     throw Lomi::CorruptionDetectedException(
         "the slot table is full but numSlots: {} and occupiedSlots: {} are not equal",
         header_->numSlots.value, header_->occupiedSlots);
   }
-  // 2
   if (config_.fixedSize) return false;
-  // 3
   uint32_t const c = capacity_;
   uint32_t const n = nextCapacity(c, config_.maxSlots);
-  // 4
   resize(n);
   header_ = static_cast<SlotTable::Header*>(wrapper_.base());
-  // 5: format the new slots before anyone can learn of them. Their words
+  // Safety rule 1: format the new slots before anyone can learn of them. Their words
   // start at the regrowth floor: a slot that a compaction cut off and this
   // grow brings back must not repeat a word it had.
   auto* newBase = reinterpret_cast<SlotT*>(base() + Geometry::headerSize);
   uint32_t const floor = header_->regrowthFloor();
   for (uint32_t i = c; i < n; i++) formatSlot(newBase[i], floor);
-  // 6
   slots_.base = newBase;
   slots_.maxIndex = n - 1;
   addFreeSlots(c, n);
-  // 7
   if (header_->mostSlots < n) Mem::storeRelease(header_->mostSlots, n);
-  // 8: publish the capacity. Readers learn of the new size here.
+  // Publish the capacity: readers learn of the new size here.
   Mem::storeRelease(header_->numSlots,
                     Mem::VersionedRef<unsigned int>{header_->numSlots.version + 1, n});
-  // 9: join the free list last.
+  // Join the free list last (safety rule 1).
   Mem::storeRelease(header_->freeSlots, c);
-  // 10
   FMTRACE(handler_, 2, "SlotWriterTable", "{} from {} slots to {}", name_, c, n);
   refresh();
   counters_.slotGrows++;
@@ -448,7 +448,7 @@ template <typename Value>
 void SlotWriterTable<Value>::shrinkTo(uint32_t newNumSlots) {
   FMASSERT(newNumSlots < capacity_ && newNumSlots != 0, handler_, "SlotWriterTable",
            "bad threshold: {} numSlots:{}", newNumSlots, capacity_);
-  // 9
+  // Step 9 of the order above: the floor, then numSlots.
   uint32_t floor = header_->regrowthFloor();
   for (uint32_t i = newNumSlots; i < capacity_; i++) {
     // The next multiple of 4 above the word: above it whatever its flags.
@@ -458,7 +458,7 @@ void SlotWriterTable<Value>::shrinkTo(uint32_t newNumSlots) {
   Mem::storeRelease(header_->regrowthFloor(), floor);
   Mem::storeRelease(header_->numSlots,
                     Mem::VersionedRef<unsigned int>{header_->numSlots.version + 1, newNumSlots});
-  // 10
+  // Step 10 of the order above.
   resize(newNumSlots);
   refresh();
   counters_.slotShrinks++;
@@ -467,18 +467,14 @@ void SlotWriterTable<Value>::shrinkTo(uint32_t newNumSlots) {
 template <typename Value>
 uint32_t SlotWriterTable<Value>::dealloc(uint32_t index) {
   SlotT& s = slots_[index];
-  // 1
   uint32_t const oldHead = header_->freeSlots;
-  // 2: the value is no longer live; a reader inside it restarts.
+  // The value is no longer live; a reader inside it restarts.
   Mem::storeRelease(s.versionFlags, s.versionFlags & ~SlotTable::OCCUPIED);
-  // 3
+  // Then the slot heads the free list (readers never walk it).
   Mem::storeRelease(header_->freeSlots, index);
-  // 4
   Mem::storeRelease(s.link, SlotLink{s.link.version + SlotLink::kVersionStep, oldHead});
-  // 5
   Mem::storeRelease(header_->occupiedSlots, header_->occupiedSlots - 1);
   counters_.slotsFreed++;
-  // 6
   return header_->occupiedSlots < shrinkThreshold_ / 2 ? shrinkThreshold_ : 0;
 }
 

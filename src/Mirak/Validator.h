@@ -2,8 +2,9 @@
 // before it adopts files it found, and whenever a reader reports damage.
 //
 // It cross-checks four views of the same slots and repairs nothing:
-//   - the hash chains, walked with the writer hash map's own first/next, which
-//     call markOccupied for every slot they reach (and check its rhash);
+//   - the hash chains, walked with the writer hash map's own first/next, whose
+//     visitor (visitSlot) checks the rhash of every slot they reach and calls
+//     markOccupied for it;
 //   - the free list, walked from the header's `freeSlots`;
 //   - the header's counters (`occupiedSlots`, the capacity in `numSlots`);
 //   - the change queue, where the table has a real one: each occupied slot's
@@ -28,8 +29,6 @@
 //   - Build one per check, on the writer's thread, while no write runs. It
 //     reads the files and stores nothing into them, so readers attached to
 //     the files are not disturbed. A validator is not reused.
-//   - The caller makes it known to the hash map (WriterHashMap::validatorIs)
-//     for the length of the walk, and takes it away afterwards.
 //   - Failures: doValidate, walkOccupiedSlots, walkFreeSlots and
 //     walkTesselQueue return false with the text in error(), traced at level
 //     0. markOccupied, the hash map's own checks and out-of-range indices throw
@@ -54,10 +53,10 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
+#include "Lomi/Util.h"
 #include "Mem/Atomics.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/SlotTable.h"
-#include "MirakCore/WriterHashMap.h"
 #include "Parcel/KestorId.h"
 #include "Wend/Local.h"
 
@@ -79,7 +78,7 @@ concept AuditableQueue = Q::hasQueue && requires(Q const& q, std::string& error)
 // `Writer` is the table's MirakWriter<Ops>: it offers slotTable(),
 // hashMap() and tesselWriter().
 template <typename Ops, typename Writer>
-class Validator : public MirakCore::SlotMarker {
+class Validator {
  public:
   using Key = typename Ops::Key;
   using Value = typename Ops::Value;
@@ -115,10 +114,13 @@ class Validator : public MirakCore::SlotMarker {
   // false). Whoever runs the walks one by one calls it before the chain walk.
   void fitTesselMarks();
 
-  // Called by the hash map's walk for every slot it reaches. Throws
-  // Lomi::CorruptionDetectedException on the first failure, whose text stays
-  // in error().
-  void markOccupied(uint32_t slotIndex) override;
+  // The chain walk's visitor, called by the hash map's walk for every slot it
+  // reaches: the slot's rhash must be its key's reversed hash `hash`, then
+  // markOccupied. Throws Lomi::CorruptionDetectedException on the first
+  // failure, whose text stays in error() (a bad rhash throws without it).
+  template <typename AnySlot>
+  void visitSlot(uint32_t slotIndex, AnySlot const& s, uint32_t hash, bool slowPath);
+  void markOccupied(uint32_t slotIndex);
 
   std::string const& error() const { return error_; }
   uint32_t occupiedCount() const { return occupiedCount_; }
@@ -163,9 +165,20 @@ class Validator : public MirakCore::SlotMarker {
 
 // ---------------------------------------------------------------------------
 
+// The audit's steps:
+//   1. the bucket file's header;
+//   2. the slot file's header, and no critical section left open;
+//   3. the queue's headers (tables with a queue);
+//   4. any failure of 1-3 ends the audit;
+//   5. fitTesselMarks;
+//   6. the chain walk (walkOccupiedSlots);
+//   7. the free-list walk (walkFreeSlots);
+//   8. occupied + free = capacity;
+//   9. the queue walk (walkTesselQueue).
 template <typename Ops, typename Writer>
 bool Validator<Ops, Writer>::doValidate(Parcel::KestorId kestor) {
-  // 1-3 all run, whatever an earlier one said; each may overwrite error_.
+  // Steps 1-3 all run, whatever an earlier one said; each may overwrite
+  // error_.
   bool const buckets = writer_->hashMap().bucketWriter().validate(kestor.value(), error_);
   bool slots;
   SlotTable::Header const* h = writer_->slotTable().header();
@@ -188,21 +201,20 @@ bool Validator<Ops, Writer>::doValidate(Parcel::KestorId kestor) {
   if constexpr (kHasQueue) {
     tessel = queue().validate(kestor.value(), h ? h->mostSlots : 0, error_);
   }
-  // 4
+  // Step 4.
   if (!buckets || !slots || !tessel) return false;
   error_.clear();
-  // 5
+  // Steps 5-7.
   fitTesselMarks();
-  // 6, 7
   if (!walkOccupiedSlots()) return false;
   if (!walkFreeSlots()) return false;
-  // 8: every slot is on exactly one of the two lists.
+  // Step 8: every slot is on exactly one of the two lists.
   uint32_t const numSlots = Mem::loadAcquire(h->numSlots).value;
   if (occupiedCount_ + freeCount_ != numSlots) {
     return fail("bad slotCount:{} occupiedSlots:{} freeSlots:{} capacity:{}",
                 occupiedCount_ + freeCount_, occupiedCount_, freeCount_, numSlots);
   }
-  // 9
+  // Step 9.
   return walkTesselQueue();
 }
 
@@ -222,14 +234,17 @@ bool Validator<Ops, Writer>::walkOccupiedSlots() {
   Value value{};
   IterHint hint{};
   uint32_t walked = 0;
+  auto visit = [this](uint32_t index, SlotT const& s, uint32_t hash, bool slowPath) {
+    visitSlot(index, s, hash, slowPath);
+  };
   try {
-    for (bool more = map.first(0, value, hint); more;) {
+    for (bool more = map.first(0, value, hint, visit); more;) {
       // A cycle that the marks do not catch ends here.
       if (++walked > occupied) {
         return fail("walkedSlots:{} is greater than header->occupiedSlots:{}", walked, occupied);
       }
       Key const key = Ops::key(value);
-      more = map.next(key, value, hint);
+      more = map.next(key, value, hint, visit);
     }
   } catch (Lomi::CorruptionDetectedException const&) {
     // next() takes a failure in its fast path for a possible concurrent change
@@ -249,6 +264,23 @@ bool Validator<Ops, Writer>::walkOccupiedSlots() {
     return fail("mismatch header->occupiedSlots:{} count:{}", occupied, occupiedCount_);
   }
   return true;
+}
+
+template <typename Ops, typename Writer>
+template <typename AnySlot>
+void Validator<Ops, Writer>::visitSlot(uint32_t slotIndex, AnySlot const& s, uint32_t hash,
+                                       bool slowPath) {
+  uint32_t const r = Lomi::Util::reverse(hash);
+  if (r != s.rhash) {
+    if (slowPath) {
+      throw Lomi::CorruptionDetectedException(
+          "corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:0x}", slotIndex, s.rhash,
+          r);
+    }
+    throw Lomi::CorruptionDetectedException(
+        "corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:08x}", slotIndex, s.rhash, r);
+  }
+  markOccupied(slotIndex);
 }
 
 template <typename Ops, typename Writer>
@@ -333,7 +365,7 @@ bool Validator<Ops, Writer>::walkTesselQueue() {
       uint32_t const slotIndex = n.slot;
       uint64_t const seq = n.sequence;
       uint32_t const tesselSlot = q.tesselSlots(slotIndex);
-      // 1: inside a slot compaction's corral, entries were moved and their
+      // Inside a slot compaction's corral, entries were moved and their
       // slots' real positions lie behind it; none may be current here.
       if (start != 0 && seq >= start && (end == 0 || seq <= end)) {
         if (tesselSlot == pos) {
@@ -341,17 +373,17 @@ bool Validator<Ops, Writer>::walkTesselQueue() {
         }
         continue;
       }
-      // 2
+      // A tombstone: no occupied slot may claim it.
       if (slotIndex == kNoPos) {
         if (tesselMarks_[pos]) return fail("active tombstone pos:{}", pos);
         continue;
       }
-      // 3: a notification that no occupied slot claims must be a removal's.
+      // A notification that no occupied slot claims must be a removal's.
       if (!tesselMarks_[pos] && slotIndex < cap &&
           (Mem::loadAcquire(slot(slotIndex).versionFlags) & SlotTable::OCCUPIED)) {
         return fail("occupied slot:{} on deleted notification:{}", slotIndex, pos);
       }
-      // 4
+      // Any other live notification is its slot's current one.
       if (pos != tesselSlot) {
         return fail("tessel pos:{} has slot:{} seq:{} with wrong tesselSlot:{}", pos, slotIndex,
                     seq, tesselSlot);

@@ -41,6 +41,7 @@
 #include "Mem/Error.h"
 #include "Mem/ParcelWrapper.h"
 #include "Mem/SharedGround.h"
+#include "MirakCore/AttachResult.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketTable.h"
 
@@ -59,8 +60,6 @@ class BucketWriter {
   // is the whole table) is enough; the hash map doubles it as entries arrive.
   static constexpr uint32_t kInitialNumBuckets = 1;
 
-  enum AttachResult : int { attachNew = 1, attachExisting = 2, attachReformatted = 4 };
-
   // `directory` is the table's root directory; empty makes a local table in
   // private memory. Nothing is mapped until attach.
   BucketWriter(Lomi::Platform::DebugHandler& handler, std::string const& directory)
@@ -77,11 +76,11 @@ class BucketWriter {
   uint32_t initialNumBuckets() const { return initialNumBuckets_; }
 
   // Maps the file and returns attachNew (1) if there was none (or the table is
-  // local) and it was formatted, attachExisting (2) if its identification
+  // local) and it was formatted, attachKept (2) if its identification
   // matches `kestor` and it validates (it is kept as found), attachReformatted
   // (4) if it was there but had to be formatted again. A `kestor` of 0 adopts
   // a sound file of any generation.
-  int attach(uint32_t kestor) {
+  AttachResult attach(uint32_t kestor) {
     detach();
     if (wrapper_.local()) {
       format(kestor, 0, 0);
@@ -108,7 +107,7 @@ class BucketWriter {
       if (Header::check(h.id, count, length, kestor, name(), error)) {
         adopt(count.value);
         FMTRACE(handler_, 3, "BucketWriter", "adopted {}: {}", name(), header_->toString());
-        return attachExisting;
+        return attachKept;
       }
       // Readers still attached to the old generation see the pair move.
       carriedVersion = count.version + 1;
@@ -299,9 +298,9 @@ class BucketWriter {
       setCount(count);
     }
     Header& h = *header_;
-    std::memset(h.id.magic, 0, sizeof h.id.magic);  // 1
+    std::memset(h.id.magic, 0, sizeof h.id.magic);  // format step 1
     Mem::releaseFence();
-    h.id.version = Table::kFormatVersion;  // 2
+    h.id.version = Table::kFormatVersion;  // format step 2
     h.id.kestor = kestor;
     uint32_t const bits = bucketFactor_;
     Link* e = h.entries();
@@ -313,12 +312,12 @@ class BucketWriter {
       Link link{};
       link.version = 0;
       link.next = next;
-      Mem::storeRelease(e[i], link);  // 3
+      Mem::storeRelease(e[i], link);  // format step 3
     }
     Mem::storeRelease(h.numBuckets,
-                      Mem::VersionedRef<unsigned int>{numBucketsVersion, count});  // 4
+                      Mem::VersionedRef<unsigned int>{numBucketsVersion, count});  // format step 4
     Mem::releaseFence();
-    std::memcpy(h.id.magic, Table::kMagic, sizeof Table::kMagic);  // 5
+    std::memcpy(h.id.magic, Table::kMagic, sizeof Table::kMagic);  // format step 5
     FMTRACE(handler_, 3, "BucketWriter", "formatted {}: {}", name(), h.toString());
   }
 

@@ -31,8 +31,14 @@
 // Loads: links and the header's pairs are 8-byte acquire loads, `versionFlags`
 // acquire loads; their program order is part of the protocol.
 //
-// `Reader` supplies: `Ops`, `slotTable()` (a Mirak::SlotReaderTable<Ops>&),
-// `ops()`, `counters()` (a Mirak::Reader::Counters&) and `valueBuffer()`.
+// `Reader` supplies: `Ops` (Key, Value, key(), keyLess(), keyText(),
+// defaultValue(), and `hash` through `ops()`), `Slots`, `slotTable()` (a
+// Slots&), `counters()` (statistics with the u64 fields retries, nextSlowPath
+// and slowPathSteps) and `valueBuffer()`. `Slots`, the reader's side of the
+// slot-table concept, supplies `SlotT` (whose first member is its SlotLink
+// `link`, then `versionFlags`), `slots()`, `capacity()`, `static bool
+// occupied(uint32_t versionFlags)` and `getValue(index, value)`, the copy under
+// the slot's sequence word returning the word and the rhash it was read with.
 // One thread per object: the internal value buffer and the version anchor
 // belong to the reader object.
 #pragma once
@@ -46,13 +52,10 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Atomics.h"
-#include "Mirak/Counters.h"
-#include "Mirak/IterHint.h"
-#include "Mirak/SlotLink.h"
-#include "Mirak/SlotReader.h"
-#include "Mirak/SlotTable.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketReader.h"
+#include "MirakCore/IterHint.h"
+#include "MirakCore/SlotLink.h"
 
 namespace MirakCore {
 
@@ -62,7 +65,9 @@ class ReaderHashMap {
   using Ops = typename Reader::Ops;
   using Key = typename Ops::Key;
   using Value = typename Ops::Value;
-  using Link = Mirak::SlotLink;
+  using Slots = typename Reader::Slots;
+  using SlotT = typename Slots::SlotT;
+  using Link = SlotLink;
   using Buckets = BucketReader<Link>;
 
   // `directory` is the table's root directory; nothing is mapped here.
@@ -76,9 +81,9 @@ class ReaderHashMap {
   Value const* lookup(Key const& key, bool& found, void* buffer) const;
   // The first entry at or after `bucket` in walk order. `rhash`, if given,
   // receives the entry's rhash.
-  bool first(uint32_t bucket, Value& value, Mirak::IterHint& hint, uint32_t* rhash = nullptr) const;
+  bool first(uint32_t bucket, Value& value, IterHint& hint, uint32_t* rhash = nullptr) const;
   // The entry after `key` (the key of the entry last returned, with its hint).
-  bool next(Key const& key, Value& value, Mirak::IterHint& hint) const;
+  bool next(Key const& key, Value& value, IterHint& hint) const;
   // Throws unless `next` may follow `bucket` in the walk under the private
   // count n, n/2 or 2n.
   void verifyNextBucket(uint32_t bucket, uint32_t next) const;
@@ -104,12 +109,12 @@ class ReaderHashMap {
   bool keyAfter(Key const& key, uint32_t thanRhash, Key const& than) const {
     return after(Lomi::Util::reverse(hashOf(key)), key, thanRhash, than);
   }
-  bool nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const;
-  Mirak::SlotReaderTable<Ops>& slots() const { return reader_->slotTable(); }
-  Mirak::Reader::Counters& counters() const { return reader_->counters(); }
+  bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
+  Slots& slots() const { return reader_->slotTable(); }
+  auto& counters() const { return reader_->counters(); }
   uint32_t hashOf(Key const& key) const { return reader_->ops().hash(key); }
   static std::string keyHex(Key const& key) { return Lomi::Util::dumpHex(&key, sizeof(Key)); }
-  static bool occupied(uint32_t word) { return (word & Mirak::SlotTable::OCCUPIED) != 0; }
+  static bool occupied(uint32_t word) { return Slots::occupied(word); }
 
   Lomi::Platform::DebugHandler& handler_;
   Buckets buckets_;
@@ -180,7 +185,7 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
   uint32_t const bucket = hash & (n - 1);
   uint32_t const target = Lomi::Util::reverse(hash);
   for (;;) {
-    // 1: the link that leads to the next slot, as one pair.
+    // Safety rule 2: the link that leads to the next slot, as one pair.
     Link const* prevLink = &buckets_[bucket];
     Link link = Mem::loadAcquire(*prevLink);
     uint32_t const capacity = table.capacity();
@@ -201,17 +206,17 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
         throw Lomi::CorruptionDetectedException(
             "hash chain cycle detected, slotCount:{} capacity:{}", slotCount, capacity);
       }
-      // 2: the slot, under its sequence word.
+      // Safety rule 1: the slot, under its sequence word.
       auto const read = table.getValue(curr, out);
       slotKey = Ops::key(out);
-      // 3: still reached over the same link?
+      // Safety rule 2: still reached over the same link?
       if (linkMoved(prevVersion)) break;
-      // 4
+      // Safety rule 3.
       if (!occupied(read.word)) {
         throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}", curr,
                                                 keyHex(slotKey));
       }
-      // 5
+      // Past the key's place in table order, or on the key itself.
       if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
         if (linkMoved(prevVersion)) break;
         passed = true;
@@ -222,14 +227,12 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
         found = true;
         return &out;
       }
-      // 6: this slot's link, as one pair.
+      // Safety rule 2 for the next step: this slot's link, as one pair, then
+      // the link that led here once more.
       Link const* const nextLink = &table.slots()[curr].link;
       Link const step = Mem::loadAcquire(*nextLink);
-      // 7
       if (linkMoved(prevVersion)) break;
-      // 8
       keyCheck(slotKey, bucket, KeyCheck::lookup);
-      // 9
       prevLink = nextLink;
       prevVersion = step.version;
       curr = step.next;
@@ -247,7 +250,7 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
 }
 
 template <typename Reader>
-bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint& hint,
+bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, IterHint& hint,
                                   uint32_t* rhash) const {
   uint32_t const n = buckets_.numBuckets();
   if (n == 0) {
@@ -286,7 +289,7 @@ bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint
     }
     keyCheck(slotKey, bucket, KeyCheck::first);
     if (rhash) *rhash = read.rhash;
-    hint = Mirak::IterHint{read.word, curr, bucket};
+    hint = IterHint{read.word, curr, bucket};
     FMTRACE(handler_, 9, "ReaderHashMap", "{} found at bucket {}, saving {}", Ops::keyText(slotKey),
             bucket, hint);
     return true;
@@ -294,7 +297,7 @@ bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, Mirak::IterHint
 }
 
 template <typename Reader>
-bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint& hint) const {
+bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, IterHint& hint) const {
   uint32_t const n = buckets_.numBuckets();
   if (n == 0) {
     FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
@@ -317,12 +320,12 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
   // not come back on itself, whatever the links of a damaged file say: it
   // returns at most as many entries as the table holds, then ends or throws.
   if (hint.slotIndex < table.capacity() && hint.bucket < n) {
-    Mirak::SlotTable::Slot<Value> const& from = table.slots()[hint.slotIndex];
-    // 1, 2: the hint's slot still holds the entry the caller saw.
+    SlotT const& from = table.slots()[hint.slotIndex];
+    // The hint's slot still holds the entry the caller saw.
     Link const link = Mem::loadAcquire(from.link);
     if (Mem::loadAcquire(from.versionFlags) == hint.versionFlags) {
       uint32_t const keyRhash = Lomi::Util::reverse(hashOf(key));
-      // 3
+      // The hint's slot ends its chain: the walk goes on in the next bucket.
       if (Link::isEndOfChain(link.next)) {
         uint32_t const nextBucket = link.next == Link::kEndOfTable ? 0 : Link::indexOf(link.next);
         if (nextBucketFits(hint.bucket, nextBucket)) {
@@ -332,7 +335,7 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
           }
           FMTRACE(handler_, 9, "ReaderHashMap", "{} next bucket {} using {}", Ops::keyText(key),
                   nextBucket, hint);
-          Mirak::IterHint const before = hint;
+          IterHint const before = hint;
           uint32_t rhash = 0;
           if (!first(nextBucket, value, hint, &rhash)) return false;
           if (keyAfter(Ops::key(value), keyRhash, key)) return true;
@@ -340,22 +343,22 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
         }
         return nextSlow(key, value, hint);
       }
-      // 4
+      // The successor, under its word (safety rule 1), read while the hint's
+      // slot still led to it (safety rule 2).
       auto const read = table.getValue(link.next, value);
-      // 5: the successor was read while the hint's slot still led to it.
       if (Mem::loadAcquire(table.slots()[hint.slotIndex].link).version == link.version) {
         Key const slotKey = Ops::key(value);
-        // 6
+        // Safety rule 3.
         if (!occupied(read.word)) {
           throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}",
                                                   link.next, keyHex(slotKey));
         }
-        // 7
+        // A successor that does not fit the hint's bucket, or not after the key,
+        // sends the step to the slow path.
         if (!keyFits(slotKey, hint.bucket) || !keyAfter(slotKey, keyRhash, key)) {
           return nextSlow(key, value, hint);
         }
-        // 8
-        Mirak::IterHint const old = hint;
+        IterHint const old = hint;
         hint.versionFlags = read.word;
         hint.slotIndex = link.next;
         FMTRACE(handler_, 9, "ReaderHashMap", "{} success {} using {}, saving new slot hint {}",
@@ -368,8 +371,7 @@ bool ReaderHashMap<Reader>::next(Key const& keyIn, Value& value, Mirak::IterHint
 }
 
 template <typename Reader>
-bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const {
-  // 1
+bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, IterHint& hint) const {
   counters().nextSlowPath++;
   uint32_t const n = buckets_.numBuckets();
   uint32_t const hash = hashOf(key);
@@ -377,7 +379,7 @@ bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHi
   uint32_t const target = Lomi::Util::reverse(hash);
   auto& table = slots();
   for (;;) {
-    // 2: the walk of lookup, from the bucket's head.
+    // The walk of lookup, from the bucket's head.
     Link const* prevLink = &buckets_[bucket];
     Link link = Mem::loadAcquire(*prevLink);
     uint32_t prevVersion = link.version;
@@ -400,23 +402,22 @@ bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHi
       auto const read = table.getValue(curr, value);
       Key const slotKey = Ops::key(value);
       if (linkMoved(prevVersion)) break;
-      // 3
+      // Safety rule 3.
       if (!occupied(read.word)) {
         throw Lomi::CorruptionDetectedException(
             "slow-path slot:{} not marked as occupied key:{} slotCount:{}", curr, keyHex(slotKey),
             slotCount);
       }
-      // 4: the first entry after `key` in table order; `key` itself, and
+      // The first entry after `key` in table order; `key` itself, and
       // anything before it, is passed over, so a removed `key` loses nothing.
       if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
         if (read.rhash == target && linkMoved(prevVersion)) break;
-        // 5
         keyCheck(slotKey, bucket, KeyCheck::next);
         if (!keyAfter(slotKey, target, key)) {
           throw Lomi::CorruptionDetectedException("walk order broken: key:{} slot {} after key:{}",
                                                   keyHex(slotKey), curr, keyHex(key));
         }
-        hint = Mirak::IterHint{read.word, curr, bucket};
+        hint = IterHint{read.word, curr, bucket};
         FMTRACE(handler_, 9, "ReaderHashMap", "{} success {}, saving {}", Ops::keyText(key),
                 Ops::keyText(slotKey), hint);
         return true;
@@ -430,7 +431,8 @@ bool ReaderHashMap<Reader>::nextSlow(Key const& key, Value& value, Mirak::IterHi
       curr = step.next;
     }
     if (restart) continue;
-    // 6
+    // The chain ended: the end of the table, or the walk goes on in the next
+    // bucket.
     if (curr == Link::kEndOfTable) {
       verifyNextBucket(bucket, 0);
       FMTRACE(handler_, 9, "ReaderHashMap", "{} failed", Ops::keyText(key));

@@ -38,6 +38,11 @@
 //
 // Only the writer thread enters this class. Every store is one whole SlotLink
 // or the numBuckets pair, as a release store.
+//
+// The map is generic: it knows keys only through `Access` and slots only
+// through `SlotTableT`, the slot-table concept below. It runs no audit of its
+// own; a validator walks it with first/next and a visitor that sees every slot
+// the walk returns.
 #pragma once
 
 #include <cstdint>
@@ -50,39 +55,55 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Atomics.h"
-#include "Mirak/Counters.h"
-#include "Mirak/IterHint.h"
-#include "Mirak/SlotLink.h"
-#include "Mirak/SlotWriter.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketWriter.h"
 #include "MirakCore/CriticalTaskClock.h"
+#include "MirakCore/IterHint.h"
+#include "MirakCore/SlotLink.h"
 
 namespace MirakCore {
 
-// What a validator is told by the walk: each slot the walk met. Set on the map
-// only while a validation runs.
-class SlotMarker {
- public:
-  virtual ~SlotMarker() = default;
-  virtual void markOccupied(uint32_t slot) = 0;
+// The visitor of a walk that audits nothing: first/next without a visitor
+// compile to the plain walk.
+struct NoSlotVisit {
+  template <typename SlotT>
+  void operator()(uint32_t, SlotT const&, uint32_t, bool) const {}
 };
 
 // `Access` supplies, for the table's key and value types:
 //   using Key, Value;
-//   static Key const& key(Value const&);
+//   static Key key(Value const&);
+//   static std::string keyText(Key const&);
 //   uint32_t hash(Key const&) const;   (with the table's seed)
-template <typename Access>
+//
+// `SlotTableT`, the slot-table concept, supplies:
+//   using SlotT;       a slot: `link` (a SlotLink, its first member, so that a
+//                      link pointer is a slot pointer), `versionFlags`, `rhash`
+//                      (the reversed hash), `value`
+//   using Counters;    statistics with the u64 fields slowPathIterations,
+//                      bucketGrows, bucketShrinks, last/longestBucketGrowTime,
+//                      last/longestBucketShrinkTime
+//   static bool occupied(uint32_t versionFlags);
+//   slots()            indexable by slot index (throws past the capacity),
+//                      with `base`, the address of slot 0
+//   capacity(), versionAnchor(), base()
+//
+// A visitor, called by first/next with every slot the walk returns (after the
+// walk's own checks), is `visit(index, slot, hash, slowPath)` with `hash` the
+// hash of the slot's key and `slowPath` true on next's walk from the key's
+// bucket; it may throw to stop the walk.
+template <typename Access, typename SlotTableT>
 class WriterHashMap {
  public:
   using Key = typename Access::Key;
   using Value = typename Access::Value;
-  using Slots = Mirak::SlotWriterTable<Value>;
+  using Slots = SlotTableT;
   using SlotT = typename Slots::SlotT;
-  using Link = Mirak::SlotLink;
+  using Counters = typename Slots::Counters;
+  using Link = SlotLink;
 
   WriterHashMap(Lomi::Platform::DebugHandler& handler, std::string bucketDir, Access const& access,
-                Slots& slots, Mirak::Writer::Counters& counters, bool const& criticalTaskCheck)
+                Slots& slots, Counters& counters, bool const& criticalTaskCheck)
       : handler_(handler),
         buckets_(handler, std::move(bucketDir)),
         access_(access),
@@ -101,7 +122,6 @@ class WriterHashMap {
     growThreshold_ = buckets_.numBuckets();
     shrinkThreshold_ = buckets_.numBuckets() >> 2;
   }
-  void validatorIs(SlotMarker* validator) { validator_ = validator; }
 
   uint32_t bucketOf(uint32_t hash) const { return hash & (buckets_.numBuckets() - 1); }
 
@@ -111,8 +131,10 @@ class WriterHashMap {
   // No side effect. Throws Lomi::CorruptionDetectedException on a damaged chain.
   bool find(Key const& key, uint32_t bucket, Link** prev, Link** curr, uint32_t hash) const;
 
-  bool first(uint32_t bucket, Value& value, Mirak::IterHint& hint) const;
-  bool next(Key const& key, Value& value, Mirak::IterHint& hint) const;
+  template <typename Visit = NoSlotVisit>
+  bool first(uint32_t bucket, Value& value, IterHint& hint, Visit&& visit = {}) const;
+  template <typename Visit = NoSlotVisit>
+  bool next(Key const& key, Value& value, IterHint& hint, Visit&& visit = {}) const;
   void verifyNextBucket(uint32_t bucket, uint32_t next) const;
 
   void growBuckets();
@@ -126,12 +148,12 @@ class WriterHashMap {
   }
 
  private:
-  bool nextFast(Value& value, Mirak::IterHint& hint) const;
-  bool nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const;
+  template <typename Visit>
+  bool nextFast(Value& value, IterHint& hint, Visit& visit) const;
+  template <typename Visit>
+  bool nextSlow(Key const& key, Value& value, IterHint& hint, Visit& visit) const;
   // Copies slot `index` out as the walk's answer: anchor, value, hint.
-  void take(uint32_t index, SlotT const& s, uint32_t bucket, Value& value,
-            Mirak::IterHint& hint) const;
-  void checkRhash(uint32_t index, SlotT const& s, uint32_t hash, bool slowPath) const;
+  void take(uint32_t index, SlotT const& s, uint32_t bucket, Value& value, IterHint& hint) const;
   Link* lastLinkOf(uint32_t bucket);
   // The writer owns the bucket file; const walks hand out links to the chain.
   Link& bucketAt(uint32_t index) const { return const_cast<BucketWriter<Link>&>(buckets_)[index]; }
@@ -142,16 +164,15 @@ class WriterHashMap {
   BucketWriter<Link> buckets_;
   Access const& access_;
   Slots& slots_;
-  Mirak::Writer::Counters& counters_;
+  Counters& counters_;
   bool const& criticalTaskCheck_;
-  SlotMarker* validator_ = nullptr;
 };
 
 // ---------------------------------------------------------------------------
 
-template <typename Access>
-bool WriterHashMap<Access>::find(Key const& key, uint32_t bucket, Link** prev, Link** curr,
-                                 uint32_t hash) const {
+template <typename Access, typename SlotTableT>
+bool WriterHashMap<Access, SlotTableT>::find(Key const& key, uint32_t bucket, Link** prev,
+                                             Link** curr, uint32_t hash) const {
   Link* const head = &bucketAt(bucket);
   *prev = *curr = head;
   uint32_t const t = Lomi::Util::reverse(hash);
@@ -166,7 +187,7 @@ bool WriterHashMap<Access>::find(Key const& key, uint32_t bucket, Link** prev, L
     uint32_t const index = Link::indexOf((*prev)->next);
     SlotT& s = slots_.slots()[index];
     *curr = &s.link;
-    if (!(s.versionFlags & Mirak::SlotTable::OCCUPIED)) {
+    if (!Slots::occupied(s.versionFlags)) {
       throw Lomi::CorruptionDetectedException("slotId: {} not marked as occupied", index);
     }
     // Rehash every visited key: a damaged slot must not send the walk astray.
@@ -184,8 +205,8 @@ bool WriterHashMap<Access>::find(Key const& key, uint32_t bucket, Link** prev, L
   }
 }
 
-template <typename Access>
-void WriterHashMap<Access>::verifyNextBucket(uint32_t bucket, uint32_t next) const {
+template <typename Access, typename SlotTableT>
+void WriterHashMap<Access, SlotTableT>::verifyNextBucket(uint32_t bucket, uint32_t next) const {
   uint32_t const n = buckets_.numBuckets();
   uint32_t const half = n / 2;
   bool ok;
@@ -200,9 +221,9 @@ void WriterHashMap<Access>::verifyNextBucket(uint32_t bucket, uint32_t next) con
   }
 }
 
-template <typename Access>
-void WriterHashMap<Access>::take(uint32_t index, SlotT const& s, uint32_t bucket, Value& value,
-                                 Mirak::IterHint& hint) const {
+template <typename Access, typename SlotTableT>
+void WriterHashMap<Access, SlotTableT>::take(uint32_t index, SlotT const& s, uint32_t bucket,
+                                             Value& value, IterHint& hint) const {
   slots_.versionAnchor().set(s.versionFlags, &s.versionFlags, slots_.base());
   value = s.value;
   hint.versionFlags = s.versionFlags;
@@ -210,23 +231,10 @@ void WriterHashMap<Access>::take(uint32_t index, SlotT const& s, uint32_t bucket
   hint.bucket = bucket;
 }
 
-template <typename Access>
-void WriterHashMap<Access>::checkRhash(uint32_t index, SlotT const& s, uint32_t hash,
-                                       bool slowPath) const {
-  uint32_t const r = Lomi::Util::reverse(hash);
-  if (r != s.rhash) {
-    if (slowPath) {
-      throw Lomi::CorruptionDetectedException(
-          "corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:0x}", index, s.rhash, r);
-    }
-    throw Lomi::CorruptionDetectedException(
-        "corrupt rhash detected, slotId: {} slot.rhash:{:08x} rhash:{:08x}", index, s.rhash, r);
-  }
-  validator_->markOccupied(index);
-}
-
-template <typename Access>
-bool WriterHashMap<Access>::first(uint32_t bucket, Value& value, Mirak::IterHint& hint) const {
+template <typename Access, typename SlotTableT>
+template <typename Visit>
+bool WriterHashMap<Access, SlotTableT>::first(uint32_t bucket, Value& value, IterHint& hint,
+                                              Visit&& visit) const {
   uint32_t const n = buckets_.numBuckets();
   uint32_t b = bucket;
   Link link = bucketAt(b);
@@ -252,7 +260,7 @@ bool WriterHashMap<Access>::first(uint32_t bucket, Value& value, Mirak::IterHint
   }
   uint32_t const index = link.next;
   SlotT const& s = slots_.slots()[index];
-  if (!(s.versionFlags & Mirak::SlotTable::OCCUPIED)) {
+  if (!Slots::occupied(s.versionFlags)) {
     throw Lomi::CorruptionDetectedException("slotId: {} from bucket: {} not marked as occupied",
                                             index, b);
   }
@@ -261,17 +269,19 @@ bool WriterHashMap<Access>::first(uint32_t bucket, Value& value, Mirak::IterHint
   if ((hash & (n - 1)) != b) {
     throw Lomi::CorruptionDetectedException("corrupt key detected, slotId: {}", index);
   }
-  if (validator_) checkRhash(index, s, hash, false);
+  visit(index, s, hash, false);
   return true;
 }
 
-template <typename Access>
-bool WriterHashMap<Access>::next(Key const& key, Value& value, Mirak::IterHint& hint) const {
+template <typename Access, typename SlotTableT>
+template <typename Visit>
+bool WriterHashMap<Access, SlotTableT>::next(Key const& key, Value& value, IterHint& hint,
+                                             Visit&& visit) const {
   uint32_t const n = buckets_.numBuckets();
   if (hint.slotIndex < slots_.capacity() && hint.bucket < n &&
       slots_.slots()[hint.slotIndex].versionFlags == hint.versionFlags) {
     try {
-      return nextFast(value, hint);
+      return nextFast(value, hint, visit);
     } catch (Lomi::CorruptionDetectedException const& e) {
       FMTRACE(handler_, 5, "WriterHashMap",
               "saw exception in fast path: {}. This might be okay, dropping to slow path to find "
@@ -279,23 +289,24 @@ bool WriterHashMap<Access>::next(Key const& key, Value& value, Mirak::IterHint& 
               e.msg());
     }
   }
-  return nextSlow(key, value, hint);
+  return nextSlow(key, value, hint, visit);
 }
 
-template <typename Access>
-bool WriterHashMap<Access>::nextFast(Value& value, Mirak::IterHint& hint) const {
+template <typename Access, typename SlotTableT>
+template <typename Visit>
+bool WriterHashMap<Access, SlotTableT>::nextFast(Value& value, IterHint& hint, Visit& visit) const {
   uint32_t const n = buckets_.numBuckets();
   uint32_t const next = slots_.slots()[hint.slotIndex].link.next;
   if (!Link::isEndOfChain(next)) {
     SlotT const& s = slots_.slots()[next];
-    if (!(s.versionFlags & Mirak::SlotTable::OCCUPIED)) {
+    if (!Slots::occupied(s.versionFlags)) {
       throw Lomi::CorruptionDetectedException("slotId: {} not marked as occupied", next);
     }
     uint32_t const hash = access_.hash(Access::key(s.value));
     if ((hash & (n - 1)) != hint.bucket) {
       throw Lomi::CorruptionDetectedException("corrupt key detected, slotId: {}", next);
     }
-    if (validator_) checkRhash(next, s, hash, false);
+    visit(next, s, hash, false);
     take(next, s, hint.bucket, value, hint);
     return true;
   }
@@ -311,11 +322,13 @@ bool WriterHashMap<Access>::nextFast(Value& value, Mirak::IterHint& hint) const 
   }
   uint32_t const nb = Link::indexOf(next);
   verifyNextBucket(hint.bucket, nb);
-  return first(nb, value, hint);
+  return first(nb, value, hint, visit);
 }
 
-template <typename Access>
-bool WriterHashMap<Access>::nextSlow(Key const& key, Value& value, Mirak::IterHint& hint) const {
+template <typename Access, typename SlotTableT>
+template <typename Visit>
+bool WriterHashMap<Access, SlotTableT>::nextSlow(Key const& key, Value& value, IterHint& hint,
+                                                 Visit& visit) const {
   counters_.slowPathIterations++;
   uint32_t const hash = access_.hash(key);
   uint32_t const n = buckets_.numBuckets();
@@ -330,7 +343,7 @@ bool WriterHashMap<Access>::nextSlow(Key const& key, Value& value, Mirak::IterHi
     }
     uint32_t const index = link.next;
     SlotT const& s = slots_.slots()[index];
-    if (!(s.versionFlags & Mirak::SlotTable::OCCUPIED)) {
+    if (!Slots::occupied(s.versionFlags)) {
       throw Lomi::CorruptionDetectedException(
           "slow-path slot:{} not marked as occupied key:{} slotCount:{}", index,
           Access::keyText(key), count);
@@ -342,7 +355,7 @@ bool WriterHashMap<Access>::nextSlow(Key const& key, Value& value, Mirak::IterHi
     }
     bool const above = s.rhash > t || (s.rhash == t && key < slotKey);
     if (above) {
-      if (validator_) checkRhash(index, s, slotHash, true);
+      visit(index, s, slotHash, true);
       take(index, s, bucket, value, hint);
       return true;
     }
@@ -354,11 +367,11 @@ bool WriterHashMap<Access>::nextSlow(Key const& key, Value& value, Mirak::IterHi
   }
   uint32_t const nb = Link::indexOf(link.next);
   verifyNextBucket(bucket, nb);
-  return first(nb, value, hint);
+  return first(nb, value, hint, visit);
 }
 
-template <typename Access>
-typename WriterHashMap<Access>::Link* WriterHashMap<Access>::lastLinkOf(uint32_t bucket) {
+template <typename Access, typename SlotTableT>
+auto WriterHashMap<Access, SlotTableT>::lastLinkOf(uint32_t bucket) -> Link* {
   Link* link = &buckets_[bucket];
   uint32_t const capacity = slots_.capacity();
   for (uint32_t count = 1; !Link::isEndOfChain(link->next); count++) {
@@ -371,17 +384,17 @@ typename WriterHashMap<Access>::Link* WriterHashMap<Access>::lastLinkOf(uint32_t
   return link;
 }
 
-template <typename Access>
-void WriterHashMap<Access>::growBuckets() {
+template <typename Access, typename SlotTableT>
+void WriterHashMap<Access, SlotTableT>::growBuckets() {
   uint32_t const n = buckets_.numBuckets();
-  // 1
   FMTRACE(handler_, 2, "WriterHashMap", "growing from: {} to: {}", n, 2 * n);
   CriticalTaskClock clock(criticalTaskCheck_);
-  // 2: the new half becomes addressable; readers do not know of it yet.
+  // Before grow step 1: the new half becomes addressable; readers do not know
+  // of it yet.
   buckets_.resize(2 * n);
   uint32_t const mask2 = 2 * n - 1;
-  // 4: first pass. Head b + n points into the tail of chain b; chain b is
-  // untouched.
+  // Grow step 1 (the essay above), the first pass: head b + n points into the
+  // tail of chain b; chain b is untouched.
   for (uint32_t b = 0; b < n; b++) {
     Link const* link = &buckets_[b];
     uint32_t const capacity = slots_.capacity();
@@ -397,13 +410,13 @@ void WriterHashMap<Access>::growBuckets() {
     }
     Link& head = buckets_[b + n];
     Mem::storeRelease(head, Link{head.version + Link::kVersionStep, link->next});
-    // 5
     clock.tick();
   }
-  // 6: publish the doubled count.
+  // Grow step 2: publish the doubled count.
   auto& count = buckets_.header()->numBuckets;
   Mem::storeRelease(count, Mem::VersionedRef<unsigned int>{count.version + 1, 2 * n});
-  // 7: second pass. Cut each chain before its first leaving entry.
+  // Grow step 3, the second pass: cut each chain before its first leaving
+  // entry.
   for (uint32_t b = 0; b < n; b++) {
     Link* link = &buckets_[b];
     while (!Link::isEndOfChain(link->next)) {
@@ -412,10 +425,8 @@ void WriterHashMap<Access>::growBuckets() {
       link = &s.link;
     }
     Mem::storeRelease(*link, Link{link->version + Link::kVersionStep, Link::endOfChainTo(b + n)});
-    // 8
     clock.tick();
   }
-  // 9
   uint64_t const elapsed = clock.elapsedNs();
   counters_.bucketGrows++;
   counters_.lastBucketGrowTime = elapsed;
@@ -423,26 +434,25 @@ void WriterHashMap<Access>::growBuckets() {
   thresholdsIs();
 }
 
-template <typename Access>
-void WriterHashMap<Access>::shrinkBuckets() {
+template <typename Access, typename SlotTableT>
+void WriterHashMap<Access, SlotTableT>::shrinkBuckets() {
   uint32_t const n = buckets_.numBuckets();
   uint32_t const half = n / 2;
-  // 1
   CriticalTaskClock clock(criticalTaskCheck_);
-  // 2: join each high chain behind its low partner. The high chain's
-  // end-of-chain link names the bucket that follows in the smaller table too.
+  // Shrink step 1 (the essay above): join each high chain behind its low
+  // partner. The high chain's end-of-chain link names the bucket that follows
+  // in the smaller table too.
   for (uint32_t b = 0; b < half; b++) {
     Link* last = lastLinkOf(b);
     Link const high = buckets_[b + half];
     Mem::storeRelease(*last, Link{last->version + Link::kVersionStep, high.next});
     clock.tick();
   }
-  // 3: publish the halved count.
+  // Shrink step 2: publish the halved count.
   auto& count = buckets_.header()->numBuckets;
   Mem::storeRelease(count, Mem::VersionedRef<unsigned int>{count.version + 1, half});
-  // 4: only now release the upper half.
+  // Shrink step 3: only now release the upper half.
   buckets_.resize(half);
-  // 5
   uint64_t const elapsed = clock.elapsedNs();
   counters_.bucketShrinks++;
   counters_.lastBucketShrinkTime = elapsed;

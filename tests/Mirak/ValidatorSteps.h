@@ -11,15 +11,13 @@
 
 namespace MirakTest {
 
-// A validator run step by step, made known to the hash map while it lives.
+// A validator run step by step.
 template <typename Writer>
 struct ValidatorSteps {
   using Audit = Mirak::Validator<typename Writer::Ops, Writer>;
   ValidatorSteps(Lomi::Platform::DebugHandler& handler, Writer& w) : writer(w), audit(handler, w) {
-    writer.hashMap().validatorIs(&audit);
     audit.fitTesselMarks();
   }
-  ~ValidatorSteps() { writer.hashMap().validatorIs(nullptr); }
   Writer& writer;
   Audit audit;
 };

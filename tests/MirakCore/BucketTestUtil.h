@@ -18,14 +18,14 @@
 #include <string>
 
 #include "Mem/Atomics.h"
-#include "Mirak/SlotLink.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketWriter.h"
+#include "MirakCore/SlotLink.h"
 
 namespace BucketTest {
 
-using Writer = MirakCore::BucketWriter<Mirak::SlotLink>;
-using Link = Mirak::SlotLink;
+using Writer = MirakCore::BucketWriter<MirakCore::SlotLink>;
+using Link = MirakCore::SlotLink;
 
 // A fresh directory on tmpfs (which can punch holes), removed at the end.
 class TempDir {

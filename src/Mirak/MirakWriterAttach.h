@@ -1,0 +1,396 @@
+// Mirak::MirakWriter, its life and its files: construction, attach and
+// adoption, detach, cleanup, the audit and the statistics. Part of
+// MirakWriter.h (included at its end); the steps below run on the writer's
+// thread, never concurrently with a data operation.
+//
+// THE START (attach()): the directory is held from step 1 to the end.
+//   1. the owner file's lock.
+//   2. a local table takes a kestor of its own, and there is nothing more to
+//      claim.
+//   3. a shared table takes the directory's writer rights (a second live
+//      writer fails here), learns its wake-up socket, and reads the kestor of
+//      the last writer (a new one if there is none).
+//   4. an owner file that does not validate: every file is formatted anew.
+//   5. the owner file names the table's value type and kind.
+//   6. adopt, or re-format (attachAndValidate); an adoption that fails falls
+//      back to a re-format, which must succeed.
+//   7. a "corruption-detected" marker left by a reader goes.
+//   8. the wake-up socket listens.
+//   9. the kestor file is written: the last step of the file work.
+//  10. the start's trace.
+//
+// ADOPTION (attachAndValidate, reformat false):
+//   1. attach the files under the stored kestor; all of them new or all kept,
+//      or the adoption fails.
+//   2. the full audit (Validator). A failure on a physical switch under
+//      strict validation keeps the evidence (the table goes into a core file,
+//      the kestor file goes) and throws; otherwise the adoption fails and the
+//      start re-formats.
+// RE-FORMAT (reformat true):
+//   1-3. a new generation (kestor high half + 1) and the files attached under
+//      it: each finds the stored kestor differs and formats itself.
+//   4. the audit must pass, or the start throws.
+// Both finish by recording this writer in the owner file.
+//
+// CLEANUP (cleanup()):
+//   1. the owner file's lock and, by force, the directory's writer rights.
+//   2. the owner file is checked; a damaged one does not stop the cleaning.
+//   3. the corruption marker, queue, buckets, slots, kestor file, clone
+//      control and lifetime files go.
+//   4. the owner file goes last.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "Mem/CloneControl.h"
+#include "Mirak/MirakWriter.h"
+#include "Mirak/Util.h"
+#include "Mirak/Validator.h"
+#include "Parcel/KestorFile.h"
+#include "Parcel/OwnerFile.h"
+
+namespace Mirak {
+
+namespace Impl {
+// The high half of the kestor ids a process makes: two tables of one process
+// get different ids.
+inline std::atomic<uint16_t> kestorCounter{0};
+}  // namespace Impl
+
+template <TablePolicy OpsT>
+MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const* name,
+                               MapDescriptor const& desc, Ops const& ops,
+                               QuiesceHandler quiesceHandler)
+    : handler_(handler),
+      ops_(ops),
+      localMem_(desc.local),
+      rootPath_(handler, name, desc.local),
+      quiesceHandler_(std::move(quiesceHandler)),
+      criticalTaskCheck_(desc.criticalTaskCheck),
+      shrinkBuckets_(desc.shrinkBuckets_),
+      slots_(handler, rootPath_.str(), slotFilePath(rootPath_), slotConfig(desc),
+             ops_.keyOps.hashSeed, counters_),
+      map_(handler, rootPath_.isLocal() ? std::string() : rootPath_.path(), ops_, slots_, counters_,
+           criticalTaskCheck_),
+      tessel_(rootPath_.isLocal() ? std::string() : rootPath_.path(), handler),
+      typeName_(Ops::ValueOps::typeName()) {
+  if (TesselWriter::hasQueue && !localMem_) rusk_ = std::make_unique<Rusk::WriterRuskSm>(handler);
+  // Given, negated: pruneQueue asks for PruneMode::prune (0).
+  tessel_.pruneModeIs(static_cast<Tessel::PruneMode>(!desc.pruneQueue));
+  // What a pruning queue may drop: what every reader that keeps up has read.
+  if constexpr (requires(TesselWriter & t) { t.pruneFloorIs([] { return Rusk::Sequence(); }); }) {
+    if (rusk_) tessel_.pruneFloorIs([r = rusk_.get()] { return r->pruneFloor(); });
+  }
+}
+
+template <TablePolicy OpsT>
+MirakWriter<OpsT>::~MirakWriter() {
+  detach(false);
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::initialize(std::string const& event) {
+  FMTRACE(handler_, 5, "MirakWriter", "{} event:{}", rootPath_, event);
+  if (!localMem_) {
+    std::string why;
+    FMASSERT(Mem::Atomics::checkCpuSupport(why), handler_, "MirakWriter",
+             "Hardware does not support Atomics");
+  }
+  if (this->initialized()) return true;
+  attach();
+  this->initializedIs(true);
+  return true;
+}
+
+template <TablePolicy OpsT>
+Mem::MountStatus MirakWriter<OpsT>::mountStatus() const {
+  Mem::MountStatus status = this->initialized() ? Mem::MountStatus(1) : Mem::MountStatus(0);
+  FMTRACE(handler_, 5, "MirakWriter", "{} mountStatus:{}", rootPath_, int(status));
+  return status;
+}
+
+template <TablePolicy OpsT>
+Writer::Counters MirakWriter<OpsT>::writerCounters() const {
+  Writer::Counters c = counters_;
+  c.slotMappedSize = slots_.wrapper().fileSize();
+  c.bucketMappedSize = map_.bucketWriter().wrapper().fileSize();
+  c.sequencesProcessed = tessel_.sequence();
+  if (rusk_) {
+    c.ruskCount = rusk_->ruskCount();
+    c.readers = rusk_->readers();
+    c.sleepingReaders = rusk_->sleepingReaders();
+  }
+  c.tesselMappedSize =
+      tessel_.headerMappedSize() + tessel_.primaryMappedSize() + tessel_.secondaryMappedSize();
+  return c;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::attach() {
+  // Start step 1: from here to the end the directory is held.
+  FMTRACE(handler_, 5, "MirakWriter", "localMem_:{} rootPath:{}", localMem_, rootPath_);
+  Parcel::KestorFile kestorFile(handler_, rootPath_, localMem_);
+  Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
+  ownerFile.lock();
+  Parcel::TunnetInfo tunnetInfo;
+  if (localMem_) {
+    // Start step 2.
+    kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 0);
+  } else {
+    // Start step 3.
+    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, false, socketName(),
+                                       &lifetime_);
+    if (rusk_) tunnetInfo = Parcel::TunnetInfo(rusk_->socketName(), rusk_->tableId());
+    kestorId_ = kestorFile.read();
+    if (kestorId_.isZero()) {
+      kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), Impl::kestorCounter++);
+    }
+  }
+  // Start step 4.
+  bool const reformat = !ownerFile.validate();
+  if (reformat) {
+    FMTRACE(handler_, 1, "MirakWriter",
+            "owner file validation failed, dumping owner file string: {}",
+            ownerFile.headerToString());
+  }
+  // Start step 5.
+  ownerFile.typeNameIs(typeName_);
+  ownerFile.parcelTypeIs(Parcel::ParcelType::mirak);
+  // Start step 6.
+  if (!attachAndValidate(reformat, ownerFile, tunnetInfo)) {
+    FMASSERT(!reformat, handler_, "MirakWriter", "failed to attach to and validate new files");
+    attachAndValidate(true, ownerFile, tunnetInfo);
+  }
+  // Start step 7: a marker left by a reader is stale once the table proved
+  // sound.
+  Mirak::Util::removeCorruptionFile(handler_, rootPath_);
+  // Start step 8: readers can connect from now on.
+  if (rusk_) rusk_->doEnableListen();
+  // Start step 9, the last of the file work: a writer that dies before it
+  // leaves a kestor file that doesn't match the files, or none.
+  kestorFile.write(kestorId_);
+  // Start step 10.
+  if (!localMem_) {
+    FMTRACE(handler_, 1, "MirakWriter", "success {} capacity:{} kestorId:{} mtime:{} tunnetInfo:{}",
+            rootPath_, capacity(), kestorId_, kestorFile.mtime(), tunnetInfo);
+  }
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& ownerFile,
+                                          Parcel::TunnetInfo const& tunnetInfo) {
+  std::string error;
+  if (!reformat) {
+    // Adoption step 1.
+    if (!attach(kestorId_)) {
+      FMTRACE(handler_, 0, "MirakWriter", "failed to attach to existing files of {}: {}", rootPath_,
+              attachError_);
+      FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
+      FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+      return false;
+    }
+    // Adoption step 2.
+    if (!validate(kestorId_, error, false)) {
+      if (Mirak::Util::runningOnPhysicalDut() && Mirak::Util::strictValidation()) {
+        // Keep the evidence: the table goes into a core file, and the next
+        // start begins afresh because the kestor file is gone.
+        Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
+        Lomi::Util::includeShmemInCore(slots_.wrapper().base(), slots_.wrapper().fileSize(), true);
+        throw Lomi::InvalidInitializeException(
+            "failed initial validation of {} after re-attaching: {}", rootPath_, error);
+      }
+      // The reason names the check and its numbers; without it the operator
+      // learns only that the table was started afresh.
+      FMTRACE(handler_, 0, "MirakWriter", "failed to validate existing files of {}: {}", rootPath_,
+              error);
+      FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
+      FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+      return false;
+    }
+  } else {
+    // Re-format steps 1-3: a new generation; every file formats itself since
+    // the stored kestor differs.
+    FMTRACE(handler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_);
+    kestorId_ = kestorId_.reformatted();
+    attach(kestorId_);
+    // Re-format step 4.
+    if (!validate(kestorId_, error, false)) {
+      throw Lomi::InvalidInitializeException("failed validation of new files of {}: {}", rootPath_,
+                                             error);
+    }
+  }
+  // The finish, for both.
+  if (localMem_) return true;
+  ownerFile.tunnetInfoIs(tunnetInfo);
+  bool const ok = ownerFile.validate(error);
+  FMASSERT(ok, handler_, "MirakWriter", "wrote to owner file but validation failed: {}", error);
+  owner_ = true;
+  if (reformat) FMTRACE(handler_, 1, "MirakWriter", "re-formatted successfully");
+  return ok;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
+  counters_ = Writer::Counters();
+  int const a = slots_.attach(kestor);
+  int const b = map_.bucketWriter().attach(kestor.value());
+  map_.thresholdsIs();
+  // A table without a queue has no third file: the dummy answers 0, which
+  // leaves the OR of the results alone.
+  int const c = tessel_.attach(kestor.value(), slots_.header()->mostSlots);
+  int const all = a | b | c;
+  if (all == MirakCore::attachNew || all == MirakCore::attachKept) return true;
+  // Files only count together: say which were adopted, which made anew and
+  // which re-formatted, so a refused adoption names its file.
+  auto const what = [](int r) {
+    return r == MirakCore::attachNew           ? "new"
+           : r == MirakCore::attachKept        ? "adopted"
+           : r == MirakCore::attachReformatted ? "re-formatted"
+           : r == 0                            ? "none"
+                                               : "mixed";
+  };
+  attachError_ = fmt::format("slots {}, buckets {}, queue {} (with kestor {})", what(a), what(b),
+                             what(c), kestor);
+  return false;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::detach(bool) {
+  FMTRACE(handler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+          rootPath_);
+  if (directNew_) {
+    Lomi::fmassert(handler_, "MirakWriter", __func__,
+                   "unbalanced directSlot:{} containing value:{} - Make sure the DirectIs/Commit "
+                   "are properly paired!",
+                   directSlot_, Ops::valueText(slots_.slots()[directSlot_].value));
+  }
+  tessel_.onDetach();
+  if (owner_) {
+    // Clear the owner record, but only if it still names this process: a
+    // writer that took the directory over (by cleanup's force) keeps its own.
+    try {
+      Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
+      auto const record = ownerFile.record();
+      std::string const name = record ? record->tunnetInfo.socketName() : std::string();
+      bool const mine = Mem::WriterLock::ownerIsMe(handler_, name) ||
+                        (name.empty() && record && record->writerPid == ::getpid());
+      if (mine) {
+        FMTRACE(handler_, 5, "MirakWriter", "clearing tunnetInfo");
+        ownerFile.tunnetInfoIs(Parcel::TunnetInfo());
+      }
+    } catch (Lomi::CorruptionDetectedException const& e) {
+      FMTRACE(handler_, 0, "MirakWriter", "ignoring owner file corruption:{}", e.msg());
+    }
+    owner_ = false;
+  }
+  if (rusk_) rusk_->close();
+  slots_.detach();
+  map_.bucketWriter().detach();
+  // Last: from here on another writer may take the directory.
+  lifetime_.release();
+  this->initializedIs(false);
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::cleanup() {
+  FMTRACE(handler_, 5, "MirakWriter", "owner:{} localMem_:{} rootPath:{}", owner_, localMem_,
+          rootPath_);
+  // Cleanup step 1.
+  Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
+  ownerFile.lock();
+  if (!localMem_) {
+    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, true, socketName());
+  }
+  // Cleanup step 2: a damaged owner file does not stop the cleaning.
+  owner_ = ownerFile.validate();
+  if (!owner_) {
+    FMTRACE(handler_, 1, "MirakWriter",
+            "owner file corruption detected but continuing with cleanup, dumped owner file: {}",
+            ownerFile.headerToString());
+  }
+  // Cleanup step 3.
+  FMTRACE(handler_, 1, "MirakWriter", "removing Mirak files in {}", rootPath_);
+  Mirak::Util::removeCorruptionFile(handler_, rootPath_);
+  tessel_.cleanup();
+  map_.bucketWriter().cleanup();
+  if (!localMem_) {
+    FMTRACE(handler_, 3, "MirakWriter", "removing file: {}", slots_.wrapper().getFilename());
+    if (!slots_.wrapper().unlink()) {
+      throw Lomi::InvalidInitializeException("cannot remove the slot file of {}: {}", rootPath_,
+                                             slots_.wrapper().lastError());
+    }
+  }
+  Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
+  if (!localMem_) {
+    for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Mem::WriterLock::kLifetimeFile}) {
+      std::string const path = rootPath_.filePath(name);
+      if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        throw Lomi::InvalidInitializeException("cannot remove {}: {}", path, std::strerror(errno));
+      }
+    }
+    lifetime_.release();
+  }
+  // Cleanup step 4.
+  ownerFile.remove();
+  owner_ = false;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::validateFiles() {
+  map_.bucketWriter().validateFile();
+  if (!localMem_) {
+    Mirak::Util::validateFile(handler_, slots_.wrapper().getFilename(),
+                              Slots::Geometry::headerSize);
+  }
+  tessel_.validateFile();
+  Parcel::KestorFile(handler_, rootPath_, localMem_).validate(kestorId_);
+  Parcel::OwnerFile(handler_, rootPath_, localMem_).validateFile();
+  Mirak::Util::removeCorruptionFile(handler_, rootPath_);
+  return true;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::validate(Parcel::KestorId kestor, std::string& error, bool checkOwner) {
+  Validator<Ops, MirakWriter> validator(handler_, *this);
+  bool ok;
+  // A damaged table is reported, never thrown.
+  try {
+    ok = validator.doValidate(kestor);
+    error = validator.error();
+  } catch (Lomi::CorruptionDetectedException const& e) {
+    error = e.msg();
+    FMTRACE(handler_, 0, "MirakWriter", "caught: {}", error);
+    ok = false;
+  } catch (Lomi::MemoryResourceException const& e) {
+    error = e.msg();
+    FMTRACE(handler_, 0, "MirakWriter", "caught: {}", error);
+    ok = false;
+  }
+  if (!ok) FMTRACE(handler_, 0, "MirakWriter", "Mirak {} validation failed: {}", rootPath_, error);
+  if (checkOwner) ok = Parcel::OwnerFile(handler_, rootPath_, localMem_).validate() && ok;
+  return ok;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::validate() {
+  std::string error;
+  bool const ok = validate(kestorId_, error, false);
+  if (!ok) FMTRACE(handler_, 0, "MirakWriter", "{}: {}", rootPath_, error);
+  return ok;
+}
+
+template <TablePolicy OpsT>
+std::string MirakWriter<OpsT>::dumpHeaders() const {
+  SlotTable::Header const* h = slots_.header();
+  // The queue's place at the end stays empty, also in a table with a queue:
+  // its headers have a dump of their own (TesselWriter::headersToString).
+  return fmt::format("Mirak table \"{}\"\n\n\n{}\n\n{}\n\n", rootPath_.name(),
+                     h ? h->toString() : std::string("slot table: not attached"),
+                     map_.bucketWriter().toString());
+}
+
+}  // namespace Mirak
