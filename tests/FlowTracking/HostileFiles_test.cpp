@@ -1,15 +1,15 @@
 // Table directories where a hostile neighbour or a damaged disk has been:
-// a writer follows no planted link and writes nothing through one; a reader
-// never blocks on a FIFO in place of a table file; a looped chain ends a walk
-// with a corruption report instead of a walk without end; the corruption
-// marker is written once, through no link, and never by an observer.
+// a writer follows no planted link and writes nothing through one, nor takes
+// files another user could change; the corruption marker is written once,
+// through no link, and never by an observer; a file cut under a reader is
+// reported, never fatal. (FIFOs in place of table files and looped chains:
+// the harness's hostile mode, stress.hostile, and the tool's tests.)
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -131,58 +131,6 @@ TEST_F(HostileFiles, AWriterRefusesDirectoriesAndFilesAnotherUserCouldChange) {
   EXPECT_NO_THROW(makeSharedWriter<Record>(kTable, sharedDescriptor(1000)));
 }
 
-TEST_F(HostileFiles, AReaderNeverBlocksOnAFifoInPlaceOfATableFile) {
-  makeTable(10);
-  for (char const* file : {"kestor", "buckets", "slots"}) {
-    std::string const path = dir_ + "/" + file;
-    std::string const saved = path + ".saved";
-    fs::rename(path, saved);
-    ASSERT_EQ(::mkfifo(path.c_str(), 0666), 0);
-    // A blocked open would hang the reader here; the test's deadline is the
-    // suite's timeout.
-    auto const start = std::chrono::steady_clock::now();
-    auto reader = makeReader<Record>(kTable);
-    EXPECT_FALSE(reader->initialize("test")) << file;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << file;
-    fs::remove(path);
-    fs::rename(saved, path);
-  }
-  auto reader = makeReader<Record>(kTable);
-  EXPECT_TRUE(reader->initialize("test"));
-}
-
-TEST_F(HostileFiles, AWalkOverALoopedChainEndsWithACorruptionReport) {
-  makeTable(50);
-  {
-    // Slot 0 holds the first row written; its link now leads back to itself.
-    auto reader = makeReader<Record>(kTable);
-    ASSERT_TRUE(reader->initialize("test"));
-    std::fstream f(dir_ + "/slots", std::ios::in | std::ios::out | std::ios::binary);
-    using Geometry = Mirak::SlotGeometry<FlowTracking::TableValue<Record>>;
-    uint32_t const self = 0;
-    f.seekp(Geometry::headerSize + offsetof(Mirak::SlotTable::SlotHead, link) + 4);
-    f.write(reinterpret_cast<char const*>(&self), sizeof self);
-  }
-  auto reader = makeReader<Record>(kTable);
-  ASSERT_TRUE(reader->initialize("test"));
-  uint32_t returned = 0;
-  bool ended = false;
-  try {
-    FlowTracking::TableValue<Record> v;
-    Mirak::IterHint hint;
-    for (bool more = reader->first(v, hint); more && returned < 10000;
-         more = reader->next(v.fwkKey(), v, hint)) {
-      returned++;
-    }
-    ended = true;
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    ended = true;
-    EXPECT_FALSE(e.msg().empty());
-  }
-  EXPECT_TRUE(ended);
-  EXPECT_LE(returned, 50u) << "a walk returns no entry twice";
-}
-
 TEST_F(HostileFiles, TheMarkerIsWrittenOnceThroughNoLinkAndNeverByAnObserver) {
   makeTable(10);
   {
@@ -217,7 +165,8 @@ TEST_F(HostileFiles, TheMarkerIsWrittenOnceThroughNoLinkAndNeverByAnObserver) {
 
 // A file cut shorter under a reader that maps it: the reader reports damage
 // or absence and lives on; each file and several lengths, each in a child
-// whose death by a signal would be the failure.
+// whose death by a signal would be the failure. The guard takes only faults
+// inside table mappings: one outside still ends the process as it would.
 TEST_F(HostileFiles, AFileTruncatedUnderAReaderIsReportedNeverFatal) {
   makeTable(500);
   for (char const* file : {"slots", "buckets"}) {
@@ -243,12 +192,10 @@ TEST_F(HostileFiles, AFileTruncatedUnderAReaderIsReportedNeverFatal) {
         return reports > 0 || Mem::BusGuard::faults() > 0 ? 0 : 5;
       });
       int const status = reap(child);
-      EXPECT_TRUE(exitedWith(status, 0)) << file << " cut to " << length << ": status " << status
-                                         << (WIFSIGNALED(status) ? " (killed by a signal)" : "");
+      EXPECT_TRUE(exitedWith(status, 0)) << file << " cut to " << length << ": status " << status;
       makeTable(500);
     }
   }
-  // A fault outside any table mapping still ends the process as it would.
   pid_t const child = forkChild([&]() -> int {
     auto reader = makeReader<Record>(kTable);
     if (!reader->initialize("test")) return 2;

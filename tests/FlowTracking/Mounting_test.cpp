@@ -92,37 +92,27 @@ struct Agent {
   // Rows first..first+n of version v, in both collections, by lookup and by
   // walk; nothing else in the tables.
   bool holds(uint32_t first, uint32_t n, uint32_t v) const {
-    auto& m4 = e->hoIpFlowConfig();
-    auto& m6 = e->hoIp6FlowConfig();
+    return holdsIn<HoIpFlowConfig>(e->hoIpFlowConfig(), first, n, v) &&
+           holdsIn<HoIp6FlowConfig>(e->hoIp6FlowConfig(), first, n, v);
+  }
+  template <typename Record, typename Map>
+  static bool holdsIn(Map& m, uint32_t first, uint32_t n, uint32_t v) {
     for (uint32_t i = first; i < first + n; i++) {
       bool found = false;
-      auto const want4 = FlowTrackingTest::row<HoIpFlowConfig>(i, v);
-      auto const* got4 = m4.safeLookup(want4.key(), found, nullptr);
-      if (!found || !(*got4 == want4)) return false;
-      auto const want6 = FlowTrackingTest::row<HoIp6FlowConfig>(i, v);
-      auto const* got6 = m6.safeLookup(want6.key(), found, nullptr);
-      if (!found || !(*got6 == want6)) return false;
+      auto const want = FlowTrackingTest::row<Record>(i, v);
+      auto const* got = m.safeLookup(want.key(), found, nullptr);
+      if (!found || !(*got == want)) return false;
     }
     uint32_t walked = 0;
-    for (HoFlowConfig::HoIpFlowConfigMap::IteratorConst it(&m4); it.valid(); it.advance()) {
-      uint32_t const i = index(it.row().key().ipFlowKey());
-      if (i < first || i >= first + n) return false;
-      if (!(it.row() == FlowTrackingTest::row<HoIpFlowConfig>(i, v))) return false;
-      ++walked;
+    for (typename Map::IteratorConst it(&m); it.valid(); it.advance(), ++walked) {
+      // The row number a key was made from: its ports carry it (TableRows.h).
+      auto const& k = it.row().key().ipFlowKey();
+      uint32_t const i = uint32_t(k.srcPort()) | (uint32_t(k.dstPort()) << 16);
+      if (i < first || i >= first + n || !(it.row() == FlowTrackingTest::row<Record>(i, v))) {
+        return false;
+      }
     }
-    uint32_t walked6 = 0;
-    for (HoFlowConfig::HoIp6FlowConfigMap::IteratorConst it(&m6); it.valid(); it.advance()) {
-      uint32_t const i = index(it.row().key().ipFlowKey());
-      if (i < first || i >= first + n) return false;
-      if (!(it.row() == FlowTrackingTest::row<HoIp6FlowConfig>(i, v))) return false;
-      ++walked6;
-    }
-    return walked == n && walked6 == n;
-  }
-  // The row number a key was made from: its ports carry it (TableRows.h).
-  template <typename FlowKey>
-  static uint32_t index(FlowKey const& k) {
-    return uint32_t(k.srcPort()) | (uint32_t(k.dstPort()) << 16);
+    return walked == n;
   }
 
   void write(uint32_t first, uint32_t n, uint32_t v) {
@@ -225,42 +215,37 @@ int writerAgent(RecordPipe& out, RecordPipe& in) {
   return 34;
 }
 
+// The next message on `from`, which must carry `code`.
+Msg expectMsg(RecordPipe const& from, Code code) {
+  Msg m;
+  EXPECT_TRUE(from.receive(m) && m.code == code) << "wanted " << code << ", got " << m.code;
+  return m;
+}
+
 TEST(Mounting, AReaderAgentAttachesByItselfFollowsARemountAndOutlivesItsWriter) {
   MirakTest::TempRoot root;
   RecordPipe fromB, toB, fromA, toA;
   pid_t const b = forkChild([&] { return readerAgent(fromB, toB); });
   ASSERT_GT(b, 0);
-  Msg m;
-  ASSERT_TRUE(fromB.receive(m));
-  ASSERT_EQ(m.code, waiting);
-
+  expectMsg(fromB, waiting);
   pid_t const a = forkChild([&] { return writerAgent(fromA, toA); });
   ASSERT_GT(a, 0);
-  ASSERT_TRUE(fromA.receive(m));
-  ASSERT_EQ(m.code, written);
-  ASSERT_TRUE(fromB.receive(m));
-  ASSERT_EQ(m.code, attached);
-  double const firstDelay = m.seconds;
+  expectMsg(fromA, written);
+  double const firstDelay = expectMsg(fromB, attached).seconds;
   ASSERT_TRUE(toB.send(Msg{rows}));
-  ASSERT_TRUE(fromB.receive(m));
-  ASSERT_EQ(m.code, verified);
+  expectMsg(fromB, verified);
 
   ASSERT_TRUE(toA.send(Msg{remount}));
-  ASSERT_TRUE(fromA.receive(m));
-  ASSERT_EQ(m.code, written);
-  ASSERT_TRUE(fromB.receive(m));
-  ASSERT_EQ(m.code, reattached);
-  double const secondDelay = m.seconds;
+  expectMsg(fromA, written);
+  double const secondDelay = expectMsg(fromB, reattached).seconds;
   ASSERT_TRUE(toB.send(Msg{rows}));
-  ASSERT_TRUE(fromB.receive(m));
-  ASSERT_EQ(m.code, verified);
+  expectMsg(fromB, verified);
 
   ::kill(a, SIGKILL);
   int const statusA = reap(a);
   EXPECT_TRUE(WIFSIGNALED(statusA) && WTERMSIG(statusA) == SIGKILL);
   ASSERT_TRUE(toB.send(Msg{writerDead}));
-  ASSERT_TRUE(fromB.receive(m));
-  EXPECT_EQ(m.code, stillReading);
+  expectMsg(fromB, stillReading);
   int const statusB = reap(b);
   EXPECT_TRUE(FlowTrackingTest::exitedWith(statusB, 0)) << "reader agent status " << statusB;
   std::printf("kestor write to reader attach: first mount %.3f ms, after re-mount %.3f ms\n",
@@ -327,10 +312,7 @@ TEST(Mounting, ThreeHundredCollectionsOnEachSideShareOneInotifyInstancePerProces
     return 0;
   });
   ASSERT_GT(reader, 0);
-  Msg m;
-  ASSERT_TRUE(fromReader.receive(m));
-  ASSERT_EQ(m.code, waiting);
-  EXPECT_EQ(m.value, 1);
+  EXPECT_EQ(expectMsg(fromReader, waiting).value, 1);
 
   uint64_t const before = inotifyInstances();
   int const fds = openDescriptors();
@@ -338,8 +320,7 @@ TEST(Mounting, ThreeHundredCollectionsOnEachSideShareOneInotifyInstancePerProces
   EXPECT_EQ(writers.mounted(), 2 * kManyEntities);
   EXPECT_EQ(inotifyInstances() - before, 1u);
   double const writerFds = double(openDescriptors() - fds) / (2 * kManyEntities);
-  ASSERT_TRUE(fromReader.receive(m));
-  EXPECT_EQ(m.code, attached);
+  Msg const m = expectMsg(fromReader, attached);
   EXPECT_EQ(m.value, 1);
   EXPECT_TRUE(FlowTrackingTest::exitedWith(reap(reader), 0));
   std::printf("descriptors held per collection: writer %.2f, reader %.2f\n", writerFds, m.seconds);

@@ -68,36 +68,6 @@ TEST(Registration, ModulesHoldTheirTypesByIndex) {
   EXPECT_THROW(typeByName("FlowTracking::NoSuchType"), Zeb::UnknownTypeException);
 }
 
-TEST(Registration, AttributeIdsKindsAndFlags) {
-  auto const& key = typeByName("FlowTracking::HoIp6FlowKey");
-  EXPECT_EQ(key.flags, Zeb::kFlagsValue);
-  EXPECT_EQ(key.size, 60u);
-  EXPECT_EQ(key.attribute("ipProtocolNumber")->id, 11u);
-  EXPECT_EQ(key.attribute(12)->kind, Zeb::AttributeKind::ctorField);
-  EXPECT_EQ(key.attribute(5)->kind, Zeb::AttributeKind::flowKeyField);
-  EXPECT_EQ(key.attribute(13)->kind, Zeb::AttributeKind::valueFunction);
-
-  auto const& config = typeByName("FlowTracking::HoIpFlowConfig");
-  EXPECT_EQ(config.size, 84u);
-  EXPECT_EQ(config.attribute("mirakString")->id, 10u);
-  EXPECT_EQ(config.attribute("updateTime")->kind, Zeb::AttributeKind::field);
-  EXPECT_EQ(typeByName("FlowTracking::HoIpFlowStatus").attribute("mirakString")->id, 6u);
-  EXPECT_EQ(typeByName("FlowTracking::HoIpFlowCounter").attribute("mirakString")->id, 9u);
-  EXPECT_EQ(typeByName("FlowTracking::HosStateCounterEntry").attribute("mirakString")->id, 4u);
-  EXPECT_EQ(typeByName("FlowTracking::HosStateCounterEntry").flags, Zeb::kFlagsPlainValue);
-  EXPECT_EQ(typeByName("FlowTracking::HosStateCounterKey").size, 1u);
-
-  auto const& counter = typeByName("FlowTracking::HoFlowCounter");
-  EXPECT_EQ(counter.flags, Zeb::kFlagsEntity);
-  EXPECT_EQ(counter.attribute(258)->kind, Zeb::AttributeKind::collection);
-  EXPECT_STREQ(counter.attribute(259)->name, "hoIpFlowCounterControl");
-  EXPECT_EQ(counter.attribute(261)->kind, Zeb::AttributeKind::control);
-  EXPECT_EQ(counter.attribute(262)->parameters.size(), 2u);
-  EXPECT_EQ(typeByName("FlowTracking::HoFlowConfig").attribute(262)->parameters.size(), 1u);
-  EXPECT_STREQ(typeByName("FlowTracking::HosStateCounter").attribute(260)->name,
-               "hosStateIp6Counter");
-}
-
 // Every value type: the default prints and parses back to an equal value, and
 // a text of another type is refused at its first literal.
 TEST(Registration, EveryValueRoundTripsItsStrep) {

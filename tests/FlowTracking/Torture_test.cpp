@@ -11,9 +11,8 @@
 // and die against a presence map the writer keeps in shared memory: a key
 // present before and after a lookup must be found.
 //
-// Two forms: processes (fork; the real setting) for FLOWTABLES_TORTURE_SECONDS
-// seconds (default 3), and writer and reader as two threads, short, for the
-// thread sanitizer.
+// Writer and readers run as threads for FLOWTABLES_TORTURE_SECONDS seconds
+// (default 1.5); the harness's torn mode runs them as processes.
 #include <sys/mman.h>
 
 #include <atomic>
@@ -237,94 +236,46 @@ void expectWriterShrank(WriterReport const& w) {
   EXPECT_EQ(w.notHalfEmpty, 0u) << "a shrink left the table more than half full";
 }
 
-TEST(TortureTest, ProcessesFillAndEmptyUnderTwoReaders) {
+// Writer and readers as threads, each with its own mapping of the files:
+// the form the thread sanitizer can watch (readers and writer in processes:
+// the harness's torn mode, stress.torn).
+TEST(TortureTest, FillAndEmptyUnderTwoReaders) {
   MirakTest::TempRoot root;
-  double const seconds = tortureSeconds(3.0);
+  double const seconds = tortureSeconds(1.5);
   uint32_t const seed = 8080;
   std::printf("torture: %.1f s, seed %u\n", seconds, seed);
   Presence presence;
   ASSERT_TRUE(presence.ok());
-  RecordPipe writerUp, writerDown, readersUp, stopPipe;
-
-  pid_t writer = forkChild([&]() -> int {
-    auto w = makeSharedWriter<Record>(kTable, Stress::workloadDescriptor(1u << 20));
-    uint32_t token = 1;
-    auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    WriterReport const rep = runWriter(
-        *w, presence, seed,
-        [&] {
-          writerUp.send(token);
-          writerDown.receive(token);
-        },
-        [&] { return std::chrono::steady_clock::now() >= end; });
-    writerUp.send(rep);
-    // The files stay as the writer left them until the readers are done.
-    writerDown.receive(token);
-    return 0;
-  });
-  ASSERT_GT(writer, 0);
-  uint32_t token = 0;
-  ASSERT_TRUE(writerUp.receive(token)) << "writer did not start";
-  std::vector<pid_t> readers;
-  for (uint32_t r = 0; r < 2; r++) {
-    pid_t pid = forkChild([&, r]() -> int {
-      uint32_t ready = 1;
-      readersUp.send(ready);
-      auto stop = [&] { return stopPipe.readable(); };
-      readersUp.send(r == 0 ? Stress::readUntil(kTable, kIds, kPinned, seed + 1, stop)
-                            : runPresenceReader(presence, seed + 2, stop));
-      return 0;
-    });
-    ASSERT_GT(pid, 0);
-    readers.push_back(pid);
-  }
-  for (size_t i = 0; i < readers.size(); i++) ASSERT_TRUE(readersUp.receive(token));
-  writerDown.send(token);
-  WriterReport wrep;
-  ASSERT_TRUE(writerUp.receive(wrep, kDeadlineMs + static_cast<int>(seconds * 1000)));
-  uint8_t stop = 1;
-  stopPipe.send(stop);
-  uint64_t raced = 0;
-  for (size_t i = 0; i < readers.size(); i++) {
-    ReaderFigures f;
-    ASSERT_TRUE(readersUp.receive(f)) << "a reader did not report";
-    // The two report in either order; only the harness reader walks.
-    expectClean(f.walks > 0 ? "walking reader" : "presence reader (entries: lookups to find)", f);
-    raced += f.retries + f.lookasideReads + f.resizesFollowed;
-  }
-  writerDown.send(token);
-  expectWriterShrank(wrep);
-  EXPECT_GT(wrep.slotGrows, 0u);
-  EXPECT_GT(wrep.bucketGrows, 0u);
-  EXPECT_GT(raced, 0u) << "the run never raced: readers and writer did not overlap";
-  for (pid_t pid : readers) EXPECT_TRUE(exitedWith(reap(pid), 0));
-  EXPECT_TRUE(exitedWith(reap(writer), 0));
-}
-
-// The same with writer and reader as two threads, each with its own mapping
-// of the files: the form the thread sanitizer can watch.
-TEST(TortureTest, TwoThreads) {
-  MirakTest::TempRoot root;
-  uint32_t const seed = 77;
-  Presence presence;
-  ASSERT_TRUE(presence.ok());
   auto w = makeSharedWriter<Record>(kTable, Stress::workloadDescriptor(1u << 20));
-  std::atomic<bool> writerReady{false};
-  std::atomic<bool> writerDone{false};
-  ReaderFigures f;
-  std::thread readerThread([&] {
+  std::atomic<bool> writerReady{false}, writerDone{false};
+  ReaderFigures walking, present;
+  auto const stop = [&] { return writerDone.load(); };
+  auto const waitForWriter = [&] {
     while (!writerReady.load()) std::this_thread::yield();
-    f = Stress::readUntil(kTable, kIds, kPinned, seed + 1, [&] { return writerDone.load(); });
+  };
+  std::thread walker([&] {
+    waitForWriter();
+    walking = Stress::readUntil(kTable, kIds, kPinned, seed + 1, stop);
   });
-  double const seconds = std::min(0.5, tortureSeconds(0.5));
+  std::thread looker([&] {
+    waitForWriter();
+    present = runPresenceReader(presence, seed + 2, stop);
+  });
   auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   WriterReport const wrep = runWriter(
       *w, presence, seed, [&] { writerReady.store(true); },
       [&] { return std::chrono::steady_clock::now() >= end; });
   writerDone.store(true);
-  readerThread.join();
-  expectClean("thread reader", f);
-  EXPECT_EQ(wrep.validationFailures, 0u) << wrep.firstError;
+  walker.join();
+  looker.join();
+  expectClean("walking reader", walking);
+  expectClean("presence reader (entries: lookups to find)", present);
+  expectWriterShrank(wrep);
+  EXPECT_GT(wrep.slotGrows, 0u);
+  EXPECT_GT(wrep.bucketGrows, 0u);
+  uint64_t const raced = walking.retries + walking.lookasideReads + walking.resizesFollowed +
+                         present.retries + present.lookasideReads + present.resizesFollowed;
+  EXPECT_GT(raced, 0u) << "the run never raced: readers and writer did not overlap";
 }
 
 }  // namespace

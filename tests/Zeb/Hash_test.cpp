@@ -64,10 +64,12 @@ TEST(Hash, HashMix4FeedsFourBytesLittleEndianAndEachOneCounts) {
   }
 }
 
-TEST(Hash, HashMix1FeedsOneByteOnly) {
-  unsigned char bytes[4] = {0x5a, 0x01, 0x02, 0x03};
-  unsigned char other[4] = {0x5a, 0xff, 0xfe, 0xfd};
-  unsigned char third[4] = {0x5b, 0x01, 0x02, 0x03};
+// One byte in, the same as hashSingleAttr of a byte; a word the same as a
+// four-byte mix.
+TEST(Hash, HashMix1AndHashSingleAttrFeedOneByteOrOneWord) {
+  unsigned char const bytes[4] = {0x5a, 0x01, 0x02, 0x03};
+  unsigned char const other[4] = {0x5a, 0xff, 0xfe, 0xfd};
+  unsigned char const third[4] = {0x5b, 0x01, 0x02, 0x03};
   auto one = [](unsigned char const* p) {
     Zeb::Hash h(0);
     h.hashMix<1>(p);
@@ -75,12 +77,7 @@ TEST(Hash, HashMix1FeedsOneByteOnly) {
   };
   EXPECT_EQ(one(bytes), one(other));
   EXPECT_NE(one(bytes), one(third));
-  // A one-byte mix is not a four-byte mix of the same value.
-  uint32_t widened = 0x5a;
-  EXPECT_NE(one(bytes), hashWords(0, {widened}));
-}
-
-TEST(Hash, HashSingleAttrEqualsTheManualSequence) {
+  EXPECT_NE(one(bytes), hashWords(0, {0x5a})) << "a one-byte mix is not a word's";
   for (uint32_t seed : {0u, 1u, 12345u}) {
     for (int v = 0; v < 256; ++v) {
       uint8_t const b = static_cast<uint8_t>(v);
@@ -88,8 +85,7 @@ TEST(Hash, HashSingleAttrEqualsTheManualSequence) {
       h.hashMix<1>(&b);
       EXPECT_EQ(Zeb::hashSingleAttr(seed, b), h.result());
     }
-    uint32_t const w = 0xcafef00du;
-    EXPECT_EQ(Zeb::hashSingleAttr(seed, w), hashWords(seed, {w}));
+    EXPECT_EQ(Zeb::hashSingleAttr(seed, 0xcafef00du), hashWords(seed, {0xcafef00du}));
   }
 }
 

@@ -58,7 +58,8 @@ TEST(DeserializeAttr, UnsignedBounds) {
   EXPECT_THROW(parseAll<unsigned int>("12 "), RangeException);
 }
 
-TEST(DeserializeAttr, FailureIsNamedByTheAttribute) {
+// A field's failure is named by its attribute, and names nest outward.
+TEST(DeserializeAttr, FailureIsNamedByTheAttributePath) {
   String const s("x");
   auto it = s.begin();
   try {
@@ -67,24 +68,16 @@ TEST(DeserializeAttr, FailureIsNamedByTheAttribute) {
   } catch (RangeException const& e) {
     EXPECT_EQ(e.msg().rfind("field 'hoFlows': expected ", 0), 0u) << e.msg();
   }
-}
-
-TEST(RethrowFromDeserializeAttr, NestsNamesOutward) {
   try {
     try {
-      throw RangeException("inner problem");
+      rethrowFromDeserializeAttr(RangeException("inner problem"), "srcAddr");
     } catch (RangeException const& e) {
-      rethrowFromDeserializeAttr(e, "srcAddr");
-    }
-  } catch (RangeException const& e) {
-    try {
       rethrowFromDeserializeAttr(e, "key");
-    } catch (RangeException const& outer) {
-      EXPECT_EQ(outer.msg(), "field 'key': field 'srcAddr': inner problem");
-      return;
     }
+    FAIL();
+  } catch (RangeException const& outer) {
+    EXPECT_EQ(outer.msg(), "field 'key': field 'srcAddr': inner problem");
   }
-  FAIL();
 }
 
 TEST(Seconds, RoundTripIsExact) {
@@ -135,7 +128,7 @@ TEST(Format, PrintfIntoString) {
   EXPECT_EQ(format("<%s>", big.c_str()).stdString(), "<" + big + ">");
 }
 
-TEST(StrepToValueEnd, RejectsLeftovers) {
+TEST(StrepToValue, TheWholeTextAndNothingAfterIt) {
   String const s("12x");
   auto it = s.begin();
   EXPECT_EQ(deserializeAttr<unsigned int>(it, s.end(), "n"), 12u);
@@ -147,9 +140,6 @@ TEST(StrepToValueEnd, RejectsLeftovers) {
   }
   ++it;
   strepToValueEnd(s, it);
-}
-
-TEST(StrepToValue, NumbersAndWholeText) {
   EXPECT_EQ(strepToValue(String("42"), static_cast<unsigned int*>(nullptr)), 42u);
   EXPECT_THROW(strepToValue(String("42 "), static_cast<unsigned int*>(nullptr)), RangeException);
   EXPECT_EQ(strepToValue(String("0.25"), static_cast<Seconds*>(nullptr)), 0.25);

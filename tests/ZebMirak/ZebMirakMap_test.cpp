@@ -77,17 +77,6 @@ TEST(ZebMirakMap, ASecondAndThirdParentAreRefusedAfterTheRenaming) {
   EXPECT_EQ(e->hoIp6FlowConfig().mountStatus(), 0u);
 }
 
-TEST(ZebMirakMap, ADyingParentOrphansItsChildren) {
-  auto e = hoFlowConfigFactory("flows");
-  {
-    auto p = hoFlowConfigFactory("p");
-    e->parentIs(p.get());
-  }
-  EXPECT_EQ(e->parent(), nullptr);
-  EXPECT_EQ(e->hoIpFlowConfig().name(), "flows/hoIpFlowConfig");
-  EXPECT_THROW(e->hoIpFlowConfigIs(FlowTracking::HoIpFlowConfig()), Lomi::NoPermissionException);
-}
-
 TEST(ZebMirakMap, ValidateFilesDelegatesAndClassTypeNamesTheEntity) {
   TraceCapture trace;
   auto e = hoFlowConfigFactory("flows");

@@ -27,12 +27,11 @@ inline std::string slurp(std::string const& path) {
   return s.str();
 }
 
-// Runs the tool with `args`; its stdout and stderr go through the files
-// `outBase`.out and `outBase`.err, which are removed afterwards. `inChild`,
-// if given, runs in the child just before the tool starts (limits, setenv).
-inline Result runTool(std::vector<std::string> args, std::string const& outBase,
-                      std::function<void()> const& inChild = nullptr) {
-  std::string const out = outBase + ".out", err = outBase + ".err";
+// Starts the tool with `args`, its stdout and stderr into the files `out`
+// and `err`; `inChild`, if given, runs in the child just before the tool
+// starts (limits, setenv). Returns its pid.
+inline pid_t startTool(std::vector<std::string> args, std::string const& out,
+                       std::string const& err, std::function<void()> const& inChild = nullptr) {
   pid_t const pid = ::fork();
   if (pid == 0) {
     // A tool that hangs dies of SIGALRM: a failure, not a stuck suite.
@@ -47,6 +46,15 @@ inline Result runTool(std::vector<std::string> args, std::string const& outBase,
     ::execv(FLOWTABLE_BINARY, argv.data());
     ::_exit(127);
   }
+  return pid;
+}
+
+// Runs the tool with `args`; its stdout and stderr go through the files
+// `outBase`.out and `outBase`.err, which are removed afterwards.
+inline Result runTool(std::vector<std::string> args, std::string const& outBase,
+                      std::function<void()> const& inChild = nullptr) {
+  std::string const out = outBase + ".out", err = outBase + ".err";
+  pid_t const pid = startTool(std::move(args), out, err, inChild);
   Result r;
   int status = 0;
   if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return r;

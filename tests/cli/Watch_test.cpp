@@ -111,17 +111,7 @@ TEST_P(Watch, PrintsTheSweepThenEachChangeInOrderAndASummary) {
   std::vector<std::string> args{"--root", root, "--json", "watch", kTable, "--count",
                                 std::to_string(kFirst + 8), "--for", "30"};
   if (keyOnly) args.push_back("--keyshadow");
-  pid_t const tool = ::fork();
-  if (tool == 0) {
-    ::alarm(60);
-    int const o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (o < 0 || ::dup2(o, 1) < 0) ::_exit(127);
-    std::vector<char*> argv{const_cast<char*>(FLOWTABLE_BINARY)};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ::execv(FLOWTABLE_BINARY, argv.data());
-    ::_exit(127);
-  }
+  pid_t const tool = CliTest::startTool(args, out, out + ".err");
   auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (linesOf(out).size() < size_t(kFirst) && std::chrono::steady_clock::now() < deadline) {
     ::usleep(2000);
@@ -137,8 +127,10 @@ TEST_P(Watch, PrintsTheSweepThenEachChangeInOrderAndASummary) {
   std::vector<std::string> const lines = linesOf(out);
   std::error_code ec;
   fs::remove_all(root, ec);
+  std::string const err = CliTest::slurp(out + ".err");
   fs::remove(out, ec);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  fs::remove(out + ".err", ec);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ": " << err;
 
   ASSERT_EQ(lines.size(), size_t(kFirst + 8 + 1));
   for (int i = 0; i < kFirst; ++i) {

@@ -79,18 +79,17 @@ int runCorpus(Options const& o) {
   FlowTrackingTest::Rng rng(o.seed);
   uint32_t n = 0;
   using namespace FlowTracking;
-  n += strepSeeds<IpFlowKey>(o.dir, "IpFlowKey", rng);
-  n += strepSeeds<Ip6FlowKey>(o.dir, "Ip6FlowKey", rng);
-  n += strepSeeds<HoIpFlowKey>(o.dir, "HoIpFlowKey", rng);
-  n += strepSeeds<HoIp6FlowKey>(o.dir, "HoIp6FlowKey", rng);
-  n += strepSeeds<HosStateCounterKey>(o.dir, "HosStateCounterKey", rng);
-  n += strepSeeds<HoIpFlowConfig>(o.dir, "HoIpFlowConfig", rng);
-  n += strepSeeds<HoIp6FlowConfig>(o.dir, "HoIp6FlowConfig", rng);
-  n += strepSeeds<HoIpFlowStatus>(o.dir, "HoIpFlowStatus", rng);
-  n += strepSeeds<HoIp6FlowStatus>(o.dir, "HoIp6FlowStatus", rng);
-  n += strepSeeds<HoIpFlowCounter>(o.dir, "HoIpFlowCounter", rng);
-  n += strepSeeds<HoIp6FlowCounter>(o.dir, "HoIp6FlowCounter", rng);
-  n += strepSeeds<HosStateCounterEntry>(o.dir, "HosStateCounterEntry", rng);
+  // Every flow type, in this order (the rng's draws follow it).
+  auto const each = [&]<typename... T>(char const* const (&names)[sizeof...(T)]) {
+    size_t i = 0;
+    ((n += strepSeeds<T>(o.dir, names[i++], rng)), ...);
+  };
+  each.operator()<IpFlowKey, Ip6FlowKey, HoIpFlowKey, HoIp6FlowKey, HosStateCounterKey,
+                  HoIpFlowConfig, HoIp6FlowConfig, HoIpFlowStatus, HoIp6FlowStatus,
+                  HoIpFlowCounter, HoIp6FlowCounter, HosStateCounterEntry>(
+      {"IpFlowKey", "Ip6FlowKey", "HoIpFlowKey", "HoIp6FlowKey", "HosStateCounterKey",
+       "HoIpFlowConfig", "HoIp6FlowConfig", "HoIpFlowStatus", "HoIp6FlowStatus",
+       "HoIpFlowCounter", "HoIp6FlowCounter", "HosStateCounterEntry"});
   n += attachSeeds(o.dir, o.seed);
   fmt::print("corpus: {} seed files under {}\n", n, o.dir);
   return 0;

@@ -49,26 +49,20 @@ Options parseOptions(int argc, char** argv, int first) {
     std::string const name = arg.substr(2);
     if (i + 1 >= argc) throw Lomi::RuntimeException("option --{} needs a value", name);
     char const* value = argv[++i];
-    if (name == "seconds") {
+    std::pair<char const*, uint32_t*> const counts[] = {
+        {"trials", &o.trials}, {"cases", &o.cases}, {"readers", &o.readers},
+        {"ids", &o.ids},       {"high", &o.high},   {"low", &o.low},
+        {"restarts", &o.restarts}};
+    auto const count = std::find_if(std::begin(counts), std::end(counts),
+                                    [&](auto const& c) { return name == c.first; });
+    if (count != std::end(counts)) {
+      *count->second = parse32(name, value);
+    } else if (name == "seconds") {
       char* end = nullptr;
       o.seconds = std::strtod(value, &end);
       if (end == value || *end != '\0' || !(o.seconds > 0) || o.seconds > 1e6) {
         throw Lomi::RuntimeException("option --seconds: '{}' is not a duration in seconds", value);
       }
-    } else if (name == "trials") {
-      o.trials = parse32(name, value);
-    } else if (name == "cases") {
-      o.cases = parse32(name, value);
-    } else if (name == "readers") {
-      o.readers = parse32(name, value);
-    } else if (name == "ids") {
-      o.ids = parse32(name, value);
-    } else if (name == "high") {
-      o.high = parse32(name, value);
-    } else if (name == "low") {
-      o.low = parse32(name, value);
-    } else if (name == "restarts") {
-      o.restarts = parse32(name, value);
     } else if (name == "dir") {
       o.dir = value;
     } else if (name == "seed") {
@@ -111,13 +105,8 @@ Mirak::MapDescriptor workloadDescriptor(uint32_t size) {
 }
 
 void WriterFigures::add(WriterFigures const& o) {
-  ops += o.ops;
-  cycles += o.cycles;
-  slotGrows += o.slotGrows;
-  compactions += o.compactions;
-  slotsMoved += o.slotsMoved;
-  bucketGrows += o.bucketGrows;
-  bucketShrinks += o.bucketShrinks;
+#define STRESS_ADD(f) f += o.f;
+  STRESS_WRITER_COUNTS(STRESS_ADD)
   mostCapacity = std::max(mostCapacity, o.mostCapacity);
   leastCapacityAfterGrowth = std::min(leastCapacityAfterGrowth, o.leastCapacityAfterGrowth);
   validationsFailed += o.validationsFailed;
@@ -125,13 +114,14 @@ void WriterFigures::add(WriterFigures const& o) {
   hashSeed = o.hashSeed;
 }
 
+#define STRESS_TEXT(f) out += fmt::format(#f " {} ", f);
+
 std::string WriterFigures::toString() const {
-  return fmt::format(
-      "ops {} cycles {} slotGrows {} compactions {} slotsMoved {} capacity {} -> {} bucketGrows {} "
-      "bucketShrinks {} validationsFailed {}",
-      ops, cycles, slotGrows, compactions, slotsMoved, mostCapacity,
-      leastCapacityAfterGrowth == ~0ull ? 0 : leastCapacityAfterGrowth, bucketGrows, bucketShrinks,
-      validationsFailed);
+  std::string out;
+  STRESS_WRITER_COUNTS(STRESS_TEXT)
+  return out + fmt::format("capacity {} -> {} validationsFailed {}", mostCapacity,
+                           leastCapacityAfterGrowth == ~0ull ? 0 : leastCapacityAfterGrowth,
+                           validationsFailed);
 }
 
 void writePinned(Writer& w, uint32_t pinned, uint64_t& writes) {
@@ -198,32 +188,17 @@ void ReaderFigures::note(std::string const& text) {
 }
 
 void ReaderFigures::add(ReaderFigures const& o) {
-  reads += o.reads;
-  walks += o.walks;
-  walkEntries += o.walkEntries;
-  attaches += o.attaches;
-  retries += o.retries;
-  lookasideReads += o.lookasideReads;
-  resizesFollowed += o.resizesFollowed;
-  torn += o.torn;
-  wrongKey += o.wrongKey;
-  walkDisorder += o.walkDisorder;
-  pinnedAbsent += o.pinnedAbsent;
-  walkBadPinned += o.walkBadPinned;
-  corruptionExceptions += o.corruptionExceptions;
-  otherExceptions += o.otherExceptions;
+  STRESS_READER_COUNTS(STRESS_ADD)
   if (o.lastError[0]) note(o.lastError);
 }
 
 std::string ReaderFigures::toString() const {
-  return fmt::format(
-      "reads {} walks {} (entries {}) attaches {} retries {} lookasideReads {} resizesFollowed {} "
-      "| torn {} wrongKey {} walkDisorder {} pinnedAbsent {} walkBadPinned {} "
-      "corruptionExceptions {} otherExceptions {}{}{}",
-      reads, walks, walkEntries, attaches, retries, lookasideReads, resizesFollowed, torn, wrongKey,
-      walkDisorder, pinnedAbsent, walkBadPinned, corruptionExceptions, otherExceptions,
-      lastError[0] ? " last: " : "", lastError);
+  std::string out;
+  STRESS_READER_COUNTS(STRESS_TEXT)
+  return out + (lastError[0] ? std::string("last: ") + lastError : std::string());
 }
+#undef STRESS_ADD
+#undef STRESS_TEXT
 
 std::vector<std::string> ReaderFigures::faults() const {
   std::vector<std::string> out;

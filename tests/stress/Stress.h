@@ -66,15 +66,13 @@ inline uint32_t idOf(Key const& k) {
 // compaction and bucket shrink on.
 Mirak::MapDescriptor workloadDescriptor(uint32_t size);
 
-// What a writer process did; sent up a pipe, so plain data only.
+// What a writer process did; sent up a pipe, so plain data only. The counts
+// are summed over writer lives.
+#define STRESS_WRITER_COUNTS(X) \
+  X(ops) X(cycles) X(slotGrows) X(compactions) X(slotsMoved) X(bucketGrows) X(bucketShrinks)
 struct WriterFigures {
-  uint64_t ops = 0;
-  uint64_t cycles = 0;
-  uint64_t slotGrows = 0;
-  uint64_t compactions = 0;
-  uint64_t slotsMoved = 0;
-  uint64_t bucketGrows = 0;
-  uint64_t bucketShrinks = 0;
+#define STRESS_FIELD(f) uint64_t f = 0;
+  STRESS_WRITER_COUNTS(STRESS_FIELD)
   uint64_t mostCapacity = 0;
   uint64_t leastCapacityAfterGrowth = ~0ull;
   uint64_t validationsFailed = 0;
@@ -99,22 +97,15 @@ void writePinned(Writer& w, uint32_t pinned, uint64_t& writes);
 WriterFigures cycleLiveSet(Writer& w, Options const& o, uint32_t pinned, uint64_t seed,
                            uint64_t& writes, std::chrono::steady_clock::time_point end);
 
-// What a reader process saw; sent up a pipe, so plain data only.
+// What a reader process saw; sent up a pipe, so plain data only. The counts
+// after resizesFollowed are faults.
+#define STRESS_READER_COUNTS(X)                                                           \
+  X(reads) X(walks) X(walkEntries) X(attaches) X(retries) X(lookasideReads) X(resizesFollowed) \
+  X(torn) X(wrongKey) X(walkDisorder) X(pinnedAbsent) X(walkBadPinned) X(corruptionExceptions)  \
+  X(otherExceptions)
 struct ReaderFigures {
-  uint64_t reads = 0;
-  uint64_t walks = 0;
-  uint64_t walkEntries = 0;
-  uint64_t attaches = 0;
-  uint64_t retries = 0;
-  uint64_t lookasideReads = 0;
-  uint64_t resizesFollowed = 0;
-  uint64_t torn = 0;
-  uint64_t wrongKey = 0;
-  uint64_t walkDisorder = 0;
-  uint64_t pinnedAbsent = 0;
-  uint64_t walkBadPinned = 0;
-  uint64_t corruptionExceptions = 0;
-  uint64_t otherExceptions = 0;
+  STRESS_READER_COUNTS(STRESS_FIELD)
+#undef STRESS_FIELD
   char lastError[200] = {};
   void note(std::string const& text);
   void add(ReaderFigures const& o);
