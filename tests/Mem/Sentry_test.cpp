@@ -172,23 +172,16 @@ TEST_F(ReaderSentryTest, AFailedAttachIsRetriedByATimerWithGrowingDelays) {
   // No file changes: only the timer can bring these.
   ASSERT_TRUE(runUntil([&] { return coll.count("attach retry") >= 3; }));
   EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 16 * Mem::ReaderSentry::kFirstRetry);
+  // A change of the directory retries at once.
   coll.succeed = true;
+  std::ofstream(root.filePath("buckets")).put('x');
   ASSERT_TRUE(runUntil([&] { return coll.attached; }));
+  EXPECT_EQ(coll.calls.back(), "attach change");
   EXPECT_FALSE(s->retryPending());
   EXPECT_DOUBLE_EQ(s->nextRetryDelay(), Mem::ReaderSentry::kFirstRetry);
   int const attempts = coll.count("attach");
   loop.runOnce(0.05);
   EXPECT_EQ(coll.count("attach"), attempts);
-}
-
-TEST_F(ReaderSentryTest, AFailedAttachIsRetriedOnTheNextChangeOfTheDirectory) {
-  writeKestor(3);
-  coll.succeed = false;
-  auto s = start();
-  coll.succeed = true;
-  std::ofstream(root.filePath("buckets")).put('x');
-  ASSERT_TRUE(runUntil([&] { return coll.attached; }));
-  EXPECT_EQ(coll.calls.back(), "attach change");
 }
 
 // A reader's failed attach leaves the corruption marker; the sentry does not
