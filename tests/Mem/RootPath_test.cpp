@@ -95,14 +95,14 @@ TEST_F(RootPathTest, LocalTablesHaveNoDirectory) {
 
 TEST_F(RootPathTest, NamesThatLeaveTheirDirectoryAreRefused) {
   std::string const outside = ": it must stay inside its own directory";
-  for (auto [name, text] : {
+  for (auto const& c : {
            std::pair<char const*, std::string>{"", "is empty: a shared table needs a name"},
            {"/etc/x", "\"/etc/x\" is absolute: it must be relative to the base directory"},
            {"a/../../x", "\"a/../../x\" has a \"..\" component" + outside},
            {"a/./b", "\"a/./b\" has a \".\" component" + outside},
            {"..", "\"..\" has a \"..\" component" + outside}}) {
-    EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, name, false); }),
-              "Mirak table name " + text);
+    EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, c.first, false); }),
+              "Mirak table name " + c.second);
   }
   // Dots inside a component are ordinary characters.
   EXPECT_EQ(Mem::NaoRootPath(handler, "a..b/.c", false).path(), dir + "/a..b/.c");
