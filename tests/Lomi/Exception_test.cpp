@@ -16,36 +16,25 @@ using Kinds = ::testing::Types<Lomi::Exception, Lomi::RuntimeException,
                                Lomi::NoPermissionException, Lomi::MemoryResourceException>;
 TYPED_TEST_SUITE(ExceptionKinds, Kinds);
 
-TYPED_TEST(ExceptionKinds, FormatsItsMessageAndIsCaughtAsTheFamily) {
+TYPED_TEST(ExceptionKinds, FormatsItsMessageTakesPlainStringsAsTheyAreAndIsCaughtAsTheFamily) {
   try {
-    throw TypeParam("cannot initialize collection {} with {}", "hoIpFlowCounter",
-                    "DummyTesselWriter not supported in shadow mode");
+    throw TypeParam("cannot initialize collection {} with {}", "hoIpFlowCounter", 7);
   } catch (Lomi::Exception const& e) {
-    EXPECT_EQ(e.msg(),
-              "cannot initialize collection hoIpFlowCounter with DummyTesselWriter not supported "
-              "in shadow mode");
+    EXPECT_EQ(e.msg(), "cannot initialize collection hoIpFlowCounter with 7");
     EXPECT_EQ(std::string(e.what()), e.msg());
     EXPECT_NE(dynamic_cast<TypeParam const*>(&e), nullptr);
   }
-}
-
-TYPED_TEST(ExceptionKinds, TakesAPlainStringAsItIs) {
-  TypeParam e(std::string("braces {} stay"));
-  EXPECT_EQ(e.msg(), "braces {} stay");
+  EXPECT_EQ(TypeParam(std::string("braces {} stay")).msg(), "braces {} stay");
 }
 
 TEST(Exception, KindsAreDistinct) {
-  auto throwCorruption = [] { throw Lomi::CorruptionDetectedException("chain of bucket {}", 3); };
-  EXPECT_THROW(throwCorruption(), Lomi::CorruptionDetectedException);
-  bool caughtAsOther = false;
   try {
-    throwCorruption();
+    throw Lomi::CorruptionDetectedException("chain of bucket {}", 3);
   } catch (Lomi::InvalidInitializeException const&) {
-    caughtAsOther = true;
+    ADD_FAILURE() << "caught as another kind";
   } catch (Lomi::Exception const& e) {
     EXPECT_EQ(e.msg(), "chain of bucket 3");
   }
-  EXPECT_FALSE(caughtAsOther);
 }
 
 }  // namespace

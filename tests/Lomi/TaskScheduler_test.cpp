@@ -10,7 +10,7 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/TaskScheduler.h"
-#include "Lomi/Trace.h"
+#include "Lomi/TraceCapture.h"
 
 namespace {
 
@@ -90,20 +90,18 @@ TEST(TaskScheduler, RunsDoNotNest) {
 
 TEST(TaskScheduler, FailingTaskIsLoggedCountedAndTheRunGoesOn) {
   Scheduler s;
-  std::vector<std::string> lines;
-  Lomi::Platform::traceSinkIs([&](std::string_view l) { lines.emplace_back(l); });
+  LomiTest::TraceCapture trace;
   bool second = false;
   Handle a = s.criticalTaskIs("watchdog", [] { throw std::runtime_error("socket gone"); });
   Handle b = s.criticalTaskIs("second", [&] { second = true; });
   s.runCriticalPriorityTasks();
-  Lomi::Platform::traceSinkIs(nullptr);
   EXPECT_TRUE(second);
   EXPECT_EQ(s.taskFailures(), 1u);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(lines[0].ends_with(
+  ASSERT_EQ(trace.lines.size(), 1u);
+  EXPECT_TRUE(trace.lines[0].ends_with(
       "TaskScheduler 0 TaskSchedulerRoot::runCriticalPriorityTasks critical task watchdog "
       "failed: socket gone"))
-      << lines[0];
+      << trace.lines[0];
 }
 
 TEST(TaskScheduler, RefusesAnEmptyTask) {

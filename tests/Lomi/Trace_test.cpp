@@ -7,19 +7,16 @@
 #include <vector>
 
 #include "Lomi/Trace.h"
+#include "Lomi/TraceCapture.h"
 
 namespace {
 
 using Lomi::Platform::DebugHandler;
 
-// Captures the sink for one test and restores the default afterwards.
 class TraceTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Lomi::Platform::traceSinkIs([this](std::string_view line) { lines.emplace_back(line); });
-  }
-  void TearDown() override { Lomi::Platform::traceSinkIs(nullptr); }
-  std::vector<std::string> lines;
+  LomiTest::TraceCapture capture;
+  std::vector<std::string>& lines = capture.lines;
 };
 
 TEST(DebugHandler, LevelNIsOnExactlyWhenBitNIsSet) {

@@ -13,29 +13,18 @@ namespace {
 
 using Lomi::Util::reverse;
 
-TEST(Reverse, Examples) {
-  EXPECT_EQ(reverse(0), 0u);
-  EXPECT_EQ(reverse(1), 0x80000000u);
-  EXPECT_EQ(reverse(0x80000000u), 1u);
-  EXPECT_EQ(reverse(0xffffffffu), 0xffffffffu);
-  EXPECT_EQ(reverse(0x12345678u), 0x1e6a2c48u);
-  EXPECT_EQ(reverse(0x0000000fu), 0xf0000000u);
-  EXPECT_EQ(reverse(6), 0x60000000u);
+// Bit i goes to bit 31 - i and reverse is linear over xor: together they
+// fix every value.
+TEST(Reverse, MovesBitIToBit31MinusIAndIsALinearInvolution) {
   static_assert(reverse(2) == 0x40000000u, "usable in constant expressions");
-}
-
-TEST(Reverse, MovesBitIToBit31MinusI) {
+  EXPECT_EQ(reverse(0), 0u);
   for (int i = 0; i < 32; ++i) EXPECT_EQ(reverse(1u << i), 1u << (31 - i)) << i;
-}
-
-TEST(Reverse, IsAnInvolutionAndKeepsTheBitCount) {
   uint32_t const seed = 20240601;
   std::printf("reverse seed %u\n", seed);
   std::mt19937 rng(seed);
   for (int i = 0; i < 100000; ++i) {
     uint32_t v = rng(), w = rng();
     ASSERT_EQ(reverse(reverse(v)), v) << v;
-    ASSERT_EQ(__builtin_popcount(reverse(v)), __builtin_popcount(v)) << v;
     ASSERT_EQ(reverse(v ^ w), reverse(v) ^ reverse(w)) << v << " " << w;
   }
 }

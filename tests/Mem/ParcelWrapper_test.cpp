@@ -20,6 +20,7 @@
 
 #include "Lomi/Util.h"
 #include "Mem/ParcelWrapper.h"
+#include "Parcel/ProcessTestUtil.h"
 
 namespace {
 
@@ -47,15 +48,7 @@ class ParcelWrapperTest : public ::testing::Test {
 
   // Runs `body` in a forked child with a deadline; returns the wait status.
   static int runInChild(std::function<int()> body) {
-    std::fflush(nullptr);
-    pid_t pid = ::fork();
-    if (pid == 0) {
-      ::alarm(60);
-      ::_exit(body());
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return status;
+    return ParcelTest::Child(std::move(body)).wait().value_or(-1);
   }
 
   std::string dir_;
@@ -84,7 +77,6 @@ TEST_F(ParcelWrapperTest, CreateMapsAndLengthensTheFile) {
   EXPECT_EQ(p.memSize(), 0u) << "no file yet";
   void* base = p.attach(2 * kPage, Mode::ReadWrite);
   ASSERT_NE(base, nullptr) << p.lastError();
-  EXPECT_TRUE(p.attached());
   EXPECT_FALSE(p.local());
   EXPECT_EQ(p.fileSize(), 2 * kPage);
   EXPECT_EQ(p.memSize(), 2 * kPage);
@@ -123,7 +115,6 @@ TEST_F(ParcelWrapperTest, GrowKeepsContentWhenTheBaseMoves) {
   void* grown = p.resize(kBig);
   ASSERT_NE(grown, nullptr) << p.lastError();
   EXPECT_NE(grown, base) << "the mapping grew into a reserved page";
-  EXPECT_EQ(p.base(), grown);
   EXPECT_EQ(p.fileSize(), kBig);
   EXPECT_EQ(p.memSize(), kBig);
   EXPECT_EQ(firstMismatch(grown, kSmall), kSmall / 8);

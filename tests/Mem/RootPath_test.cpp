@@ -6,28 +6,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Mirak/TempRoot.h"
 
 namespace {
 
 class RootPathTest : public ::testing::Test {
  protected:
-  RootPathTest() : handler("RootPathTest") {
-    char tmpl[] = "/tmp/mirak-rootpath-XXXXXX";
-    dir = ::mkdtemp(tmpl);
-    Mem::RootPath::baseIs(dir);
-  }
-  ~RootPathTest() override {
-    std::string cmd = "rm -rf '" + dir + "'";
-    EXPECT_EQ(std::system(cmd.c_str()), 0);
-    Mem::RootPath::baseIs(Mem::RootPath::kDefaultBase);
-  }
-
   static bool isDirectory(std::string const& p) {
     struct stat st;
     return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
@@ -43,8 +32,9 @@ class RootPathTest : public ::testing::Test {
     return "<no exception>";
   }
 
-  Lomi::Platform::DebugHandler handler;
-  std::string dir;
+  MirakTest::TempRoot root;
+  std::string const dir = root.path();
+  Lomi::Platform::DebugHandler handler{"RootPathTest"};
 };
 
 TEST_F(RootPathTest, BaseIsProcessWideAndKeptByEachPath) {
@@ -104,19 +94,16 @@ TEST_F(RootPathTest, LocalTablesHaveNoDirectory) {
 }
 
 TEST_F(RootPathTest, NamesThatLeaveTheirDirectoryAreRefused) {
-  EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, "", false); }),
-            "Mirak table name is empty: a shared table needs a name");
-  EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, "/etc/x", false); }),
-            "Mirak table name \"/etc/x\" is absolute: it must be relative to the base directory");
-  EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, "a/../../x", false); }),
-            "Mirak table name \"a/../../x\" has a \"..\" component: it must stay inside its own "
-            "directory");
-  EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, "a/./b", false); }),
-            "Mirak table name \"a/./b\" has a \".\" component: it must stay inside its own "
-            "directory");
-  EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, "..", false); }),
-            "Mirak table name \"..\" has a \"..\" component: it must stay inside its own "
-            "directory");
+  std::string const outside = ": it must stay inside its own directory";
+  for (auto const& c : {
+           std::pair<char const*, std::string>{"", "is empty: a shared table needs a name"},
+           {"/etc/x", "\"/etc/x\" is absolute: it must be relative to the base directory"},
+           {"a/../../x", "\"a/../../x\" has a \"..\" component" + outside},
+           {"a/./b", "\"a/./b\" has a \".\" component" + outside},
+           {"..", "\"..\" has a \"..\" component" + outside}}) {
+    EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, c.first, false); }),
+              "Mirak table name " + c.second);
+  }
   // Dots inside a component are ordinary characters.
   EXPECT_EQ(Mem::NaoRootPath(handler, "a..b/.c", false).path(), dir + "/a..b/.c");
 }
@@ -125,7 +112,6 @@ TEST_F(RootPathTest, CreateDirectoriesMakesParentsAndIsRepeatable) {
   Mem::RootPath::baseIs(dir + "/not/yet/there");
   Mem::NaoRootPath p(handler, "flowtracking/config", false);
   p.createDirectories();
-  EXPECT_TRUE(isDirectory(p.path()));
   p.createDirectories();
   EXPECT_TRUE(isDirectory(p.path()));
 }

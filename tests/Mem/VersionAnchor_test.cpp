@@ -8,25 +8,14 @@
 
 namespace {
 
-TEST(VersionAnchor, DefaultIsNeverSet) {
-  Mem::VersionAnchor a;
-  EXPECT_TRUE(a.neverSet());
-  EXPECT_FALSE(a.isGone());
-  EXPECT_EQ(a.word, 0u);
-  EXPECT_EQ(a.offset, 0xfffffffeu);
-  EXPECT_EQ(a.base, nullptr);
-  EXPECT_FALSE(a.current());
-  EXPECT_EQ(a.cache(), Mem::CacheVersionAnchor());
-  EXPECT_EQ(Mem::CacheVersionAnchor().offset, 0xfffffffeu);
-}
-
 TEST(VersionAnchor, SeesEveryChangeOfTheWord) {
   alignas(8) uint32_t mapping[16] = {};
   mapping[5] = 0x11;  // OCCUPIED, one overwrite behind it
   Mem::VersionAnchor a;
+  EXPECT_TRUE(a.neverSet());
+  EXPECT_FALSE(a.current());
+  EXPECT_EQ(a.cache().offset, Mem::CacheVersionAnchor::kNeverSet);
   a.set(mapping[5], &mapping[5], mapping);
-  EXPECT_EQ(a.offset, 5 * sizeof(uint32_t));
-  EXPECT_EQ(a.base, static_cast<void const*>(mapping));
   EXPECT_TRUE(a.current());
 
   mapping[5] += 2;  // LOOKASIDE up: an overwrite in progress
@@ -40,7 +29,7 @@ TEST(VersionAnchor, SeesEveryChangeOfTheWord) {
 
   Mem::CacheVersionAnchor c = a.cache();
   EXPECT_EQ(c.word, 0x11u);
-  EXPECT_EQ(c.offset, 20u);
+  EXPECT_EQ(c.offset, 5 * sizeof(uint32_t));
   EXPECT_EQ(fmt::format("{}", c), "word:0x11 offset:0x14");
 }
 
@@ -51,24 +40,18 @@ TEST(VersionAnchor, GoneAndResetAreNeverCurrent) {
   ASSERT_TRUE(a.current());
   a.gone();
   EXPECT_TRUE(a.isGone());
-  EXPECT_EQ(a.offset, 0xffffffffu);
   EXPECT_FALSE(a.current()) << "a slot shrunk away is never current";
   a.set(5, &mapping[1], mapping);
   a.reset();
   EXPECT_TRUE(a.neverSet());
-  EXPECT_EQ(a.base, nullptr);
   EXPECT_FALSE(a.current());
 }
 
-TEST(VersionAnchor, MismatchIsALomiException) {
-  try {
-    throw Mem::VersionMismatchException();
-  } catch (Lomi::Exception const& e) {
-    EXPECT_EQ(e.msg(), "");
-  }
+TEST(VersionAnchor, MismatchIsALomiExceptionWithAnOptionalMessage) {
+  EXPECT_EQ(Mem::VersionMismatchException().msg(), "");
   try {
     throw Mem::VersionMismatchException("slot {} moved", 3);
-  } catch (Mem::VersionMismatchException const& e) {
+  } catch (Lomi::Exception const& e) {
     EXPECT_EQ(e.msg(), "slot 3 moved");
   }
 }

@@ -20,7 +20,7 @@
 
 #include "Lomi/Rdtsc.h"
 #include "Lomi/TaskScheduler.h"
-#include "Lomi/Trace.h"
+#include "Lomi/TraceCapture.h"
 #include "Mirak/MirakWriter.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/WriterTestPolicy.h"
@@ -35,18 +35,6 @@ constexpr uint32_t kOccupied = Mirak::SlotTable::OCCUPIED;
 
 Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("CompactionTest");
-}
-
-TestValue value(uint32_t id, uint64_t count = 1) {
-  TestRecord r;
-  r.key_.id = id;
-  r.count = count;
-  r.flags = id * 2654435761u;
-  return TestValue(r);
-}
-
-TestKey key(uint32_t id) {
-  return TestKey{id, 0};
 }
 
 Mirak::MapDescriptor descriptor(bool shrinkSlots = true, bool fixedSize = false,
@@ -69,34 +57,13 @@ void expectValid(Writer& w) {
   EXPECT_TRUE(w.validate(w.kestorId(), error, false)) << error;
 }
 
-// Collects the lines of the test's trace handler while it lives, with the
-// given levels on.
-class TraceCapture {
- public:
-  explicit TraceCapture(uint16_t mask) {
-    handler().maskIs(mask);
-    Lomi::Platform::traceSinkIs([this](std::string_view line) {
-      lines.emplace_back(line);
-      if (onLine) onLine(lines.back());
-    });
-  }
-  ~TraceCapture() {
-    handler().maskIs(0);
-    Lomi::Platform::traceSinkIs({});
-  }
-  size_t count(std::string const& text) const {
-    return std::count_if(lines.begin(), lines.end(),
-                         [&](std::string const& l) { return l.find(text) != std::string::npos; });
-  }
-  bool has(std::string const& text) const { return count(text) != 0; }
+using LomiTest::level;
 
-  std::vector<std::string> lines;
-  std::function<void(std::string const&)> onLine;
+// The lines of the trace while it lives, with the given levels of the test's
+// handler on.
+struct TraceCapture : LomiTest::TraceCapture {
+  explicit TraceCapture(uint16_t mask) : LomiTest::TraceCapture(handler(), mask) {}
 };
-
-constexpr uint16_t level(int l) {
-  return uint16_t(1u << l);
-}
 
 // The moves a compaction to `n` slots must make, foretold from the table as
 // it stands but for `removed`, the slot of the remove that will start it:
@@ -159,10 +126,10 @@ void expectMoved(Writer const& w, std::vector<Move> const& moves, size_t eventsB
 // A table of exactly 1024 slots holding ids [0, 1024), id i in slot i.
 std::unique_ptr<Writer> tableOf1024(Mirak::MapDescriptor const& d) {
   auto w = makeWriter(d);
-  for (uint32_t id = 0; id < 1024; id++) w->write(value(id), true);
+  for (uint32_t id = 0; id < 1024; id++) w->write(row(id), true);
   EXPECT_EQ(w->capacity(), 1024u);
   for (uint32_t id = 0; id < 1024; id += 97) {
-    EXPECT_EQ(w->slotTable().slots()[id].value, value(id)) << "ids are not in their own slots";
+    EXPECT_EQ(w->slotTable().slots()[id].value, row(id)) << "ids are not in their own slots";
   }
   return w;
 }
@@ -207,7 +174,7 @@ TEST(CompactionEdges, ThresholdOf1024SlotsIs512AndTheShrinkComesAt255Entries) {
   expectValid(*w);
   for (uint32_t id = 769; id < 1024; id++) {
     bool found = false;
-    EXPECT_EQ(*w->lookup(key(id), found, nullptr), value(id));
+    EXPECT_EQ(*w->lookup(key(id), found, nullptr), row(id));
     EXPECT_TRUE(found);
   }
 }
@@ -260,7 +227,7 @@ TEST(CompactionEdges, ShrinkOnRequestWorksOnlyBelowHalfTheThreshold) {
   expectValid(*w);
   // The call left no critical section open, and a write works.
   EXPECT_FALSE(w->slotTable().inCriticalSection());
-  EXPECT_EQ(*w->write(value(5000), true), value(5000));
+  EXPECT_EQ(*w->write(row(5000), true), row(5000));
 }
 
 TEST(CompactionEdges, AnEmptyTableShrinksToMinSlotsAndMovesNothing) {
@@ -287,7 +254,7 @@ TEST(CompactionEdges, AnEmptyTableShrinksToMinSlotsAndMovesNothing) {
   EXPECT_EQ(free.size(), minSlots);
   expectValid(*w);
   // And it grows again by the usual rule.
-  for (uint32_t id = 0; id <= minSlots; id++) w->write(value(id), true);
+  for (uint32_t id = 0; id <= minSlots; id++) w->write(row(id), true);
   EXPECT_EQ(w->capacity(), 2 * minSlots);
   expectValid(*w);
 }
@@ -303,7 +270,7 @@ class CompactionNever : public ::testing::TestWithParam<NeverCase> {};
 TEST_P(CompactionNever, TableKeepsItsCapacity) {
   NeverCase const c = GetParam();
   auto w = makeWriter(descriptor(c.shrinkSlots, c.fixedSize, c.fixedSize ? 1024 : 1u << 20));
-  for (uint32_t id = 0; id < 1024; id++) w->write(value(id), true);
+  for (uint32_t id = 0; id < 1024; id++) w->write(row(id), true);
   ASSERT_EQ(w->capacity(), 1024u);
   EXPECT_EQ(w->slotTable().currentShrinkThreshold(), 0u);
   TraceCapture trace(level(5));
@@ -438,7 +405,7 @@ TEST(CompactionModel, FillAndEmptyCyclesAgreeWithAMap) {
       uint32_t const dice = rng() % 10;
       if (filling ? dice < 8 : dice < 2) {
         uint32_t const id = rng() % 100000;
-        TestValue const v = value(id, rng());
+        TestValue const v = row(id, rng());
         ASSERT_EQ(*w->write(v, true), v);
         model[id] = v;
         if (model.size() >= high) filling = false;

@@ -31,19 +31,6 @@ Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("MirakWriterTest");
 }
 
-TestValue value(uint32_t id, uint64_t count = 1, uint16_t zone = 0) {
-  TestRecord r;
-  r.key_.id = id;
-  r.key_.zone = zone;
-  r.count = count;
-  r.flags = id ^ static_cast<uint32_t>(count);
-  return TestValue(r);
-}
-
-TestKey key(uint32_t id, uint16_t zone = 0) {
-  return TestKey{id, zone};
-}
-
 Mirak::MapDescriptor descriptor(uint32_t size, bool local = true) {
   Mirak::MapDescriptor d(size);
   d.local = local;
@@ -104,7 +91,7 @@ TEST_P(WriterModelTest, AgreesWithAMapAndKeepsItsInvariants) {
         model.erase(it);
       }
     } else {
-      TestValue const v = value(id, rng(), zone);
+      TestValue const v = row(id, rng(), zone);
       TestValue const* stored = w->write(v, true);
       ASSERT_EQ(*stored, v);
       model[key(id, zone)] = v;
@@ -128,7 +115,7 @@ TEST_P(WriterModelTest, AgreesWithAMapAndKeepsItsInvariants) {
   // A miss returns the default value and fills the caller's buffer with it.
   for (uint32_t id = c.keySpace; id < c.keySpace + 1000; id++) {
     bool found = true;
-    TestValue buffer = value(1, 55);
+    TestValue buffer = row(1, 55);
     EXPECT_EQ(w->lookup(key(id), found, nullptr), &WriterOps::ValueOps::defaultValue());
     EXPECT_FALSE(found);
     w->lookup(key(id), found, &buffer);
@@ -187,7 +174,7 @@ TEST(SlotGrowth, ATableGrowsByTheRuleWhenItsFreeListRunsOut) {
   EXPECT_EQ(first, w->minSize()) << "a table starts at minSlots";
   std::vector<uint32_t> capacities{first};
   for (uint32_t id = 0; capacities.size() < 4; id++) {
-    w->write(value(id), true);
+    w->write(row(id), true);
     if (w->capacity() != capacities.back()) capacities.push_back(w->capacity());
   }
   for (size_t i = 1; i < capacities.size(); i++) {
@@ -205,9 +192,9 @@ TEST(SlotGrowth, FixedTableReportsFullAndClearsTheCriticalBit) {
   d.fixedSize = true;
   auto w = makeWriter(d);
   EXPECT_EQ(w->capacity(), 8u);
-  for (uint32_t i = 0; i < 8; i++) w->write(value(i), true);
+  for (uint32_t i = 0; i < 8; i++) w->write(row(i), true);
   try {
-    w->write(value(100), true);
+    w->write(row(100), true);
     FAIL() << "no exception";
   } catch (Mirak::TableFullException const& e) {
     EXPECT_EQ(e.msg(), "Mirak table full (occupancy:8 tableSize:8) local:test/table");
@@ -215,7 +202,7 @@ TEST(SlotGrowth, FixedTableReportsFullAndClearsTheCriticalBit) {
   EXPECT_EQ(w->slotTable().header()->runtimeFlags, 0);
   EXPECT_EQ(w->members(), 8u);
   // Overwrites still work on a full table.
-  w->write(value(3, 99), true);
+  w->write(row(3, 99), true);
   bool found;
   EXPECT_EQ(w->lookup(key(3), found, nullptr)->count, 99u);
 }
@@ -233,7 +220,7 @@ TEST(SlotGrowth, AFailedGrowLeavesTheCriticalBitSet) {
     ::setrlimit(RLIMIT_FSIZE, &lim);
     uint32_t i = 0;
     try {
-      for (;; i++) w->write(value(i), true);
+      for (;; i++) w->write(row(i), true);
     } catch (Lomi::MemoryResourceException const& e) {
       bool const bitSet = w->slotTable().header()->runtimeFlags & 1;
       bool const textOk =
@@ -257,7 +244,7 @@ TEST(SlotGrowth, AFailedGrowLeavesTheCriticalBitSet) {
 
 TEST(WriterOperations, OverwriteMovesTheWordByFourAndNotifiesOnce) {
   auto w = makeWriter(descriptor(100));
-  TestValue const v = value(5, 1);
+  TestValue const v = row(5, 1);
   w->write(v, true);
   bool found;
   w->lookup(key(5), found, nullptr);
@@ -273,16 +260,16 @@ TEST(WriterOperations, OverwriteMovesTheWordByFourAndNotifiesOnce) {
 
 TEST(WriterOperations, WriteWithoutOverwriteKeepsTheStoredValue) {
   auto w = makeWriter(descriptor(100));
-  w->write(value(5, 1), true);
+  w->write(row(5, 1), true);
   size_t const notes = w->tesselWriter().notified.size();
-  TestValue const* got = w->write(value(5, 2), false);
+  TestValue const* got = w->write(row(5, 2), false);
   EXPECT_EQ(got->count, 1u);
   EXPECT_EQ(w->tesselWriter().notified.size(), notes);
 }
 
 TEST(WriterOperations, RemoveOfAnAbsentKeyLeavesRuntimeFlagsAlone) {
   auto w = makeWriter(descriptor(100));
-  w->write(value(1), true);
+  w->write(row(1), true);
   TestValue removed;
   // A critical section marked by an earlier failure stays marked; a miss
   // neither asserts nor clears it.
@@ -293,7 +280,7 @@ TEST(WriterOperations, RemoveOfAnAbsentKeyLeavesRuntimeFlagsAlone) {
 
 TEST(WriterOperations, RemovingTheLastOfAChainHandsOnItsEndLink) {
   auto w = makeWriter(descriptor(100));
-  for (uint32_t i = 0; i < 40; i++) w->write(value(i), true);
+  for (uint32_t i = 0; i < 40; i++) w->write(row(i), true);
   auto all = walk(*w);
   ASSERT_EQ(all.size(), 40u);
   // Remove every entry in walk order: each removal keeps the rest walkable.
@@ -310,11 +297,11 @@ TEST(WriterOperations, RemovingTheLastOfAChainHandsOnItsEndLink) {
 
 TEST(WriterOperations, VersionAnchorSeesOverwriteRemoveAndReuse) {
   auto w = makeWriter(descriptor(100));
-  w->write(value(1), true);
+  w->write(row(1), true);
   bool found;
   w->lookup(key(1), found, nullptr);
   EXPECT_TRUE(w->validateVersionAnchor());
-  w->write(value(1, 2), true);
+  w->write(row(1, 2), true);
   EXPECT_THROW(w->validateVersionAnchor(), Mem::VersionMismatchException);
   w->lookup(key(1), found, nullptr);
   TestValue removed;
@@ -329,7 +316,7 @@ TEST(WriterOperations, VersionAnchorSeesOverwriteRemoveAndReuse) {
 
 TEST(DirectMode, NewEntryIsInvisibleUntilCommit) {
   auto w = makeWriter(descriptor(100));
-  TestValue* dst = w->directWrite(value(7, 1));
+  TestValue* dst = w->directWrite(row(7, 1));
   dst->count = 42;
   bool found = true;
   w->lookup(key(7), found, nullptr);
@@ -343,11 +330,11 @@ TEST(DirectMode, NewEntryIsInvisibleUntilCommit) {
 
 TEST(DirectMode, ExistingEntryChangesAtCommitThroughTheLookaside) {
   auto w = makeWriter(descriptor(100));
-  w->write(value(7, 1), true);
+  w->write(row(7, 1), true);
   TestValue* dst = w->directUpdate(key(7));
   ASSERT_NE(dst, nullptr);
   EXPECT_EQ(w->slotTable().header()->runtimeFlags, 0) << "directUpdate leaves the bit clear";
-  *dst = value(7, 9);
+  *dst = row(7, 9);
   bool found;
   EXPECT_EQ(w->lookup(key(7), found, nullptr)->count, 1u) << "changed before commit";
   // The commit stores the value and then tells the queue: a death between
@@ -369,7 +356,7 @@ TEST(DirectMode, MissedUpdateLeavesTheModeClosed) {
   auto w = makeWriter(descriptor(100));
   EXPECT_EQ(w->directUpdate(key(3)), nullptr);
   EXPECT_FALSE(w->inDirectMode());
-  w->write(value(3), true);
+  w->write(row(3), true);
   EXPECT_EQ(w->members(), 1u);
 }
 
@@ -379,8 +366,8 @@ TEST(DirectModeDeathTest, UnpairedCallsStopTheProcess) {
   auto w = makeWriter(descriptor(100));
   EXPECT_DEATH(w->directCommit(),
                "not in direct mode! Make sure the DirectIs/Commit are properly paired!");
-  w->directWrite(value(1));
-  EXPECT_DEATH(w->write(value(2), true), "unbalanced directSlot:.* when writing value:");
+  w->directWrite(row(1));
+  EXPECT_DEATH(w->write(row(2), true), "unbalanced directSlot:.* when writing value:");
   TestValue removed;
   EXPECT_DEATH(w->remove(key(2), removed), "unbalanced directSlot:.* when removing key:");
   EXPECT_DEATH(w->directUpdate(key(1)), "unbalanced directSlot:.* when modifying key:");
@@ -390,7 +377,7 @@ TEST(DirectModeDeathTest, UnpairedCallsStopTheProcess) {
 TEST(DirectModeDeathTest, ReentrancyStopsTheProcess) {
   auto w = makeWriter(descriptor(100));
   w->slotTable().enterCriticalSection();
-  EXPECT_DEATH(w->write(value(1), true), "Mirak reentrancy detected: local:test/table");
+  EXPECT_DEATH(w->write(row(1), true), "Mirak reentrancy detected: local:test/table");
 }
 
 }  // namespace

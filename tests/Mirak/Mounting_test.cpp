@@ -2,7 +2,8 @@
 // reader that waits on its placeholder and attaches by itself through its
 // sentry and the default event loop, re-attach after a re-mount, tryAttach,
 // owner, and the writer sentry's validation on a reader's marker. Real files
-// in a temp base; the second writer is a real process.
+// in a temp base; the second writer is a real process. (Counter tables
+// refused as shadows: tests/FlowTracking/Mounting_test.cpp, with the words.)
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +28,7 @@
 #include "Mirak/Util.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/OwnerFile.h"
+#include "Parcel/ProcessTestUtil.h"
 
 namespace {
 
@@ -79,8 +81,6 @@ class MountMap : public Mirak::MirakMap<OpsT> {
 
 using ConfigOps = FlowTracking::HoIpFlowConfigOps;
 using ConfigMap = MountMap<ConfigOps>;
-using CounterMap = MountMap<FlowTracking::HoIpFlowCounterOps>;
-using HosMap = MountMap<FlowTracking::HosStateCounterOps>;
 
 auto row(uint32_t i, uint32_t v = 0) {
   return FlowTrackingTest::row<FlowTracking::HoIpFlowConfig>(i, v);
@@ -234,35 +234,6 @@ TEST_F(Mounting, BadDescriptorsAreRefusedWithTheirMessages) {
   EXPECT_THROW(m.init(static_cast<Mem::CollectionDescriptor const&>(other)), std::bad_cast);
 }
 
-template <typename Map>
-void expectNoShadowOnADummyQueue() {
-  for (bool local : {false, true}) {
-    Map m("mount/counters");
-    // Notifications on: an asynchronous shadow without them stops earlier.
-    m.notifyingIs(true);
-    MapDescriptor d = desc(MirakType::shadow);
-    d.local = local;
-    EXPECT_EQ(initError([&] { m.init(d); }),
-              "cannot initialize collection mount/counters with DummyTesselWriter not supported in "
-              "shadow mode");
-    d.type = MirakType::keyshadow;
-    EXPECT_EQ(initError([&] { m.init(d); }),
-              "cannot initialize collection mount/counters with DummyTesselWriter not supported in "
-              "keyshadow mode");
-    EXPECT_FALSE(m.initialized());
-    // As a reader it mounts.
-    d.type = MirakType::reader;
-    d.local = false;
-    m.init(d);
-    EXPECT_TRUE(m.initialized());
-  }
-}
-
-TEST_F(Mounting, CounterTablesCannotBeShadows) {
-  expectNoShadowOnADummyQueue<CounterMap>();
-  expectNoShadowOnADummyQueue<HosMap>();
-}
-
 TEST_F(Mounting, AWriterThatFailsToInitializeLeavesAnUninitializedPlaceholder) {
   MirakTest::BackEndLog log;
   ConfigMap m;
@@ -310,38 +281,27 @@ TEST_F(Mounting, AWriterMadeByInitIsHandedTheSettingsOfTheFrontObject) {
 }
 
 TEST_F(Mounting, ASecondLiveWriterIsRefusedAndTheCollectionCanMountLater) {
-  int toChild[2], toParent[2];
-  ASSERT_EQ(::pipe(toChild), 0);
-  ASSERT_EQ(::pipe(toParent), 0);
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    int rc = 1;
-    try {
-      ConfigMap w;
-      w.init(desc(MirakType::writer));
-      char c = 'r';
-      if (::write(toParent[1], &c, 1) == 1 && ::read(toChild[0], &c, 1) >= 0) rc = 0;
-    } catch (...) {
-    }
-    ::_exit(rc);
-  }
-  ASSERT_GT(pid, 0);
-  char c;
-  ASSERT_EQ(::read(toParent[0], &c, 1), 1);
+  ParcelTest::Pipe toChild, toParent;
+  ParcelTest::Child first([&] {
+    ConfigMap w;
+    w.init(desc(MirakType::writer));
+    toParent.send("ready");
+    return toChild.receive() ? 0 : 1;
+  });
+  ASSERT_EQ(toParent.receive().value_or(""), "ready");
   ConfigMap m;
   std::string const msg = initError([&] { m.init(desc(MirakType::writer)); });
-  EXPECT_NE(msg.find("is owned by a live writer, pid " + std::to_string(pid)), std::string::npos)
+  EXPECT_NE(msg.find("is owned by a live writer, pid " + std::to_string(first.pid())),
+            std::string::npos)
       << msg;
   EXPECT_FALSE(m.initialized());
   EXPECT_EQ(m.mounter(), nullptr);
   EXPECT_EQ(m.mountStatus(), 0u);
-  ASSERT_EQ(::write(toChild[1], "x", 1), 1);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  toChild.send("go");
+  std::optional<int> st = first.wait();
+  EXPECT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
   m.init(desc(MirakType::writer));
   EXPECT_TRUE(m.initialized());
-  for (int fd : {toChild[0], toChild[1], toParent[0], toParent[1]}) ::close(fd);
 }
 
 TEST_F(Mounting, AReaderSentryFailureIsIgnoredOnlyUnderQ7Chroot) {

@@ -51,17 +51,6 @@ Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("ReaderProtocolTest");
 }
 
-TestKey key(uint32_t id) {
-  return TestKey{id, 0};
-}
-
-TestValue value(uint32_t id, uint64_t count = 1) {
-  TestRecord r;
-  r.key_.id = id;
-  r.count = count;
-  return TestValue(r);
-}
-
 std::unique_ptr<Writer> makeWriter(bool shrinkBuckets = false) {
   Mirak::MapDescriptor d(1u << 16);
   d.local = false;
@@ -127,7 +116,7 @@ struct UpperHalfTable {
   std::unique_ptr<Writer> writer = makeWriter();
 
   UpperHalfTable() {
-    for (uint32_t id = 0; id < 256; id++) writer->write(value(id), true);
+    for (uint32_t id = 0; id < 256; id++) writer->write(row(id), true);
     TestValue removed;
     for (uint32_t id = 0; id < 192; id++) writer->remove(key(id), removed);
     EXPECT_EQ(writer->capacity(), 256u);
@@ -152,7 +141,7 @@ struct UpperHalfTable {
       if (slot != Mirak::SlotTable::kNoSlot && slot > kTrigger && slot < 256) {
         while (bucketOf(id) != bucketOf(slot)) id = next++;
       }
-      writer->write(value(id), true);
+      writer->write(row(id), true);
     }
     EXPECT_EQ(writer->capacity(), 256u);
     EXPECT_EQ(writer->buckets(), n);
@@ -295,7 +284,7 @@ TEST(ReaderProtocol, AnAnchorOnASlotThatWasCutAndRegrownIsNoLongerCurrent) {
 TEST(ReaderProtocol, AHintFromBeforeTwoBucketDoublingsFallsBackToTheSlowPath) {
   TempRoot root;
   auto writer = makeWriter();
-  for (uint32_t id = 0; id < 8; id++) writer->write(value(id), true);
+  for (uint32_t id = 0; id < 8; id++) writer->write(row(id), true);
   auto reader = attachReader();
   std::vector<std::pair<TestKey, Mirak::IterHint>> held;
   TestValue v;
@@ -306,7 +295,7 @@ TEST(ReaderProtocol, AHintFromBeforeTwoBucketDoublingsFallsBackToTheSlowPath) {
   uint32_t const bucketsBefore = writer->buckets();
   // New rows only: the held slots keep their words, so every hint still
   // matches its slot and the fast path is taken.
-  for (uint32_t id = 100; id < 150; id++) writer->write(value(id), true);
+  for (uint32_t id = 100; id < 150; id++) writer->write(row(id), true);
   ASSERT_GE(writer->buckets(), 4 * bucketsBefore);
   bool found;
   reader->lookup(key(0), found, nullptr);  // follows the doublings
@@ -332,7 +321,7 @@ TEST(ReaderProtocol, AHintFromBeforeTwoBucketDoublingsFallsBackToTheSlowPath) {
 TEST(ReaderProtocol, AReaderAttachingWhileTheTableIsReformattedHashesWithTheNewSeed) {
   TempRoot root;
   auto writer = makeWriter();
-  for (uint32_t id = 0; id < 100; id++) writer->write(value(id), true);
+  for (uint32_t id = 0; id < 100; id++) writer->write(row(id), true);
   uint32_t const oldSeed = writer->slotTable().header()->hashSeed;
   auto reader =
       std::make_unique<Mirak::MirakReader<SeedHookOps>>(handler(), kTable, SeedHookOps(0));
@@ -340,7 +329,7 @@ TEST(ReaderProtocol, AReaderAttachingWhileTheTableIsReformattedHashesWithTheNewS
   // the kestor file, the table is re-formatted and filled again.
   seedHook = [&] {
     writer = reformat(std::move(writer));
-    for (uint32_t id = 0; id < 100; id++) writer->write(value(id), true);
+    for (uint32_t id = 0; id < 100; id++) writer->write(row(id), true);
   };
   bool const attached = reader->initialize("test");
   seedHook = nullptr;
@@ -362,7 +351,7 @@ TEST(ReaderProtocol, AReaderAttachingWhileTheTableIsReformattedHashesWithTheNewS
 TEST(ReaderProtocol, ATableReformattedUnderAnAttachedReaderReadsAsDetachedNeverAsCorrupt) {
   TempRoot root;
   auto writer = makeWriter();
-  for (uint32_t id = 0; id < 300; id++) writer->write(value(id), true);
+  for (uint32_t id = 0; id < 300; id++) writer->write(row(id), true);
   auto reader = attachReader();
   bool found = false;
   reader->lookup(key(1), found, nullptr);
@@ -371,7 +360,7 @@ TEST(ReaderProtocol, ATableReformattedUnderAnAttachedReaderReadsAsDetachedNeverA
   auto const bucketVersion = writer->hashMap().bucketWriter().header()->numBuckets.version;
   ASSERT_GT(slotVersion, 0u);
   writer = reformat(std::move(writer));
-  for (uint32_t id = 1000; id < 1300; id++) writer->write(value(id), true);
+  for (uint32_t id = 1000; id < 1300; id++) writer->write(row(id), true);
   // Readers on the old generation see both size versions move on, never
   // come back to one they knew.
   EXPECT_GT(writer->slotTable().header()->numSlots.version, slotVersion);
@@ -396,7 +385,7 @@ TEST(ReaderProtocol, ATableReformattedUnderAnAttachedReaderReadsAsDetachedNeverA
 TEST(ReaderProtocol, AWriterAnchorAfterDetachIsNoLongerCurrent) {
   TempRoot root;
   auto writer = makeWriter();
-  writer->write(value(1), true);
+  writer->write(row(1), true);
   bool found = false;
   writer->lookup(key(1), found, nullptr);
   ASSERT_TRUE(writer->validateVersionAnchor());

@@ -164,17 +164,6 @@ class RecordingShadow : public Mirak::MirakShadowBase {
   Rusk::Sequence lastSeq_ = 0;
 };
 
-TestKey key(uint32_t id) {
-  return TestKey{id, 0};
-}
-
-TestValue row(uint32_t id, uint64_t count) {
-  TestRecord r;
-  r.key_.id = id;
-  r.count = count;
-  return TestValue(r);
-}
-
 std::unique_ptr<Writer> makeWriter() {
   Mirak::MapDescriptor d(64);
   d.local = false;

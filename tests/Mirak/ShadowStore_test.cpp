@@ -40,13 +40,6 @@ Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("ShadowStoreTest");
 }
 
-TestValue row(uint32_t id, uint64_t count) {
-  TestRecord r;
-  r.key_.id = id;
-  r.count = count;
-  return TestValue(r);
-}
-
 // Keys with id % 8 == 7 are never removed by the writer (only moved by its
 // compactions): a removal of one that the copy reports is false.
 bool pinned(uint32_t id) {

@@ -52,13 +52,6 @@ Lomi::EventLoop& loop() {
   return Mem::RootPath::eventLoop();
 }
 
-TestValue row(uint32_t id, uint64_t count) {
-  TestRecord r;
-  r.key_.id = id;
-  r.count = count;
-  return TestValue(r);
-}
-
 // A collection of the table in this process; its client records the keys it
 // hears of.
 class Collection : public Mirak::MirakMap<QueueOps> {

@@ -72,6 +72,19 @@ inline uint32_t mirakHash(ByteKey k, uint32_t seed) {
 }
 
 using TestValue = ZebMirak::ZebMirakMapValueWrapper<TestRecord, TestKey, &TestRecord::key, false>;
+
+// A row of the test table and its key. The flags mix id and count, so rows
+// that differ in either differ in more than one word.
+inline TestKey key(uint32_t id, uint16_t zone = 0) {
+  return TestKey{id, zone};
+}
+inline TestValue row(uint32_t id, uint64_t count = 1, uint16_t zone = 0) {
+  TestRecord r;
+  r.key_ = key(id, zone);
+  r.count = count;
+  r.flags = id * 2654435761u ^ static_cast<uint32_t>(count);
+  return TestValue(r);
+}
 using FieldKeyValue =
     ZebMirak::ZebMirakMapValueWrapper<FieldKeyRecord, uint32_t, &FieldKeyRecord::key, false>;
 

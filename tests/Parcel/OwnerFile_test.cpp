@@ -80,13 +80,18 @@ TEST_F(OwnerFileTest, FieldsRoundTripAndNameThisProcess) {
   EXPECT_EQ(r->writerPid, ::getpid());
   EXPECT_EQ(r->writerStartTime, OwnerFile::processStartTime(::getpid()));
   EXPECT_NE(r->writerStartTime, 0u);
-  EXPECT_EQ(again.typeName(), "FlowTracking::HoIpFlowConfig");
-  EXPECT_EQ(again.parcelType(), ParcelType::mirak);
+  EXPECT_EQ(OwnerFile::processStartTime(0), 0u) << "no such process";
+  EXPECT_EQ(OwnerFile::processStartTime(-5), 0u);
+  EXPECT_EQ(again.typeName(), r->typeName);
   EXPECT_EQ(readAll(o.path()).size(), 512u);
   EXPECT_EQ(o.headerToString(),
             fmt::format("owner file {}: typeName:\"FlowTracking::HoIpFlowConfig\" parcelType:1 "
                         "writerPid:{} writerStartTime:{} tunnetInfo:@flowtables-123-4/4",
                         o.path(), ::getpid(), r->writerStartTime));
+  o.remove();
+  EXPECT_FALSE(std::filesystem::exists(o.path()));
+  EXPECT_FALSE(o.validate());
+  EXPECT_NO_THROW(o.remove());
 }
 
 TEST_F(OwnerFileTest, EmptyTunnetInfoRecordsNoWriter) {
@@ -100,7 +105,6 @@ TEST_F(OwnerFileTest, EmptyTunnetInfoRecordsNoWriter) {
   EXPECT_EQ(r->writerPid, 0);
   EXPECT_EQ(r->writerStartTime, 0u);
   EXPECT_TRUE(r->tunnetInfo.empty());
-  EXPECT_EQ(r->typeName, "FlowTracking::HoIpFlowConfig");
 }
 
 TEST_F(OwnerFileTest, RecordWithoutParcelTypeIsInconsistent) {
@@ -152,12 +156,7 @@ TEST_F(OwnerFileTest, TruncatedRecordReportsItsSize) {
   std::string error;
   EXPECT_FALSE(o.validate(error));
   EXPECT_EQ(error, fmt::format("owner file {} is damaged: is 100 bytes, wanted 512", o.path()));
-  try {
-    o.validateFile();
-    FAIL() << "validateFile of a truncated record did not throw";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), error);
-  }
+  EXPECT_THROW(o.validateFile(), Lomi::CorruptionDetectedException);
   EXPECT_NE(o.headerToString().find("first 64 bytes"), std::string::npos);
 }
 
@@ -188,16 +187,6 @@ TEST_F(OwnerFileTest, OversizedNamesAreRefusedWithTheTable) {
   EXPECT_EQ(o.typeName(), std::string(OwnerFile::kTypeNameMax, 'x'));
 }
 
-TEST_F(OwnerFileTest, RemoveDeletesTheRecord) {
-  OwnerFile o(handler(), root_, false);
-  o.lock();
-  writeGood(o);
-  o.remove();
-  EXPECT_FALSE(std::filesystem::exists(o.path()));
-  EXPECT_FALSE(o.validate());
-  EXPECT_NO_THROW(o.remove());
-}
-
 TEST_F(OwnerFileTest, LocalRecordLivesInPrivateMemory) {
   Mem::NaoRootPath local(handler(), "local-owner", true);
   OwnerFile o(handler(), local, true);
@@ -212,12 +201,6 @@ TEST_F(OwnerFileTest, LocalRecordLivesInPrivateMemory) {
   o.remove();
   EXPECT_FALSE(OwnerFile(handler(), local, true).validate());
   EXPECT_TRUE(std::filesystem::is_empty(temp_.path()));
-}
-
-TEST(OwnerFileProcess, StartTimeOfAMissingProcessIsZero) {
-  EXPECT_NE(OwnerFile::processStartTime(::getpid()), 0u);
-  EXPECT_EQ(OwnerFile::processStartTime(0), 0u);
-  EXPECT_EQ(OwnerFile::processStartTime(-5), 0u);
 }
 
 // Whether /proc/locks shows process `pid` waiting for an flock on inode `ino`.

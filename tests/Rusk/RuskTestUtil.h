@@ -7,9 +7,8 @@
 #include <unistd.h>
 
 #include <string>
-#include <vector>
-
 #include "Lomi/Trace.h"
+#include "Lomi/TraceCapture.h"
 #include "Rusk/RuskWire.h"
 
 namespace RuskTest {
@@ -52,16 +51,8 @@ inline bool rawSend(int fd, std::string const& bytes) {
 }
 
 // The level-0 traces of handler() while in scope.
-struct Failures {
-  std::vector<std::string> lines;
-  Failures() {
-    Lomi::Platform::traceSinkIs([this](std::string_view l) { lines.emplace_back(l); });
-    handler().maskIs(1);
-  }
-  ~Failures() {
-    handler().maskIs(0);
-    Lomi::Platform::traceSinkIs(nullptr);
-  }
+struct Failures : LomiTest::TraceCapture {
+  Failures() : TraceCapture(handler(), 1) {}
 };
 
 }  // namespace RuskTest

@@ -3,18 +3,18 @@
 // another thread, for ThreadSanitizer).
 #include "Tessel/TesselReaderView.h"
 
-#include <poll.h>
-#include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Parcel/ProcessTestUtil.h"
 #include "Tessel/TesselWriter.h"
 #include "TesselTestUtil.h"
 
@@ -246,70 +246,29 @@ void expectNothingLost(Writer const& w, ReaderReport const& rep) {
   EXPECT_EQ(mismatches, 0u);
 }
 
-bool readFully(int fd, void* buf, size_t size, int timeoutMs) {
-  auto* p = static_cast<char*>(buf);
-  while (size > 0) {
-    pollfd pfd{fd, POLLIN, 0};
-    if (::poll(&pfd, 1, timeoutMs) <= 0) return false;
-    ssize_t n = ::read(fd, p, size);
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 TEST(TesselConcurrent, ReaderProcessNeverLosesAChangeNorActsOnGarbage) {
   TempDir dir;
   Writer w(dir.path(), TesselTest::handler());
   ASSERT_EQ(w.attach(kKestor, kSlots), Tessel::attachNew);
-  int toChild[2];
-  int toParent[2];
-  ASSERT_EQ(::pipe(toChild), 0);
-  ASSERT_EQ(::pipe(toParent), 0);
-  pid_t const pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    ::close(toChild[1]);
-    ::close(toParent[0]);
-    auto* rep = new ReaderReport;
+  // The child's report lands in memory shared across the fork.
+  void* shared = ::mmap(nullptr, sizeof(ReaderReport), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(shared, MAP_FAILED);
+  auto* rep = new (shared) ReaderReport;
+  ParcelTest::Pipe ready, done;
+  ParcelTest::Child reader([&] {
     runReader(
-        dir.path(), *rep,
-        [&] {
-          char ready = 'r';
-          if (::write(toParent[1], &ready, 1) != 1) ::_exit(2);
-        },
-        [&] {
-          pollfd pfd{toChild[0], POLLIN, 0};
-          return ::poll(&pfd, 1, 0) == 1;
-        });
-    auto const* p = reinterpret_cast<char const*>(rep);
-    size_t left = sizeof *rep;
-    while (left > 0) {
-      ssize_t n = ::write(toParent[1], p, left);
-      if (n <= 0) ::_exit(3);
-      p += n;
-      left -= static_cast<size_t>(n);
-    }
-    ::_exit(0);
-  }
-  ::close(toChild[0]);
-  ::close(toParent[1]);
-  char ready = 0;
-  ASSERT_TRUE(readFully(toParent[0], &ready, 1, 30000));
+        dir.path(), *rep, [&] { ready.send("attached"); }, [&] { return done.readable(); });
+    return 0;
+  });
+  ASSERT_EQ(ready.receive().value_or("none"), "attached");
   runWriter(w);
-  char done = 'd';
-  ASSERT_EQ(::write(toChild[1], &done, 1), 1);
-  auto rep = std::make_unique<ReaderReport>();
-  bool const got = readFully(toParent[0], rep.get(), sizeof *rep, 60000);
-  if (!got) ::kill(pid, SIGKILL);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  ::close(toChild[1]);
-  ::close(toParent[0]);
-  ASSERT_TRUE(got) << "the reader did not report within the deadline";
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  done.send("done");
+  std::optional<int> status = reader.wait(60000);
+  ASSERT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+      << "the reader did not end well within the deadline";
   expectNothingLost(w, *rep);
+  ::munmap(shared, sizeof(ReaderReport));
 }
 
 // The same protocol with the reader in a thread of this process (its own

@@ -6,38 +6,24 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "Lomi/Trace.h"
+#include "Mirak/TempRoot.h"
 
 namespace TesselTest {
 
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/tessel-test-XXXXXX";
-    char* p = ::mkdtemp(tmpl);
-    if (!p) throw std::runtime_error("mkdtemp failed");
-    path_ = p;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  std::string const& path() const { return path_; }
-  std::string file(std::string const& name) const { return path_ + "/" + name; }
+// A temp directory per test, with the names of the queue's files in it.
+struct TempDir : MirakTest::TempRoot {
+  std::string file(std::string const& name) const { return path() + "/" + name; }
   size_t fileCount() const {
-    size_t n = 0;
-    for ([[maybe_unused]] auto const& e : std::filesystem::directory_iterator(path_)) n++;
-    return n;
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(path()),
+                                             std::filesystem::directory_iterator()));
   }
-
- private:
-  std::string path_;
 };
 
 // Reads or writes `sizeof(T)` bytes at `offset` of a file, through the file
