@@ -5,6 +5,6 @@ namespace Tessel {
 
 bool (*writerStepHook)(WriterStep step) = nullptr;
 
-template class TesselWriter<BasicSlot, Mirak::TesselPos>;
+template class TesselWriter<BasicSlot, TesselPos>;
 
 }  // namespace Tessel

@@ -184,7 +184,7 @@ enum class WriterStep {
 // Returns true to make a growth step fail as if the file could not grow.
 extern bool (*writerStepHook)(WriterStep step);
 
-template <typename Slot = BasicSlot, typename Pos = Mirak::TesselPos>
+template <typename Slot = BasicSlot, typename Pos = TesselPos>
 class TesselWriter {
   static_assert(std::is_same_v<Slot, uint32_t>, "a slot field is a u32");
   static_assert(std::is_same_v<Pos, uint32_t>, "a back reference is a u32");
@@ -192,7 +192,7 @@ class TesselWriter {
  public:
   // A real queue: the validator walks it, the writer marks shrinks in it.
   static constexpr bool hasQueue = true;
-  static constexpr Pos noPos = Mirak::noTesselPos;
+  static constexpr Pos noPos = noTesselPos;
 
   // `dir` is the table's directory; empty means a local table in private
   // memory. Nothing is mapped until attach. `handler` must outlive this.
@@ -248,7 +248,7 @@ class TesselWriter {
   // PruneMode::keep, nothing live is dropped.
   void pruneModeIs(PruneMode mode) { pruneMode_ = mode; }
   PruneMode pruneMode() const { return pruneMode_; }
-  void pruneFloorIs(std::function<Rusk::Sequence()> floor) { pruneFloor_ = std::move(floor); }
+  void pruneFloorIs(std::function<Sequence()> floor) { pruneFloor_ = std::move(floor); }
 
   // Unmaps; the files stay.
   void detach();
@@ -285,8 +285,8 @@ class TesselWriter {
   // Entry `pos` of the current table. Throws Lomi::CorruptionDetectedException
   // if `pos` is not below entryCount().
   TesselNotification entry(uint32_t pos) const;
-  Rusk::Sequence baseSequence() const { return base_; }
-  Rusk::Sequence sequence() const { return sequence_; }
+  Sequence baseSequence() const { return base_; }
+  Sequence sequence() const { return sequence_; }
   Pos tesselSlots(Slot slot) const {
     return slot < mostSlots_ ? Mem::loadRelaxed(back_[slot]) : noPos;
   }
@@ -325,7 +325,7 @@ class TesselWriter {
   bool grow(Mem::ParcelWrapper& w, uint64_t bytes, WriterStep step);
   void flip(uint32_t generation, unsigned table);
   void* mapOrThrow(Mem::ParcelWrapper& w, uint64_t size);
-  uint32_t firstAtOrAfter(Rusk::Sequence seq) const;
+  uint32_t firstAtOrAfter(Sequence seq) const;
 
   std::string dir_;
   std::string name_;
@@ -342,14 +342,14 @@ class TesselWriter {
   unsigned current_ = 0;
   uint32_t count_ = 0;
   uint32_t capacity_ = 0;
-  Rusk::Sequence base_ = 0;
-  Rusk::Sequence sequence_ = 0;
+  Sequence base_ = 0;
+  Sequence sequence_ = 0;
   uint32_t mostSlots_ = 0;
   uint64_t compactions_ = 0;
   uint64_t losses_ = 0;
   uint64_t pruned_ = 0;
   PruneMode pruneMode_ = PruneMode::keep;
-  std::function<Rusk::Sequence()> pruneFloor_;
+  std::function<Sequence()> pruneFloor_;
 };
 
 // ---------------------------------------------------------------------------
@@ -543,7 +543,7 @@ void TesselWriter<Slot, Pos>::notify(Slot slot) {
 
 template <typename Slot, typename Pos>
 void TesselWriter<Slot, Pos>::lose(Slot slot, char const* why) {
-  Rusk::Sequence const seq = sequence_ + 1;
+  Sequence const seq = sequence_ + 1;
   // Store order: 1: lostSequence, 2: sequence (both release). A reader that
   // is woken for this sequence and walks to the end finds the loss.
   Mem::storeRelease(hdr_->lostSequence, seq);
@@ -578,7 +578,7 @@ bool TesselWriter<Slot, Pos>::ensureRoom(uint32_t reserve) {
 // Without `retire` (the corral's first pass), step 2 is left out.
 template <typename Slot, typename Pos>
 Pos TesselWriter<Slot, Pos>::append(Slot slot, bool retire) {
-  Rusk::Sequence const seq = sequence_ + 1;
+  Sequence const seq = sequence_ + 1;
   TesselEntry* entries = tableEntries(tbl_[current_]);
   TesselEntry& e = entries[count_];
   // 1: the entry, invisible until step 5.
@@ -621,18 +621,18 @@ template <typename Slot, typename Pos>
 bool TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
   unsigned const cur = current_;
   unsigned const oth = cur ^ 1u;
-  Rusk::Sequence const next = sequence_ + 1;
+  Sequence const next = sequence_ + 1;
   // Entries older than 2^31 sequences are re-issued so that relative
   // sequences keep fitting in 32 bits.
-  Rusk::Sequence const newBase = next > (uint64_t{1} << 31) ? next - (uint64_t{1} << 31) : 0;
-  Rusk::Sequence const floor =
+  Sequence const newBase = next > (uint64_t{1} << 31) ? next - (uint64_t{1} << 31) : 0;
+  Sequence const floor =
       pruneMode_ == PruneMode::prune && pruneFloor_ ? std::min(pruneFloor_(), sequence_) : 0;
   TesselEntry const* from = tableEntries(tbl_[cur]);
   uint64_t live = 0;
   uint64_t ancient = 0;
   for (uint32_t p = 0; p < count_; p++) {
     if (Mem::loadRelaxed(from[p].slot) == tombstoneSlot) continue;
-    Rusk::Sequence const seq = base_ + Mem::loadRelaxed(from[p].relSequence);
+    Sequence const seq = base_ + Mem::loadRelaxed(from[p].relSequence);
     if (seq <= floor) continue;
     live++;
     if (seq < newBase) ancient++;
@@ -669,11 +669,11 @@ bool TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
   Mem::storeRelaxed(to->generation, generation);
   Mem::storeRelaxed(to->capacity, static_cast<uint32_t>(capacity));
   uint32_t n = 0;
-  Rusk::Sequence prunedUpTo = 0;
+  Sequence prunedUpTo = 0;
   for (uint32_t p = 0; p < count_; p++) {
     uint32_t const s = Mem::loadRelaxed(from[p].slot);
     if (s == tombstoneSlot) continue;
-    Rusk::Sequence const seq = base_ + Mem::loadRelaxed(from[p].relSequence);
+    Sequence const seq = base_ + Mem::loadRelaxed(from[p].relSequence);
     if (seq <= floor) {
       Mem::storeRelaxed(back_[s], noPos);
       prunedUpTo = seq;
@@ -689,9 +689,9 @@ bool TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
   if (ancient != 0) {
     for (uint32_t p = 0; p < count_; p++) {
       uint32_t const s = Mem::loadRelaxed(from[p].slot);
-      Rusk::Sequence const old = base_ + Mem::loadRelaxed(from[p].relSequence);
+      Sequence const old = base_ + Mem::loadRelaxed(from[p].relSequence);
       if (s == tombstoneSlot || old <= floor || old >= newBase) continue;
-      Rusk::Sequence const seq = ++sequence_;
+      Sequence const seq = ++sequence_;
       Mem::storeRelaxed(toEntries[n].relSequence, static_cast<uint32_t>(seq - newBase));
       Mem::storeRelaxed(toEntries[n].slot, s);
       Mem::storeRelaxed(back_[s], n);
@@ -722,7 +722,7 @@ bool TesselWriter<Slot, Pos>::compact(uint32_t reserve) {
 }
 
 template <typename Slot, typename Pos>
-uint32_t TesselWriter<Slot, Pos>::firstAtOrAfter(Rusk::Sequence seq) const {
+uint32_t TesselWriter<Slot, Pos>::firstAtOrAfter(Sequence seq) const {
   TesselEntry const* entries = tableEntries(tbl_[current_]);
   uint32_t lo = 0;
   uint32_t hi = count_;
@@ -754,7 +754,7 @@ void TesselWriter<Slot, Pos>::markShrinkEnd() {
   uint64_t const start = shrinkMarker();
   FMASSERT(start != 0, handler_, "TesselWriter", "{}: markShrinkEnd without markShrinkStart",
            name());
-  Rusk::Sequence const last = sequence_;
+  Sequence const last = sequence_;
   if (last < start) {
     // Nothing was issued inside: no corral at all.
     Mem::storeRelease(hdr_->corralStart, uint64_t{0});
@@ -907,8 +907,8 @@ bool TesselWriter<Slot, Pos>::validate(uint32_t kestor, uint32_t mostSlots,
     return fail(fmt::format("{} table {} maps {} bytes, {} needed for capacity:{}", name(), cur,
                             tables_[cur].fileSize(), need, capacity));
   }
-  Rusk::Sequence const base = Mem::loadRelaxed(h.baseSequence[cur]);
-  Rusk::Sequence const last = Mem::loadRelaxed(h.sequence);
+  Sequence const base = Mem::loadRelaxed(h.baseSequence[cur]);
+  Sequence const last = Mem::loadRelaxed(h.sequence);
   uint64_t const corralStart = Mem::loadRelaxed(h.corralStart);
   uint64_t const corralEnd = Mem::loadRelaxed(h.corralEnd);
   if (uint64_t lost = Mem::loadRelaxed(h.lostSequence); lost > last) {
@@ -923,9 +923,9 @@ bool TesselWriter<Slot, Pos>::validate(uint32_t kestor, uint32_t mostSlots,
   }
   TesselEntry const* entries = tableEntries(&t);
   Pos const* back = h.tesselSlots();
-  Rusk::Sequence previous = 0;
+  Sequence previous = 0;
   for (uint32_t pos = 0; pos < count; pos++) {
-    Rusk::Sequence const seq = base + Mem::loadRelaxed(entries[pos].relSequence);
+    Sequence const seq = base + Mem::loadRelaxed(entries[pos].relSequence);
     uint32_t const slot = Mem::loadRelaxed(entries[pos].slot);
     if (seq <= previous) {
       return fail(fmt::format("{} pos:{} seq:{} not after the previous seq:{}", name(), pos, seq,
@@ -1023,6 +1023,6 @@ std::string TesselWriter<Slot, Pos>::headersToString() const {
                      tableHeaderToString(*tbl_[0]), tableHeaderToString(*tbl_[1]));
 }
 
-extern template class TesselWriter<BasicSlot, Mirak::TesselPos>;
+extern template class TesselWriter<BasicSlot, TesselPos>;
 
 }  // namespace Tessel

@@ -18,11 +18,11 @@
 #include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
-#include "Mem/ReaderSentry.h"
 #include "Mem/RootPath.h"
-#include "Mem/WriterSentry.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
+#include "Parcel/ReaderSentry.h"
+#include "Parcel/WriterSentry.h"
 #include "Thrum/Thrum.h"
 
 namespace {
@@ -37,7 +37,7 @@ using TempBase = MirakTest::TempRoot;
 
 // Attaches when told to succeed: then it stands on the kestor found on disk,
 // as a reader back end does.
-class Collection : public Mem::ReaderSentry::Notifiee {
+class Collection : public Parcel::ReaderSentry::Notifiee {
  public:
   explicit Collection(Mem::NaoRootPath root) : root_(std::move(root)) {}
 
@@ -83,8 +83,8 @@ class ReaderSentryTest : public ::testing::Test {
  protected:
   ReaderSentryTest() : root(handler(), "agent/ftr/table", false), coll(root) {}
 
-  std::unique_ptr<Mem::ReaderSentry> start() {
-    auto s = std::make_unique<Mem::ReaderSentry>(handler(), root, &coll, loop);
+  std::unique_ptr<Parcel::ReaderSentry> start() {
+    auto s = std::make_unique<Parcel::ReaderSentry>(handler(), root, &coll, loop);
     s->event(Mem::Sentry::eventInit, false);
     return s;
   }
@@ -173,14 +173,14 @@ TEST_F(ReaderSentryTest, AFailedAttachIsRetriedByATimerWithGrowingDelays) {
   auto s = start();
   EXPECT_EQ(coll.count("attach"), 1);
   EXPECT_TRUE(s->retryPending());
-  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 2 * Mem::ReaderSentry::kFirstRetry);
+  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 2 * Parcel::ReaderSentry::kFirstRetry);
   // No file changes: only the timer can bring these.
   ASSERT_TRUE(runUntil([&] { return coll.count("attach retry") >= 3; }));
-  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 16 * Mem::ReaderSentry::kFirstRetry);
+  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 16 * Parcel::ReaderSentry::kFirstRetry);
   coll.succeed = true;
   ASSERT_TRUE(runUntil([&] { return coll.attached; }));
   EXPECT_FALSE(s->retryPending());
-  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), Mem::ReaderSentry::kFirstRetry);
+  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), Parcel::ReaderSentry::kFirstRetry);
   int const attempts = coll.count("attach");
   loop.runOnce(0.05);
   EXPECT_EQ(coll.count("attach"), attempts);
@@ -203,7 +203,7 @@ TEST_F(ReaderSentryTest, TheMarkerOfAFailedAttachDoesNotWakeTheSentry) {
   writeKestor(3);
   coll.succeed = false;
   coll.onAttach = [&] {
-    std::ofstream(root.filePath(Mem::WriterSentry::kMarkerName), std::ios::trunc) << "damaged";
+    std::ofstream(root.filePath(Parcel::WriterSentry::kMarkerName), std::ios::trunc) << "damaged";
   };
   auto s = start();
   auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
@@ -296,7 +296,7 @@ TEST_F(ReaderSentryTest, TheTableDirectoryMayGoAndComeBack) {
 // a new writer's generation is at the path at once: the reader lets go of
 // the moved files and follows the path.
 class ReaderFollowsThePath : public ReaderSentryTest,
-                            public ::testing::WithParamInterface<char const*> {};
+                             public ::testing::WithParamInterface<char const*> {};
 
 TEST_P(ReaderFollowsThePath, WhenItsDirectoryOrOneAboveIsMovedAside) {
   writeKestor(60);
@@ -310,8 +310,8 @@ TEST_P(ReaderFollowsThePath, WhenItsDirectoryOrOneAboveIsMovedAside) {
   EXPECT_EQ(s->watchedPath(), root.path());
   // The moved files change again: the reader stays where it is.
   std::string const table = "agent/ftr/table";
-  std::string const movedTable = GetParam() + std::string(".old") + table.substr(moved.size() -
-                                                                            base.path().size() - 1);
+  std::string const movedTable =
+      GetParam() + std::string(".old") + table.substr(moved.size() - base.path().size() - 1);
   Parcel::KestorFile(handler(), Mem::NaoRootPath(handler(), movedTable, false), false)
       .write(Parcel::KestorId(62));
   loop.runOnce(0.05);
@@ -366,7 +366,7 @@ TEST_F(ReaderSentryTest, AChildsTeardownLeavesTheParentsWatchAndRetryTimer) {
 }
 
 TEST_F(ReaderSentryTest, ACollectionMayDestroyItsSentryFromItsAttach) {
-  std::unique_ptr<Mem::ReaderSentry> s = start();
+  std::unique_ptr<Parcel::ReaderSentry> s = start();
   coll.onAttach = [&] { s.reset(); };
   writeKestor(50);
   ASSERT_TRUE(runUntil([&] { return s == nullptr; }));
@@ -385,12 +385,13 @@ TEST_F(ReaderSentryTest, BadUsesAreRefusedWithTheTableInTheMessage) {
     EXPECT_EQ(e.msg(), "reader sentry of " + root.path() + ": unknown event \"bogus\"");
   }
   Mem::NaoRootPath local(handler(), "agent/local", true);
-  EXPECT_THROW(Mem::ReaderSentry(handler(), local, &coll, loop), Lomi::InvalidInitializeException);
+  EXPECT_THROW(Parcel::ReaderSentry(handler(), local, &coll, loop),
+               Lomi::InvalidInitializeException);
 
   // A file where a directory of the path should be: the table can never
   // appear, and init says so.
   std::ofstream(base.path() + "/agent").put('x');
-  Mem::ReaderSentry blocked(handler(), root, &coll, loop);
+  Parcel::ReaderSentry blocked(handler(), root, &coll, loop);
   try {
     blocked.event(Mem::Sentry::eventInit, false);
     FAIL() << "no exception";
@@ -402,7 +403,7 @@ TEST_F(ReaderSentryTest, BadUsesAreRefusedWithTheTableInTheMessage) {
 
 // --- writer sentry ---------------------------------------------------------
 
-class Writer : public Mem::WriterSentry::Notifiee {
+class Writer : public Parcel::WriterSentry::Notifiee {
  public:
   explicit Writer(Mem::NaoRootPath root) : root_(std::move(root)) {}
   Parcel::KestorId kestorId() const override { return Parcel::KestorId(77); }
@@ -414,7 +415,7 @@ class Writer : public Mem::WriterSentry::Notifiee {
     ++validateFiles_;
     EXPECT_EQ(path, root_.path());
     EXPECT_EQ(mask, 0u);
-    std::remove(root_.filePath(Mem::WriterSentry::kMarkerName).c_str());
+    std::remove(root_.filePath(Parcel::WriterSentry::kMarkerName).c_str());
     return true;
   }
   int validates = 0;
@@ -434,11 +435,12 @@ class WriterSentryTest : public ::testing::Test {
   void mark(std::string const& text) {
     std::string const tmp = root.filePath(".marker.tmp");
     std::ofstream(tmp) << text;
-    ASSERT_EQ(std::rename(tmp.c_str(), root.filePath(Mem::WriterSentry::kMarkerName).c_str()), 0);
+    ASSERT_EQ(std::rename(tmp.c_str(), root.filePath(Parcel::WriterSentry::kMarkerName).c_str()),
+              0);
   }
   bool markerPresent() const {
     struct stat st;
-    return ::stat(root.filePath(Mem::WriterSentry::kMarkerName).c_str(), &st) == 0;
+    return ::stat(root.filePath(Parcel::WriterSentry::kMarkerName).c_str(), &st) == 0;
   }
 
   TempBase base;
@@ -448,7 +450,7 @@ class WriterSentryTest : public ::testing::Test {
 };
 
 TEST_F(WriterSentryTest, AMarkerRunsOneValidationAndASoundTableLosesTheMarker) {
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   EXPECT_TRUE(s.watchingTable());
   loop.runOnce(0);
@@ -467,7 +469,7 @@ TEST_F(WriterSentryTest, AMarkerRunsOneValidationAndASoundTableLosesTheMarker) {
 
 TEST_F(WriterSentryTest, AFailedValidationIsCountedAndTheMarkerStays) {
   writer.valid = false;
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   mark("bad chain");
   ASSERT_TRUE(loop.runUntil([&] { return s.failedValidations() == 1; }, 10));
@@ -477,7 +479,7 @@ TEST_F(WriterSentryTest, AFailedValidationIsCountedAndTheMarkerStays) {
 
 TEST_F(WriterSentryTest, AMarkerFoundAtInitIsValidatedAndReaderEventsAreIgnored) {
   mark("left before the writer came");
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   s.event(Mem::Sentry::eventTryAttach, false);
   s.event(Mem::Sentry::eventDisconnect, false);
@@ -487,7 +489,7 @@ TEST_F(WriterSentryTest, AMarkerFoundAtInitIsValidatedAndReaderEventsAreIgnored)
 }
 
 TEST_F(WriterSentryTest, ADisabledSentryValidatesNothing) {
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   s.enabled = 0;
   mark("while disabled");
