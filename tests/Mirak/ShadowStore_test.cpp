@@ -28,7 +28,7 @@
 namespace MirakTest {
 namespace {
 
-using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using QueueOps = TestOpsWith<Tessel::TesselWriter>;
 using Writer = Mirak::MirakWriter<QueueOps>;
 using Reader = Mirak::MirakReader<QueueOps>;
 using ValueStore = Mirak::ShadowStore<Mirak::ValueShadowSlot<QueueOps>>;

@@ -21,7 +21,7 @@
 namespace {
 
 using TesselTest::TempDir;
-using Writer = Tessel::TesselWriter<Tessel::BasicSlot, Tessel::TesselPos>;
+using Writer = Tessel::TesselWriter;
 using Tessel::TesselNotification;
 
 constexpr uint32_t kKestor = 0x00020009;

@@ -23,7 +23,7 @@ using Tessel::TesselWriter;
 using TesselTest::readAt;
 using TesselTest::TempDir;
 using TesselTest::writeAt;
-using Writer = TesselWriter<Tessel::BasicSlot, Tessel::TesselPos>;
+using Writer = TesselWriter;
 
 constexpr uint32_t kKestor = 0x00010007;
 
