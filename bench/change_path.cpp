@@ -481,7 +481,6 @@ class WriterProcess {
       : o_(o),
         shared_(shared),
         seen_(seen),
-        reader_(reader),
         commands_(commands),
         replies_(replies),
         socket_(socket),
@@ -773,7 +772,6 @@ class WriterProcess {
   Options const& o_;
   Shared& shared_;
   uint64_t* seen_;
-  pid_t reader_;
   int commands_, replies_, socket_, eventfd_;
   int stat_ = -1;
   std::string pending_;
