@@ -191,12 +191,12 @@ class ProbeShadow : public Mirak::MirakShadowBase {
     return synced() && syncFromTessel() && tesselReader().quiesced() && ruskSm().connected();
   }
 
-  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool) override {
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool) override {
     Value v;
     bool const found = reader_.getValue(slot, v, nullptr);
     uint64_t const t1 = nowNs();
     if (slot < copy_.size()) copy_[slot] = found ? v : Value();
-    if (seq == Rusk::noSequence) {
+    if (seq == Tessel::noSequence) {
       sweepVisits++;
       return true;
     }
@@ -404,7 +404,7 @@ class ReaderProcess {
     uint64_t const resyncs = shadow_.resyncs(), walks = shadow_.walks();
     uint64_t const sleeps = shadow_.ruskSm().sequencesSent();
     uint64_t const wakes = shadow_.ruskSm().wakesReceived();
-    Rusk::Sequence const target = shared_.targetSequence;
+    Tessel::Sequence const target = shared_.targetSequence;
     if (!reply('r')) return false;
     bool const caughtUp = loop().runUntil(
         // following(): the walk that caught up has sent its Sleeping too.
@@ -481,7 +481,6 @@ class WriterProcess {
       : o_(o),
         shared_(shared),
         seen_(seen),
-        reader_(reader),
         commands_(commands),
         replies_(replies),
         socket_(socket),
@@ -738,7 +737,7 @@ class WriterProcess {
     // connection and then with one connected reader that never sleeps.
     Rusk::WriterRuskSm rusk(handler());
     rusk.doEnableListen();
-    Rusk::Sequence seq = 1;
+    Tessel::Sequence seq = 1;
     auto timeNotify = [&] {
       uint64_t const start = nowNs();
       for (uint32_t i = 0; i < o_.notifyCalls; i++) rusk.notify(seq++);
@@ -773,7 +772,6 @@ class WriterProcess {
   Options const& o_;
   Shared& shared_;
   uint64_t* seen_;
-  pid_t reader_;
   int commands_, replies_, socket_, eventfd_;
   int stat_ = -1;
   std::string pending_;

@@ -39,15 +39,12 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Mem/Local.h
     Mem/Notify.h
     Mem/ParcelWrapper.h
-    Mem/ReaderSentry.h
     Mem/SafeHeaderCopy.h
     Mem/Sentry.h
     Mem/SharedGround.h
     Mem/VersionAnchor.h
     Mem/VersionedRef.h
     Mem/WatchHub.h
-    Mem/WriterLock.h
-    Mem/WriterSentry.h
     Mirak/Counters.h
     Mirak/IterHint.h
     Mirak/MirakDummy.h
@@ -86,7 +83,10 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Parcel/KestorFile.h
     Parcel/KestorId.h
     Parcel/OwnerFile.h
+    Parcel/ReaderSentry.h
     Parcel/TunnetInfo.h
+    Parcel/WriterLock.h
+    Parcel/WriterSentry.h
     Rusk/ReaderRuskSm.h
     Rusk/WriterRuskSm.h
     Tessel/BasicSlot.h

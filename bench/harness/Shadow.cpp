@@ -42,7 +42,7 @@ ReaderResult shadowLookups(char const* system, std::string const& name, Workload
   Store store(handler(), reader, tessel, notify, false);
   if (!store.initialize()) fail(system, "the store could not start");
   reader.resize();
-  for (uint32_t i = 0; i < reader.capacity(); i++) store.doSlot(i, Rusk::noSequence, true);
+  for (uint32_t i = 0; i < reader.capacity(); i++) store.doSlot(i, Tessel::noSequence, true);
   if (reader.counters().members != w.n) {
     fail(system, fmt::format("{} members in the copy of {} rows", reader.counters().members, w.n));
   }

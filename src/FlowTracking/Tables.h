@@ -38,7 +38,7 @@
 namespace FlowTracking {
 
 // The two kinds of change queue writer.
-using ChangeQueueWriter = Tessel::TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>;
+using ChangeQueueWriter = Tessel::TesselWriter;
 using NoChangeQueueWriter = Tessel::DummyTesselWriter;
 
 // A record as the value of its table.

@@ -86,7 +86,7 @@
 
 namespace Mirak {
 
-using Sequence = Rusk::Sequence;
+using Sequence = Tessel::Sequence;
 
 using VersionAnchorHook = void (*)(Mem::VersionAnchor const&);
 

@@ -54,7 +54,7 @@ MirakMapBase::MirakMapBase() : debugHandler_(&Lomi::Platform::getDebugHandler("M
 MirakMapBase::~MirakMapBase() = default;
 
 // The reader sentry and the writer's table agree on the marker's name.
-static_assert(std::string_view(Mem::WriterSentry::kMarkerName) ==
+static_assert(std::string_view(Parcel::WriterSentry::kMarkerName) ==
               std::string_view(Util::CORRUPTION_FILENAME));
 
 void MirakMapBase::init(MirakType type, bool local, unsigned int size) {

@@ -23,8 +23,8 @@
 // Choosing a back end:
 //   init, local                  MirakWriter in private memory, no sentry
 //   init, writer                 MirakWriter on the shared files, then a
-//                                Mem::WriterSentry
-//   init, reader/shadow/keyshad. MirakDummy, then a Mem::ReaderSentry, which
+//                                Parcel::WriterSentry
+//   init, reader/shadow/keyshad. MirakDummy, then a Parcel::ReaderSentry, which
 //                                calls attach once the writer's files are
 //                                complete (the kestor file is there)
 //   attach, reader               a new MirakReader
@@ -69,12 +69,12 @@
 #include "Lomi/Util.h"
 #include "Mem/CollectionDescriptor.h"
 #include "Mem/Notify.h"
-#include "Mem/ReaderSentry.h"
+#include "Parcel/ReaderSentry.h"
 #include "Mem/RootPath.h"
 #include "Mem/Sentry.h"
 #include "Mem/VersionAnchor.h"
-#include "Mem/WriterLock.h"
-#include "Mem/WriterSentry.h"
+#include "Parcel/WriterLock.h"
+#include "Parcel/WriterSentry.h"
 #include "Mirak/Counters.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/MirakDummy.h"
@@ -111,10 +111,10 @@ class ControlBase {
   ControlBase& operator=(ControlBase const&) = delete;
 };
 
-class MirakMapBase : public ControlBase, public Mem::ReaderSentry::Notifiee {
+class MirakMapBase : public ControlBase, public Parcel::ReaderSentry::Notifiee {
  public:
   // The sentry of a mounted collection as the front object sees it: a
-  // Mem::ReaderSentry or Mem::WriterSentry (or a test's own). Its `enabled`
+  // Parcel::ReaderSentry or Parcel::WriterSentry (or a test's own). Its `enabled`
   // is cleared while a detached shadow flushes, so it starts nothing.
   using Mounter = Mem::Sentry;
 
@@ -204,7 +204,7 @@ template <TablePolicy OpsT>
 class MirakShadow;
 
 template <TablePolicy OpsT>
-class MirakMap : public MirakMapBase, public Mem::WriterSentry::Notifiee {
+class MirakMap : public MirakMapBase, public Parcel::WriterSentry::Notifiee {
  public:
   using Ops = OpsT;
   using Key = typename Ops::Key;
@@ -776,7 +776,7 @@ void MirakMap<OpsT>::mountWriter(std::unique_ptr<Back> previous) {
     back_ = newWriter(type, notify_.quiescedFn);
     handSettings(*back_);
     if (!descriptor_.local) {
-      mounter_ = std::make_unique<Mem::WriterSentry>(*debugHandler_, this, back_->rootPath());
+      mounter_ = std::make_unique<Parcel::WriterSentry>(*debugHandler_, this, back_->rootPath());
       mounter_->event(eventInit_, false);
     }
     ok = back_->initialize("none");
@@ -812,7 +812,7 @@ void MirakMap<OpsT>::mountReader(std::unique_ptr<Back> previous) {
   previous.reset();
   try {
     Mem::NaoRootPath const root = rootPath();
-    mounter_ = std::make_unique<Mem::ReaderSentry>(*debugHandler_, root, this);
+    mounter_ = std::make_unique<Parcel::ReaderSentry>(*debugHandler_, root, this);
     mounter_->event(eventInit_, false);
   } catch (std::exception const& e) {
     if (std::getenv("Q7_CHROOT") == nullptr) {
@@ -958,7 +958,7 @@ std::string MirakMap<OpsT>::owner() const {
   }
   std::string ownerName;
   pid_t pid = 0;
-  if (Mem::WriterLock::ownerIsAlive(*debugHandler_, socketName, ownerName)) {
+  if (Parcel::WriterLock::ownerIsAlive(*debugHandler_, socketName, ownerName)) {
     if (auto name = Rusk::TunnetName::TunnetNameIs(socketName)) pid = name->pid;
   }
   return fmt::format("{}:{}", ownerName, pid);

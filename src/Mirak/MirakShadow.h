@@ -101,7 +101,7 @@ class MirakShadow : public MirakShadowBase, public MirakInterface<OpsT> {
   void detach(bool forced) override;
 
   // --- MirakShadowBase ---------------------------------------------------
-  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override {
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
     if (!store_) return true;
     bool const used = store_->doSlot(slot, seq, compare);
     if (!used) FMTRACE(this->handler_, 8, "MirakShadow", "slot:{} seq:{} rejected", slot, seq);

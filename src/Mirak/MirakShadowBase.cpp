@@ -79,7 +79,7 @@ void MirakShadowBase::resync() {
 }
 
 void MirakShadowBase::syncSlot(uint32_t slot) {
-  doSlot(slot, Rusk::noSequence, true);
+  doSlot(slot, Tessel::noSequence, true);
 }
 
 void MirakShadowBase::flushSlot(uint32_t slot) {

@@ -86,7 +86,7 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   // What the derived shadow does with a slot. `seq` is noSequence in a sweep.
   // True: taken in; false: rejected because the queue entry no longer counts
   // (see TesselReader).
-  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override = 0;
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override = 0;
   virtual void doFlushSlot(unsigned slot) = 0;
   // The end of a sync sweep: sequence() holds the sweep's head already.
   virtual void syncComplete() = 0;
@@ -132,7 +132,7 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   double yieldTime() const { return yieldTime_; }
 
   uint32_t shadowFlags() const { return shadowFlags_; }
-  Rusk::Sequence sequence() const { return sequence_; }
+  Tessel::Sequence sequence() const { return sequence_; }
   bool synced() const { return synced_; }
   bool notifying() const { return notifying_; }
   std::string const& dir() const { return rootPath_.path(); }
@@ -170,7 +170,7 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   Rusk::ReaderRuskSm rusk_;
   uint32_t shadowFlags_;
   bool notifying_ = true;
-  Rusk::Sequence sequence_ = 0;
+  Tessel::Sequence sequence_ = 0;
   bool synced_ = false;
 
   Lomi::EventLoop* loop_;
@@ -178,7 +178,7 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   bool tesselEnabled_ = false;
   bool walkScheduled_ = false;
   bool quiescedReported_ = false;
-  Rusk::Sequence sweepHead_ = 0;
+  Tessel::Sequence sweepHead_ = 0;
   uint64_t walks_ = 0;
   uint64_t resyncs_ = 0;
   bool writerLost_ = false;

@@ -77,7 +77,7 @@
 #include "Mem/Atomics.h"
 #include "Mem/RootPath.h"
 #include "Mem/VersionAnchor.h"
-#include "Mem/WriterLock.h"
+#include "Parcel/WriterLock.h"
 #include "Mirak/Counters.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/MirakInterface.h"
@@ -294,7 +294,7 @@ class MirakWriter : public MirakInterface<OpsT> {
   TesselWriter tessel_;
   bool owner_ = false;
   // Held from the take of the directory to detach: it says that this writer lives.
-  Mem::WriterLock::Lifetime lifetime_;
+  Parcel::WriterLock::Lifetime lifetime_;
   std::string typeName_;
   VersionAnchorHook hook_ = nullptr;
   // Readers of tables with a queue connect here to be woken; absent for

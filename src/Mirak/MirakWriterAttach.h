@@ -82,7 +82,7 @@ MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const
   // Given, negated: pruneQueue asks for PruneMode::prune (0).
   tessel_.pruneModeIs(static_cast<Tessel::PruneMode>(!desc.pruneQueue));
   // What a pruning queue may drop: what every reader that keeps up has read.
-  if constexpr (requires(TesselWriter & t) { t.pruneFloorIs([] { return Rusk::Sequence(); }); }) {
+  if constexpr (requires(TesselWriter & t) { t.pruneFloorIs([] { return Tessel::Sequence(); }); }) {
     if (rusk_) tessel_.pruneFloorIs([r = rusk_.get()] { return r->pruneFloor(); });
   }
 }
@@ -142,7 +142,7 @@ void MirakWriter<OpsT>::attach() {
     kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), 0);
   } else {
     // Start step 3.
-    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, false, socketName(),
+    Parcel::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, false, socketName(),
                                        &lifetime_);
     if (rusk_) tunnetInfo = Parcel::TunnetInfo(rusk_->socketName(), rusk_->tableId());
     kestorId_ = kestorFile.read();
@@ -276,7 +276,7 @@ void MirakWriter<OpsT>::detach(bool) {
       Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
       auto const record = ownerFile.record();
       std::string const name = record ? record->tunnetInfo.socketName() : std::string();
-      bool const mine = Mem::WriterLock::ownerIsMe(handler_, name) ||
+      bool const mine = Parcel::WriterLock::ownerIsMe(handler_, name) ||
                         (name.empty() && record && record->writerPid == ::getpid());
       if (mine) {
         FMTRACE(handler_, 5, "MirakWriter", "clearing tunnetInfo");
@@ -303,7 +303,7 @@ void MirakWriter<OpsT>::cleanup() {
   Parcel::OwnerFile ownerFile(handler_, rootPath_, localMem_);
   ownerFile.lock();
   if (!localMem_) {
-    Mem::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, true, socketName());
+    Parcel::WriterLock::acquireWriterLock(handler_, rootPath_, ownerFile, true, socketName());
   }
   // Cleanup step 2: a damaged owner file does not stop the cleaning.
   owner_ = ownerFile.validate();
@@ -326,7 +326,7 @@ void MirakWriter<OpsT>::cleanup() {
   }
   Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
   if (!localMem_) {
-    for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Mem::WriterLock::kLifetimeFile}) {
+    for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Parcel::WriterLock::kLifetimeFile}) {
       std::string const path = rootPath_.filePath(name);
       if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         throw Lomi::InvalidInitializeException("cannot remove {}: {}", path, std::strerror(errno));

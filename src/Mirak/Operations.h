@@ -31,9 +31,9 @@
 //                         table allocates from its own free list, so the one
 //                         instance is empty.
 //   Ops::TesselWriter     The kind of change queue the writer feeds:
-//                         Tessel::TesselWriter<Tessel::BasicSlot, TesselPos>
-//                         for tables that readers can shadow,
-//                         Tessel::DummyTesselWriter (no queue) for the others.
+//                         Tessel::TesselWriter for tables that readers can
+//                         shadow, Tessel::DummyTesselWriter (no queue) for
+//                         the others.
 //   Ops::PrevValueAnchor  Policy slot for keeping the previous value of an
 //                         overwritten entry. Every table takes
 //                         NullPrevValueAnchor: no previous value is kept.

@@ -82,7 +82,7 @@ class ShadowStoreBase {
   // One change of table slot `slot` (seq: the queue entry's sequence, or
   // noSequence in a sweep). False: the entry no longer counts and nothing
   // changed. See the header comment.
-  virtual bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) = 0;
+  virtual bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) = 0;
   // One step of a flush: drops the local entry of `slot`, with keyDelFn when
   // the store notifies on flush.
   virtual void doFlushSlot(unsigned slot) = 0;
@@ -146,7 +146,7 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
     return true;
   }
 
-  bool doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) override;
+  bool doSlot(Tessel::BasicSlot slotIndex, Tessel::Sequence seq, bool compare) override;
   void doFlushSlot(unsigned slotIndex) override;
 
   Value const* lookup(Key const& key, bool& found, void* out) const override;
@@ -264,7 +264,7 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
   }
 
   // doSlot at relocation depth `depth`.
-  bool apply(uint32_t slotIndex, Rusk::Sequence seq, bool compare, int depth);
+  bool apply(uint32_t slotIndex, Tessel::Sequence seq, bool compare, int depth);
   // Before the copy reports `key` gone from slot `from`: if the table has it
   // in another slot (a compaction moved it and the entry of its new slot was
   // overtaken by a later write there, so the old slot's entry comes first),
@@ -292,7 +292,7 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
     pendingRemovedKey_ = nullptr;
   }
   // The queue entry being acted on still counts; false traced and counted.
-  bool entryCounts(Rusk::Sequence seq) {
+  bool entryCounts(Tessel::Sequence seq) {
     if (tessel_.validateNotif()) {
       counters_.sequence = seq;
       return true;
@@ -368,12 +368,12 @@ class KeyShadowStore : public ShadowStore<KeyShadowSlot<OpsT>> {
 // ---------------------------------------------------------------------------
 
 template <typename SlotT>
-bool ShadowStore<SlotT>::doSlot(Tessel::BasicSlot slotIndex, Rusk::Sequence seq, bool compare) {
+bool ShadowStore<SlotT>::doSlot(Tessel::BasicSlot slotIndex, Tessel::Sequence seq, bool compare) {
   return apply(slotIndex, seq, compare, 0);
 }
 
 template <typename SlotT>
-bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Rusk::Sequence seq, bool compare, int depth) {
+bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool compare, int depth) {
   PendingReset const reset{*this};
   // Range: a slot beyond the array grows it to the table's capacity, unless
   // the table has shrunk below the slot again.
@@ -393,7 +393,7 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Rusk::Sequence seq, bool comp
   }
   Slot& slot = slots_[slotIndex];
   bool const wasDead = slot.dead();
-  bool const real = seq != Rusk::noSequence;
+  bool const real = seq != Tessel::noSequence;
   Key const oldKey = slot.key();
   cacheAnchor_.reset();
 
@@ -489,7 +489,7 @@ bool ShadowStore<SlotT>::relocate(Key const& key, uint32_t from, int depth) {
   // stale key found there goes, or moves on in its turn). Whether or not the
   // key moved (the writer may have gone on meanwhile), the caller reads its
   // slot again: depth bounds the rounds.
-  apply(to, Rusk::noSequence, true, depth + 1);
+  apply(to, Tessel::noSequence, true, depth + 1);
   return true;
 }
 

@@ -85,12 +85,12 @@ void ReaderRuskSm::closeSocket() {
   ::close(fd_);
   fd_ = -1;
   in_->reset();
-  outstanding_ = noSequence;
+  outstanding_ = Tessel::noSequence;
   wakePending_ = false;
 }
 
-void ReaderRuskSm::sleeping(Sequence s) {
-  if (s == noSequence) {
+void ReaderRuskSm::sleeping(Tessel::Sequence s) {
+  if (s == Tessel::noSequence) {
     FMTRACE(handler_, 0, "ReaderRuskSm",
             "{}: sleeping after no sequence is not a position in the queue; nothing sent",
             socketName_);
@@ -158,7 +158,7 @@ void ReaderRuskSm::onReadable() {
             return true;
           case Wire::MessageType::wake:
             writerSequence_ = m.value;
-            outstanding_ = noSequence;
+            outstanding_ = Tessel::noSequence;
             ++wakesReceived_;
             woke = true;
             FMTRACE(handler_, 8, "ReaderRuskSm", "{}: woken at {}", socketName_, m.value);

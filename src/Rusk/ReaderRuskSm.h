@@ -85,7 +85,7 @@ class ReaderRuskSm {
   // Nothing is sent when not connected or for noSequence (no position: a
   // level-0 trace names the misuse). A writer found gone by the send is
   // reported by the loop, as any other end of the connection.
-  void sleeping(Sequence s);
+  void sleeping(Tessel::Sequence s);
 
   // While false, Wakes are still read but the wake handler does not run; one
   // that arrived meanwhile makes notifyingIs(true) run it on the next loop
@@ -102,7 +102,7 @@ class ReaderRuskSm {
 
   // The latest sequence the writer has reported (Hello, then each Wake); 0
   // before any.
-  Sequence writerSequence() const { return writerSequence_; }
+  Tessel::Sequence writerSequence() const { return writerSequence_; }
   // Sleeping messages sent, Wake messages read: over the object's life.
   uint64_t sequencesSent() const { return sequencesSent_; }
   uint64_t wakesReceived() const { return wakesReceived_; }
@@ -129,8 +129,8 @@ class ReaderRuskSm {
   bool wakePending_ = false;
   double yieldTime_ = kDefaultYieldTime;
   // The S of the Sleeping sent and not yet answered; noSequence if none.
-  Sequence outstanding_ = noSequence;
-  Sequence writerSequence_ = 0;
+  Tessel::Sequence outstanding_ = Tessel::noSequence;
+  Tessel::Sequence writerSequence_ = 0;
   uint64_t sequencesSent_ = 0;
   uint64_t wakesReceived_ = 0;
   // Expires with the object: loop work and handler calls hold a weak copy

@@ -31,7 +31,7 @@ constexpr size_t kMagicAt = 0;
 constexpr size_t kVersionAt = 4;
 constexpr size_t kTypeAt = 6;
 constexpr size_t kValueAt = 8;
-static_assert(kValueAt + sizeof(Sequence) == kMessageSize, "the value ends the message");
+static_assert(kValueAt + sizeof(Tessel::Sequence) == kMessageSize, "the value ends the message");
 
 }  // namespace
 

@@ -9,7 +9,7 @@
 //        0     4  magic    0x4b535552
 //        4     2  version  1
 //        6     2  type     1 Hello, 2 Sleeping, 3 Wake
-//        8     8  value    a Rusk::Sequence (see below)
+//        8     8  value    a Tessel::Sequence (see below)
 //
 //   Hello     writer -> reader, once, when the writer accepts the connection;
 //             value = the latest sequence the writer has notified (0 before
@@ -53,7 +53,7 @@ char const* typeName(MessageType type);
 
 struct Message {
   MessageType type;
-  Sequence value;
+  Tessel::Sequence value;
 };
 
 using Bytes = std::array<unsigned char, kMessageSize>;

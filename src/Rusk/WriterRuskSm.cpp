@@ -107,11 +107,11 @@ struct WriterRuskSm::Connection {
   pid_t peer;
   // The S of the reader's last Sleeping while it sleeps; noSequence while it
   // is awake (a Sleeping may never carry noSequence, so the two never mix).
-  Sequence sleepingAfter = noSequence;
+  Tessel::Sequence sleepingAfter = Tessel::noSequence;
   // What the reader has taken in, as far as the writer knows: the S of its
   // last Sleeping, or the latest sequence when it connected (it sweeps from
   // a head read after that). For the prune floor.
-  Sequence passed = 0;
+  Tessel::Sequence passed = 0;
   // When it was woken (or connected) and has not said Sleeping since, in
   // steady-clock nanoseconds; 0 while it sleeps.
   int64_t silentSince = 0;
@@ -288,7 +288,7 @@ void WriterRuskSm::closeConnection(size_t index, int level, std::string_view why
           socketName_, c.id, c.peer, c.fd, why);
   unwatch(loop_, c.fd, handler_);
   ::close(c.fd);
-  if (c.sleepingAfter != noSequence) --sleeping_;
+  if (c.sleepingAfter != Tessel::noSequence) --sleeping_;
   connections_.erase(connections_.begin() + static_cast<ptrdiff_t>(index));
 }
 
@@ -300,7 +300,7 @@ void WriterRuskSm::onReadable(int fd) {
 bool WriterRuskSm::readConnection(size_t index) {
   Connection& c = *connections_[index];
   bool asleep = false;
-  Sequence lastSleeping = noSequence;
+  Tessel::Sequence lastSleeping = Tessel::noSequence;
   std::string why;
   Wire::ReadEnd const end = Wire::readMessages(
       c.fd, c.in,
@@ -309,7 +309,7 @@ bool WriterRuskSm::readConnection(size_t index) {
           why = fmt::format("unexpected {} from a reader", Wire::typeName(m.type));
           return false;
         }
-        if (m.value == noSequence) {
+        if (m.value == Tessel::noSequence) {
           why = "Sleeping after no sequence";
           return false;
         }
@@ -340,21 +340,21 @@ bool WriterRuskSm::readConnection(size_t index) {
   return true;
 }
 
-bool WriterRuskSm::sleepingIs(size_t index, Sequence s) {
+bool WriterRuskSm::sleepingIs(size_t index, Tessel::Sequence s) {
   Connection& c = *connections_[index];
   c.passed = s;
   c.silentSince = 0;
   // 3: a reader that slept on a queue already past S is woken at once.
   if (s < latest_) return wake(index);
-  if (c.sleepingAfter == noSequence) ++sleeping_;
+  if (c.sleepingAfter == Tessel::noSequence) ++sleeping_;
   c.sleepingAfter = s;
   return true;
 }
 
-Sequence WriterRuskSm::pruneFloor(double patience) const {
+Tessel::Sequence WriterRuskSm::pruneFloor(double patience) const {
   int64_t const now = steadyNanos();
   int64_t const limit = int64_t(patience * 1e9);
-  Sequence floor = latest_;
+  Tessel::Sequence floor = latest_;
   for (auto const& c : connections_) {
     // A reader silent for longer than the patience holds nothing back: it
     // will find entries gone and sweep.
@@ -367,8 +367,8 @@ Sequence WriterRuskSm::pruneFloor(double patience) const {
 bool WriterRuskSm::wake(size_t index) {
   Connection& c = *connections_[index];
   if (c.silentSince == 0) c.silentSince = steadyNanos();
-  if (c.sleepingAfter != noSequence) {
-    c.sleepingAfter = noSequence;
+  if (c.sleepingAfter != Tessel::noSequence) {
+    c.sleepingAfter = Tessel::noSequence;
     --sleeping_;
   }
   std::string why;
@@ -392,7 +392,7 @@ bool WriterRuskSm::wake(size_t index) {
   return false;
 }
 
-void WriterRuskSm::notify(Sequence seq) {
+void WriterRuskSm::notify(Tessel::Sequence seq) {
   // 2: the latest sequence is stored before any connection is read.
   latest_ = seq;
   if (fd_ < 0) return;
@@ -400,8 +400,8 @@ void WriterRuskSm::notify(Sequence seq) {
   if (now >= nextDrain_) drain(now);
   if (sleeping_ == 0) return;
   for (size_t i = 0; i < connections_.size();) {
-    Sequence const s = connections_[i]->sleepingAfter;
-    if (s != noSequence && s < seq && !wake(i)) continue;  // closed: i is the next one now
+    Tessel::Sequence const s = connections_[i]->sleepingAfter;
+    if (s != Tessel::noSequence && s < seq && !wake(i)) continue;  // closed: i is the next one now
     ++i;
   }
 }

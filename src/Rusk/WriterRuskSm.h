@@ -140,9 +140,9 @@ class WriterRuskSm {
   // to each sleeping reader whose S < seq and marks it awake. With nobody
   // asleep it costs a counter test and a time stamp read, except about once
   // a millisecond when it polls the connections. Never blocks, never throws.
-  void notify(Sequence seq);
+  void notify(Tessel::Sequence seq);
   // The latest sequence given to notify(); 0 before the first.
-  Sequence latestSequence() const { return latest_; }
+  Tessel::Sequence latestSequence() const { return latest_; }
 
   // The prune floor of a queue that prunes (Tessel::PruneMode::prune): the
   // lowest sequence that every connected reader has taken in, as its last
@@ -151,7 +151,7 @@ class WriterRuskSm {
   // since (stopped, or too slow to keep up) is left out: the queue drops what
   // it has not read, and it sweeps when it runs again. latestSequence() when
   // no reader counts.
-  Sequence pruneFloor(double patience = kReaderPatience) const;
+  Tessel::Sequence pruneFloor(double patience = kReaderPatience) const;
   static constexpr double kReaderPatience = 1.0;
 
   // Wake messages sent (a send refused for a full buffer is not counted).
@@ -178,7 +178,7 @@ class WriterRuskSm {
   bool readConnection(size_t index);
   // Records a Sleeping(s) just read, or wakes at once; false if the
   // connection was closed instead.
-  bool sleepingIs(size_t index, Sequence s);
+  bool sleepingIs(size_t index, Tessel::Sequence s);
   // Sends Wake(latest) and marks the reader awake; false if the connection
   // was closed instead.
   bool wake(size_t index);
@@ -198,7 +198,7 @@ class WriterRuskSm {
   int fd_ = -1;
   std::vector<std::unique_ptr<Connection>> connections_;
   uint64_t nextConnectionId_ = 1;
-  Sequence latest_ = 0;
+  Tessel::Sequence latest_ = 0;
   // Connections whose sleepingAfter is a sequence, not noSequence.
   size_t sleeping_ = 0;
   uint64_t ruskCount_ = 0;

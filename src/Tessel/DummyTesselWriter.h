@@ -21,7 +21,7 @@ namespace Tessel {
 class DummyTesselWriter {
  public:
   static constexpr bool hasQueue = false;
-  static constexpr Mirak::TesselPos noPos = Mirak::noTesselPos;
+  static constexpr TesselPos noPos = noTesselPos;
 
   DummyTesselWriter() = default;
   // Same construction as the real writer; both arguments are ignored.
@@ -58,9 +58,9 @@ class DummyTesselWriter {
     throw Lomi::CorruptionDetectedException("DummyTesselWriter: entry index:{} beyond count:0",
                                             pos);
   }
-  Rusk::Sequence baseSequence() const { return 0; }
-  Rusk::Sequence sequence() const { return 0; }
-  Mirak::TesselPos tesselSlots(BasicSlot) const { return noPos; }
+  Sequence baseSequence() const { return 0; }
+  Sequence sequence() const { return 0; }
+  TesselPos tesselSlots(BasicSlot) const { return noPos; }
   uint32_t mostSlots() const { return 0; }
   uint64_t corralStart() const { return 0; }
   uint64_t corralEnd() const { return 0; }

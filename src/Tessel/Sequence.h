@@ -1,4 +1,4 @@
-// Rusk::Sequence: the running number the change queue gives each notification.
+// Sequence: the running number the change queue gives each notification.
 //
 // The writer issues 1, 2, 3, ... (0 means "nothing issued yet"); a reader
 // records the last one it has taken in. All ones is no position in the queue:
@@ -7,10 +7,10 @@
 
 #include <cstdint>
 
-namespace Rusk {
+namespace Tessel {
 
 using Sequence = uint64_t;
 
 inline constexpr Sequence noSequence = ~Sequence{0};
 
-}  // namespace Rusk
+}  // namespace Tessel

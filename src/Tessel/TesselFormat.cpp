@@ -28,8 +28,8 @@ uint64_t pageRounded(unsigned __int128 bytes, std::string const& what, char cons
 
 uint64_t headerFileSize(uint64_t mostSlots, std::string const& what) {
   return pageRounded(
-      static_cast<unsigned __int128>(mostSlots) * sizeof(Mirak::TesselPos) + sizeof(TesselHeader),
-      what, "header file", mostSlots);
+      static_cast<unsigned __int128>(mostSlots) * sizeof(TesselPos) + sizeof(TesselHeader), what,
+      "header file", mostSlots);
 }
 
 uint64_t tableFileSize(uint64_t capacity, std::string const& what) {

@@ -104,10 +104,8 @@ struct TesselHeader {
   uint64_t lostSequence;
   uint8_t reserved[48];
 
-  Mirak::TesselPos* tesselSlots() { return reinterpret_cast<Mirak::TesselPos*>(this + 1); }
-  Mirak::TesselPos const* tesselSlots() const {
-    return reinterpret_cast<Mirak::TesselPos const*>(this + 1);
-  }
+  TesselPos* tesselSlots() { return reinterpret_cast<TesselPos*>(this + 1); }
+  TesselPos const* tesselSlots() const { return reinterpret_cast<TesselPos const*>(this + 1); }
 };
 
 // The reader locates everything through these offsets; a change is a new
@@ -132,7 +130,7 @@ inline uint64_t generationAndTableOf(uint32_t generation, uint32_t table) {
 }
 inline uint32_t generationOf(uint64_t word) { return static_cast<uint32_t>(word); }
 inline uint32_t tableOf(uint64_t word) { return static_cast<uint32_t>(word >> 32); }
-static_assert(sizeof(Mirak::TesselPos) == 4);
+static_assert(sizeof(TesselPos) == 4);
 
 struct TesselTableHeader {
   uint32_t generation;
@@ -169,7 +167,7 @@ enum class PruneMode : bool { prune = false, keep = true };
 
 // One notification as the writer and readers hand it out.
 struct TesselNotification {
-  Rusk::Sequence sequence = 0;
+  Sequence sequence = 0;
   BasicSlot slot = tombstoneSlot;
 
   bool isTombstone() const { return slot == tombstoneSlot; }

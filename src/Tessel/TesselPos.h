@@ -1,4 +1,4 @@
-// Mirak::TesselPos: a position in the change queue's current notification
+// TesselPos: a position in the change queue's current notification
 // table, as kept in each slot's back reference (`tesselSlots`).
 //
 // A back reference names the slot's one live entry, or is `noTesselPos` when
@@ -9,10 +9,10 @@
 
 #include <cstdint>
 
-namespace Mirak {
+namespace Tessel {
 
 using TesselPos = uint32_t;
 
 inline constexpr TesselPos noTesselPos = 0xffffffffu;
 
-}  // namespace Mirak
+}  // namespace Tessel

@@ -40,7 +40,7 @@ class TesselReader {
    public:
     // `compare`: the local copy may hold this state already; report nothing
     // if it does.
-    virtual bool doSlot(Slot slot, Rusk::Sequence seq, bool compare) = 0;
+    virtual bool doSlot(Slot slot, Sequence seq, bool compare) = 0;
 
    protected:
     ~Client() = default;
@@ -66,9 +66,9 @@ class TesselReader {
   bool attached() const { return view_.attached(); }
 
   // The writer's last sequence: read it before a sweep, seek() to it after.
-  Rusk::Sequence head() const { return view_.headSequence(); }
+  Sequence head() const { return view_.headSequence(); }
   // Continue with the first live entry above `after`.
-  void seek(Rusk::Sequence after) {
+  void seek(Sequence after) {
     view_.seek(after);
     quiesced_ = false;
   }
@@ -113,7 +113,7 @@ class TesselReader {
   bool validateNotif() { return view_.validateNotif(); }
   // Caught up at the end of the last walk, with nothing pending then.
   bool quiesced() const { return quiesced_; }
-  Rusk::Sequence lastConsumed() const { return view_.lastConsumed(); }
+  Sequence lastConsumed() const { return view_.lastConsumed(); }
   uint64_t refinds() const { return view_.refinds(); }
   uint64_t primaryMappedSize() const { return view_.primaryMappedSize(); }
   uint64_t secondaryMappedSize() const { return view_.secondaryMappedSize(); }

@@ -74,18 +74,18 @@ void TesselReaderView::detach() {
   lastConsumed_ = 0;
 }
 
-void TesselReaderView::seek(Rusk::Sequence after) {
+void TesselReaderView::seek(Sequence after) {
   lastConsumed_ = after;
   positioned_ = false;
   overrun_ = false;
 }
 
-Rusk::Sequence TesselReaderView::headSequence() const {
+Sequence TesselReaderView::headSequence() const {
   return hdr_ ? Mem::loadAcquire(hdr_->sequence) : 0;
 }
 
 bool TesselReaderView::lostSinceConsumed() {
-  Rusk::Sequence const lost = Mem::loadAcquire(hdr_->lostSequence);
+  Sequence const lost = Mem::loadAcquire(hdr_->lostSequence);
   if (lost <= lastConsumed_) return false;
   FMTRACE(handler_, 1, "TesselReaderView", "{} lost sequence:{} after:{}: a sweep is due", dir_,
           lost, lastConsumed_);
@@ -121,7 +121,7 @@ bool TesselReaderView::refind() {
     }
     unsigned const t = tableOf(pair);
     bool sound = false;
-    Rusk::Sequence base = 0;
+    Sequence base = 0;
     uint32_t lo = 0;
     if (t <= 1) {
       base = Mem::loadAcquire(hdr_->baseSequence[t]);
@@ -202,7 +202,7 @@ bool TesselReaderView::next(TesselNotification& out) {
       refinds_++;
       continue;
     }
-    Rusk::Sequence const seq = base_ + rel;
+    Sequence const seq = base_ + rel;
     if (slot == tombstoneSlot) {
       // A retired entry has a newer one of its slot after it: passing it is
       // as good as consuming it.

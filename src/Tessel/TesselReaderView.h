@@ -61,11 +61,11 @@ class TesselReaderView {
 
   // The next entry yielded is the first live one above `after`; clears
   // overrun().
-  void seek(Rusk::Sequence after);
+  void seek(Sequence after);
   // The last sequence the writer issued (its header word). Read before a
   // sweep: seek(it) after the sweep continues with the changes the sweep may
   // have missed.
-  Rusk::Sequence headSequence() const;
+  Sequence headSequence() const;
 
   // Yields the next live entry past the position and stands on it; false when
   // the reader has caught up, when the queue lost entries the reader had not
@@ -88,7 +88,7 @@ class TesselReaderView {
   // position is not below the table's count.
   bool validateNotif();
 
-  Rusk::Sequence lastConsumed() const { return lastConsumed_; }
+  Sequence lastConsumed() const { return lastConsumed_; }
   bool reformatted() const { return reformatted_; }
   bool overrun() const { return overrun_; }
   uint32_t generation() const { return gen_; }
@@ -116,11 +116,11 @@ class TesselReaderView {
   bool overrun_ = false;
   uint32_t gen_ = 0;
   unsigned table_ = 0;
-  Rusk::Sequence base_ = 0;
+  Sequence base_ = 0;
   uint32_t pos_ = 0;
   uint32_t standing_ = 0;
-  Rusk::Sequence standingSeq_ = 0;
-  Rusk::Sequence lastConsumed_ = 0;
+  Sequence standingSeq_ = 0;
+  Sequence lastConsumed_ = 0;
   uint64_t refinds_ = 0;
 };
 

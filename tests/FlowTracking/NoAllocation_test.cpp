@@ -123,7 +123,7 @@ TYPED_TEST(ShadowNoAllocationTest, DoSlotAndLookupOfASynchronisedShadowAllocateN
     for (uint32_t round = 1; round < 4; round++) {
       for (uint32_t i = 0; i < n; i++) w.write(row<TypeParam>(i, round), true);
       for (uint32_t slot = 0; slot < w.capacity(); slot++) {
-        ASSERT_TRUE(shadow.doSlot(slot, Rusk::noSequence, true));
+        ASSERT_TRUE(shadow.doSlot(slot, Tessel::noSequence, true));
       }
       for (uint32_t i = 0; i < n; i++) {
         bool found = false;

@@ -126,7 +126,7 @@ TEST_F(Mounting, AWriterMountIsReadyOnReturnAndHeardOnceInOrder) {
   w.init(desc(MirakType::writer));
   EXPECT_TRUE(w.initialized());
   EXPECT_NE(dynamic_cast<Mirak::MirakWriter<ConfigOps>*>(w.back()), nullptr);
-  EXPECT_NE(dynamic_cast<Mem::WriterSentry*>(w.mounter()), nullptr);
+  EXPECT_NE(dynamic_cast<Parcel::WriterSentry*>(w.mounter()), nullptr);
   EXPECT_EQ(w.events, (std::vector<std::string>{"quiesced(true)", "mountStatus 1"}));
   EXPECT_EQ(w.debugHandler().name(), "mount/coll");
   EXPECT_TRUE(fileExists(w.rootPath().filePath(Parcel::KestorFile::KESTOR_NAME)));
@@ -145,7 +145,7 @@ TEST_F(Mounting, AReaderWaitsOnItsPlaceholderAndTheSentryAttachesIt) {
   EXPECT_EQ(r.mountStatus(), 0u);
   EXPECT_TRUE(r.events.empty());
   EXPECT_NE(dynamic_cast<Mirak::MirakDummy<ConfigOps>*>(r.back()), nullptr);
-  EXPECT_NE(dynamic_cast<Mem::ReaderSentry*>(r.mounter()), nullptr);
+  EXPECT_NE(dynamic_cast<Parcel::ReaderSentry*>(r.mounter()), nullptr);
   EXPECT_THROW(r.safeWrite(row(1)), Lomi::NoPermissionException);
 
   auto w = std::make_unique<ConfigMap>();
@@ -420,7 +420,7 @@ TEST_F(Mounting, AReadersMarkerMakesTheWriterValidate) {
   ConfigMap w;
   w.init(desc(MirakType::writer));
   w.safeWrite(row(2));
-  auto* sentry = dynamic_cast<Mem::WriterSentry*>(w.mounter());
+  auto* sentry = dynamic_cast<Parcel::WriterSentry*>(w.mounter());
   ASSERT_NE(sentry, nullptr);
   ASSERT_TRUE(Mirak::Util::writeCorruptionFile(w.rootPath(), "a reader saw a bad chain"));
   ASSERT_TRUE(loop().runUntil([&] { return sentry->validations() == 1; }, kWait));

@@ -27,7 +27,7 @@
 namespace MirakTest {
 namespace {
 
-using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using QueueOps = TestOpsWith<Tessel::TesselWriter>;
 using Writer = Mirak::MirakWriter<QueueOps>;
 using Reader = Mirak::MirakReader<QueueOps>;
 using ParcelTest::Child;
@@ -113,8 +113,8 @@ class RecordingShadow : public Mirak::MirakShadowBase {
     reader_.detach(false);
   }
 
-  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override {
-    if (seq != Rusk::noSequence) {
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
+    if (seq != Tessel::noSequence) {
       if (seq <= lastSeq_) outOfOrder++;
       lastSeq_ = seq;
     }
@@ -161,7 +161,7 @@ class RecordingShadow : public Mirak::MirakShadowBase {
   Reader reader_;
   Mem::Notify<TestKey, TestValue> notify_;
   std::unique_ptr<Store> store_;
-  Rusk::Sequence lastSeq_ = 0;
+  Tessel::Sequence lastSeq_ = 0;
 };
 
 std::unique_ptr<Writer> makeWriter() {
@@ -191,7 +191,7 @@ int shadowProcess(Pipe& commands, Pipe& replies) {
     if (!line || *line == "stop") return 0;
     std::istringstream in(*line);
     std::string verb;
-    Rusk::Sequence seq = 0;
+    Tessel::Sequence seq = 0;
     in >> verb >> seq;
     bool const caughtUp = loop().runUntil(
         [&] {

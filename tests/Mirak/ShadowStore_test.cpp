@@ -28,7 +28,7 @@
 namespace MirakTest {
 namespace {
 
-using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using QueueOps = TestOpsWith<Tessel::TesselWriter>;
 using Writer = Mirak::MirakWriter<QueueOps>;
 using Reader = Mirak::MirakReader<QueueOps>;
 using ValueStore = Mirak::ShadowStore<Mirak::ValueShadowSlot<QueueOps>>;
@@ -94,14 +94,14 @@ class Follower : public Tessel::TesselReader<>::Client {
   // runs in the middle, as changes a real sweep meets.
   template <typename F = void (*)()>
   void sweep(F between = [] {}) {
-    Rusk::Sequence const head = tessel_.head();
+    Tessel::Sequence const head = tessel_.head();
     sweeping_ = true;
     reader_.resize();
     // Local slots beyond a table that shrank are swept too.
     uint32_t const slots = std::max(reader_.capacity(), store_->numSlots());
-    for (uint32_t i = 0; i < slots / 2; i++) store_->doSlot(i, Rusk::noSequence, true);
+    for (uint32_t i = 0; i < slots / 2; i++) store_->doSlot(i, Tessel::noSequence, true);
     between();
-    for (uint32_t i = slots / 2; i < slots; i++) store_->doSlot(i, Rusk::noSequence, true);
+    for (uint32_t i = slots / 2; i < slots; i++) store_->doSlot(i, Tessel::noSequence, true);
     sweeping_ = false;
     tessel_.seek(head);
     sweeps++;
@@ -121,7 +121,7 @@ class Follower : public Tessel::TesselReader<>::Client {
     }
   }
 
-  bool doSlot(Tessel::BasicSlot slot, Rusk::Sequence seq, bool compare) override {
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
     return store_->doSlot(slot, seq, compare);
   }
 

@@ -34,7 +34,7 @@
 namespace MirakTest {
 namespace {
 
-using QueueOps = TestOpsWith<Tessel::TesselWriter<>>;
+using QueueOps = TestOpsWith<Tessel::TesselWriter>;
 using Mirak::MapDescriptor;
 using Mirak::MirakType;
 using ParcelTest::Child;

@@ -23,9 +23,9 @@ using ParcelTest::Child;
 using ParcelTest::kDeadlineMs;
 using ParcelTest::Pipe;
 using Rusk::ReaderRuskSm;
-using Rusk::Sequence;
 using Rusk::WriterRuskSm;
 using Rusk::Wire::MessageType;
+using Tessel::Sequence;
 
 constexpr double kDeadline = kDeadlineMs / 1000.0;
 
@@ -127,7 +127,7 @@ TEST(RuskProtocol, GarbageFromAReaderClosesOnlyThatConnection) {
       {{badVersion}, false, "unsupported version 2"},
       {{badType}, false, "unknown message type 9"},
       {{message(MessageType::wake, 1)}, false, "unexpected Wake from a reader"},
-      {{message(MessageType::sleeping, Rusk::noSequence)}, false, "after no sequence"},
+      {{message(MessageType::sleeping, Tessel::noSequence)}, false, "after no sequence"},
       {{sleep7.substr(0, 3)}, true, "closed inside a message (3 of 16"},
       {{}, true, nullptr},
       {{sleep7.substr(0, 5), sleep7.substr(5)}, false, nullptr},

@@ -17,7 +17,7 @@ inline Lomi::Platform::DebugHandler& handler() {
   return Lomi::Platform::getDebugHandler("test.Rusk");
 }
 
-inline std::string message(Rusk::Wire::MessageType type, Rusk::Sequence value) {
+inline std::string message(Rusk::Wire::MessageType type, Tessel::Sequence value) {
   Rusk::Wire::Bytes const b = Rusk::Wire::encode({type, value});
   return std::string(b.begin(), b.end());
 }

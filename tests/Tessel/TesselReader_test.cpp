@@ -21,7 +21,7 @@
 namespace {
 
 using TesselTest::TempDir;
-using Writer = Tessel::TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>;
+using Writer = Tessel::TesselWriter;
 using Tessel::TesselNotification;
 
 constexpr uint32_t kKestor = 0x00020009;
@@ -235,8 +235,8 @@ void expectNothingLost(Writer const& w, ReaderReport const& rep) {
   EXPECT_GT(rep.refinds, 0u) << "the reader was never lapped: the race did not happen";
   uint64_t mismatches = 0;
   for (uint32_t s = 0; s < kSlots; s++) {
-    Mirak::TesselPos const pos = w.tesselSlots(s);
-    uint64_t const final = pos == Mirak::noTesselPos ? 0 : w.entry(pos).sequence;
+    Tessel::TesselPos const pos = w.tesselSlots(s);
+    uint64_t const final = pos == Tessel::noTesselPos ? 0 : w.entry(pos).sequence;
     if (rep.lastSeen[s] != final) {
       if (mismatches++ < 5)
         ADD_FAILURE() << "slot " << s << " reader saw " << rep.lastSeen[s] << ", writer's last is "

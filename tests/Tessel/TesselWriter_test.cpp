@@ -23,7 +23,7 @@ using Tessel::TesselWriter;
 using TesselTest::readAt;
 using TesselTest::TempDir;
 using TesselTest::writeAt;
-using Writer = TesselWriter<Tessel::BasicSlot, Mirak::TesselPos>;
+using Writer = TesselWriter;
 
 constexpr uint32_t kKestor = 0x00010007;
 
@@ -106,7 +106,7 @@ class TesselModel : public ::testing::TestWithParam<ModelParam> {
     ASSERT_LE(liveEntries, w.mostSlots()) << where;
     for (uint32_t s = 0; s < w.mostSlots(); s++) {
       if (live.count(s) == 0) {
-        ASSERT_EQ(w.tesselSlots(s), Mirak::noTesselPos) << where;
+        ASSERT_EQ(w.tesselSlots(s), Tessel::noTesselPos) << where;
       }
     }
   }
@@ -267,7 +267,7 @@ TEST(TesselWriterInput, NotifyBeyondMostSlotsGrowsTheReferences) {
   EXPECT_EQ(w.mostSlots(), 20u);
   EXPECT_EQ(w.tesselSlots(10), 0u);
   EXPECT_TRUE(w.mostSlotsIs(5000));  // grows the header file past its first page
-  EXPECT_EQ(w.tesselSlots(4999), Mirak::noTesselPos);
+  EXPECT_EQ(w.tesselSlots(4999), Tessel::noTesselPos);
   w.notify(4999);
   EXPECT_EQ(w.tesselSlots(4999), 1u);
   w.mostSlotsIs(20);  // a high-water mark: no shrink
@@ -304,7 +304,7 @@ TEST(TesselRestart, SameKestorKeepsTheQueueAnotherReformats) {
     EXPECT_EQ(w.currentTable(), 1u);
     EXPECT_EQ(w.generation(), generation);
     EXPECT_EQ(w.mostSlots(), 80u) << "back references grow to the table's mostSlots";
-    EXPECT_EQ(w.tesselSlots(4), Mirak::noTesselPos);
+    EXPECT_EQ(w.tesselSlots(4), Tessel::noTesselPos);
     EXPECT_EQ(w.entry(w.tesselSlots(9)).sequence, 90u);
     w.notify(9);
     EXPECT_EQ(w.sequence(), 101u);
@@ -314,7 +314,7 @@ TEST(TesselRestart, SameKestorKeepsTheQueueAnotherReformats) {
     ASSERT_EQ(w.attach(kKestor + 0x10000, 80), Tessel::attachReformatted);
     EXPECT_EQ(w.sequence(), 0u);
     EXPECT_EQ(w.entryCount(), 0u);
-    EXPECT_EQ(w.tesselSlots(9), Mirak::noTesselPos);
+    EXPECT_EQ(w.tesselSlots(9), Tessel::noTesselPos);
     EXPECT_GT(w.generation(), generation) << "readers of the old queue see the generation move";
     std::string error;
     EXPECT_TRUE(w.validate(kKestor + 0x10000, 80, error)) << error;
@@ -483,7 +483,7 @@ using Tessel::TesselReaderView;
 using Tessel::WriterStep;
 using TesselTest::StepHook;
 
-std::unique_ptr<TesselReaderView> viewAfter(TempDir const& dir, Rusk::Sequence after) {
+std::unique_ptr<TesselReaderView> viewAfter(TempDir const& dir, Tessel::Sequence after) {
   auto r = std::make_unique<TesselReaderView>(dir.path(), TesselTest::handler());
   std::string error;
   EXPECT_TRUE(r->attach(kKestor, error)) << error;
@@ -647,7 +647,7 @@ TEST_P(TesselFailedGrowth, LeavesTheQueueValidAndTheChangeFindable) {
   EXPECT_TRUE(w.validate(kKestor, 510, error)) << error;
   EXPECT_EQ(w.sequence(), capacity + 1u);
   Tessel::TesselNotification n;
-  Rusk::Sequence last = 0;
+  Tessel::Sequence last = 0;
   while (r->next(n)) {
     last = n.sequence;
     r->consumed();
@@ -691,7 +691,7 @@ TEST(TesselReaderSees, PrunedEntriesSendOnlyReadersThatHadNotPassedThemToASweep)
   Writer w(dir.path(), TesselTest::handler());
   ASSERT_EQ(w.attach(kKestor, 64), Tessel::attachNew);
   w.pruneModeIs(Tessel::PruneMode::prune);
-  Rusk::Sequence floor = 0;
+  Tessel::Sequence floor = 0;
   w.pruneFloorIs([&] { return floor; });
   auto behind = viewAfter(dir, 0);
   auto ahead = viewAfter(dir, 0);
@@ -740,7 +740,7 @@ TEST(TesselFiles, DummyWriterCreatesNoFilesAndRecordsNothing) {
   EXPECT_TRUE(d.validateFile());
   EXPECT_EQ(d.entryCount(), 0u);
   EXPECT_EQ(d.sequence(), 0u);
-  EXPECT_EQ(d.tesselSlots(1), Mirak::noTesselPos);
+  EXPECT_EQ(d.tesselSlots(1), Tessel::noTesselPos);
   EXPECT_THROW(d.entry(0), Lomi::CorruptionDetectedException);
   d.onDetach();
   d.cleanup();

@@ -23,13 +23,13 @@
 #include "Mem/Fd.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedGround.h"
-#include "Mem/WriterLock.h"
 #include "Mirak/IterHint.h"
 #include "Mirak/SlotLink.h"
 #include "MirakCore/BucketTable.h"
 #include "MirakCore/BucketWriter.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/OwnerFile.h"
+#include "Parcel/WriterLock.h"
 #include "Tessel/TesselFormat.h"
 
 namespace FlowtableCli {
@@ -205,7 +205,7 @@ TableSummary summarizeDir(std::string const& root, std::string const& name) {
     auto const record = owner.record();
     if (record) {
       s.writerPid = record->writerPid;
-      s.writerAlive = Mem::WriterLock::ownerIsAlive(owner);
+      s.writerAlive = Parcel::WriterLock::ownerIsAlive(owner);
     }
   } catch (Lomi::Exception const& e) {
     s.errors.push_back(e.msg());

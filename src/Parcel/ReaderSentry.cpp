@@ -1,6 +1,6 @@
 // The reader sentry: attach, re-attach and detach a reader collection as its
 // writer's files come, change generation and go.
-#include "Mem/ReaderSentry.h"
+#include "Parcel/ReaderSentry.h"
 
 #include <sys/inotify.h>
 
@@ -9,14 +9,14 @@
 #include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
-#include "Mem/WriterSentry.h"
 #include "Parcel/KestorFile.h"
+#include "Parcel/WriterSentry.h"
 
-namespace Mem {
+namespace Parcel {
 
 namespace {
 
-NaoRootPath const& sharedOnly(NaoRootPath const& rootPath) {
+Mem::NaoRootPath const& sharedOnly(Mem::NaoRootPath const& rootPath) {
   if (rootPath.isLocal()) {
     throw Lomi::InvalidInitializeException(
         "Mirak table {} is local: a reader sentry needs the files of a shared table",
@@ -26,25 +26,25 @@ NaoRootPath const& sharedOnly(NaoRootPath const& rootPath) {
 }
 
 bool isKestor(std::string const& name) {
-  return name == Parcel::KestorFile::KESTOR_NAME;
+  return name == KestorFile::KESTOR_NAME;
 }
 
 }  // namespace
 
 ReaderSentry::Notifiee::~Notifiee() = default;
 
-ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
+ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath const& rootPath,
                            Notifiee* notifiee)
-    : ReaderSentry(handler, rootPath, notifiee, RootPath::eventLoop()) {}
+    : ReaderSentry(handler, rootPath, notifiee, Mem::RootPath::eventLoop()) {}
 
-ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
+ReaderSentry::ReaderSentry(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath const& rootPath,
                            Notifiee* notifiee, Lomi::EventLoop& loop)
     : handler_(handler),
       rootPath_(sharedOnly(rootPath)),
       notifiee_(notifiee),
       loop_(loop),
       watch_(handler, rootPath_.path(), loop,
-             [this](Impl::DirectoryWatch::Change const& c) { onChange(c); }) {
+             [this](Mem::Impl::DirectoryWatch::Change const& c) { onChange(c); }) {
   FMTRACE(handler_, 2, "ReaderSentry", "{}", rootPath_);
 }
 
@@ -76,15 +76,15 @@ void ReaderSentry::event(std::string const& name, bool) {
 }
 
 void ReaderSentry::onDetach() {
-  attachedKestor_ = Parcel::KestorId();
+  attachedKestor_ = KestorId();
 }
 
-Parcel::KestorId ReaderSentry::kestorOnDisk() const {
-  return Parcel::KestorFile(handler_, rootPath_, false).read();
+KestorId ReaderSentry::kestorOnDisk() const {
+  return KestorFile(handler_, rootPath_, false).read();
 }
 
-void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
-  using Kind = Impl::DirectoryWatch::Change::Kind;
+void ReaderSentry::onChange(Mem::Impl::DirectoryWatch::Change const& change) {
+  using Kind = Mem::Impl::DirectoryWatch::Change::Kind;
   if (change.kind == Kind::appeared || change.kind == Kind::recheck) {
     FMTRACE(handler_, 3, "ReaderSentry", "{} {}", rootPath_,
             change.kind == Kind::appeared ? "appeared" : "recheck");
@@ -113,7 +113,7 @@ void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
       if (attached) detachNow("kestor removed");
       return;
     }
-    Parcel::KestorId const onDisk = kestorOnDisk();
+    KestorId const onDisk = kestorOnDisk();
     if (onDisk.isZero()) return;  // not a complete record: the next write tells
     awaitingWriter_ = false;
     if (attached) {
@@ -140,7 +140,7 @@ void ReaderSentry::onChange(Impl::DirectoryWatch::Change const& change) {
 void ReaderSentry::recheck(std::string const& why) {
   if (!enabled) return;
   if (notifiee_->readerFullyAttached()) {
-    Parcel::KestorId const onDisk = kestorOnDisk();
+    KestorId const onDisk = kestorOnDisk();
     if (onDisk == attachedKestor_) {
       // The same files: nothing to follow, unless a writer must be rejoined.
       if (notifiee_->disconnectedActiveReader()) rejoinNow(why);
@@ -195,7 +195,7 @@ void ReaderSentry::detachNow(std::string const& why) {
   FMTRACE(handler_, 2, "ReaderSentry", "{} detaching ({})", rootPath_, why);
   retryDel();
   ++detaches_;
-  attachedKestor_ = Parcel::KestorId();
+  attachedKestor_ = KestorId();
   try {
     notifiee_->detach(false);
   } catch (Lomi::Exception const& e) {
@@ -221,4 +221,4 @@ void ReaderSentry::retryDel() {
   retryTimer_ = 0;
 }
 
-}  // namespace Mem
+}  // namespace Parcel

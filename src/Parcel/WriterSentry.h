@@ -1,4 +1,4 @@
-// Mem::WriterSentry: the writer's ear for readers that found damage.
+// Parcel::WriterSentry: the writer's ear for readers that found damage.
 //
 // A reader that meets a table it can't trust leaves the marker file
 // "corruption-detected" in the table directory. The writer's sentry watches
@@ -36,14 +36,14 @@
 #include "Mem/Sentry.h"
 #include "Parcel/KestorId.h"
 
-namespace Mem {
+namespace Parcel {
 
-class WriterSentry : public Sentry {
+class WriterSentry : public Mem::Sentry {
  public:
   class Notifiee {
    public:
     virtual ~Notifiee();
-    virtual Parcel::KestorId kestorId() const = 0;
+    virtual KestorId kestorId() const = 0;
     virtual bool validate() = 0;
     // Both arguments are the sentry's: the table's directory and 0.
     virtual bool validateFiles(std::string const& path, unsigned int mask) = 0;
@@ -53,9 +53,9 @@ class WriterSentry : public Sentry {
   static constexpr char const kMarkerName[] = "corruption-detected";
 
   WriterSentry(Lomi::Platform::DebugHandler& handler, Notifiee* notifiee,
-               NaoRootPath const& rootPath);
+               Mem::NaoRootPath const& rootPath);
   WriterSentry(Lomi::Platform::DebugHandler& handler, Notifiee* notifiee,
-               NaoRootPath const& rootPath, Lomi::EventLoop& loop);
+               Mem::NaoRootPath const& rootPath, Lomi::EventLoop& loop);
   ~WriterSentry() override;
 
   void event(std::string const& name, bool arg) override;
@@ -65,20 +65,20 @@ class WriterSentry : public Sentry {
   bool watchingTable() const { return watch_.onTable(); }
 
  private:
-  void onChange(Impl::DirectoryWatch::Change const& change);
+  void onChange(Mem::Impl::DirectoryWatch::Change const& change);
   void validateSoon();
   void validateNow();
   bool markerPresent() const;
 
   Lomi::Platform::DebugHandler& handler_;
   Notifiee* notifiee_;
-  NaoRootPath rootPath_;
+  Mem::NaoRootPath rootPath_;
   Lomi::EventLoop& loop_;
-  Impl::DirectoryWatch watch_;
+  Mem::Impl::DirectoryWatch watch_;
   bool validationQueued_ = false;
   uint64_t validations_ = 0;
   uint64_t failedValidations_ = 0;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
-}  // namespace Mem
+}  // namespace Parcel

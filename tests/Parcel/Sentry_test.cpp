@@ -18,9 +18,9 @@
 #include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
-#include "Mem/ReaderSentry.h"
+#include "Parcel/ReaderSentry.h"
 #include "Mem/RootPath.h"
-#include "Mem/WriterSentry.h"
+#include "Parcel/WriterSentry.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
 #include "Thrum/Thrum.h"
@@ -37,7 +37,7 @@ using TempBase = MirakTest::TempRoot;
 
 // Attaches when told to succeed: then it stands on the kestor found on disk,
 // as a reader back end does.
-class Collection : public Mem::ReaderSentry::Notifiee {
+class Collection : public Parcel::ReaderSentry::Notifiee {
  public:
   explicit Collection(Mem::NaoRootPath root) : root_(std::move(root)) {}
 
@@ -83,8 +83,8 @@ class ReaderSentryTest : public ::testing::Test {
  protected:
   ReaderSentryTest() : root(handler(), "agent/ftr/table", false), coll(root) {}
 
-  std::unique_ptr<Mem::ReaderSentry> start() {
-    auto s = std::make_unique<Mem::ReaderSentry>(handler(), root, &coll, loop);
+  std::unique_ptr<Parcel::ReaderSentry> start() {
+    auto s = std::make_unique<Parcel::ReaderSentry>(handler(), root, &coll, loop);
     s->event(Mem::Sentry::eventInit, false);
     return s;
   }
@@ -168,17 +168,17 @@ TEST_F(ReaderSentryTest, AFailedAttachIsRetriedByATimerWithGrowingDelays) {
   auto s = start();
   EXPECT_EQ(coll.count("attach"), 1);
   EXPECT_TRUE(s->retryPending());
-  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 2 * Mem::ReaderSentry::kFirstRetry);
+  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 2 * Parcel::ReaderSentry::kFirstRetry);
   // No file changes: only the timer can bring these.
   ASSERT_TRUE(runUntil([&] { return coll.count("attach retry") >= 3; }));
-  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 16 * Mem::ReaderSentry::kFirstRetry);
+  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), 16 * Parcel::ReaderSentry::kFirstRetry);
   // A change of the directory retries at once.
   coll.succeed = true;
   std::ofstream(root.filePath("buckets")).put('x');
   ASSERT_TRUE(runUntil([&] { return coll.attached; }));
   EXPECT_EQ(coll.calls.back(), "attach change");
   EXPECT_FALSE(s->retryPending());
-  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), Mem::ReaderSentry::kFirstRetry);
+  EXPECT_DOUBLE_EQ(s->nextRetryDelay(), Parcel::ReaderSentry::kFirstRetry);
   int const attempts = coll.count("attach");
   loop.runOnce(0.05);
   EXPECT_EQ(coll.count("attach"), attempts);
@@ -191,7 +191,7 @@ TEST_F(ReaderSentryTest, TheMarkerOfAFailedAttachDoesNotWakeTheSentry) {
   writeKestor(3);
   coll.succeed = false;
   coll.onAttach = [&] {
-    std::ofstream(root.filePath(Mem::WriterSentry::kMarkerName), std::ios::trunc) << "damaged";
+    std::ofstream(root.filePath(Parcel::WriterSentry::kMarkerName), std::ios::trunc) << "damaged";
   };
   auto s = start();
   auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
@@ -354,7 +354,7 @@ TEST_F(ReaderSentryTest, AChildsTeardownLeavesTheParentsWatchAndRetryTimer) {
 }
 
 TEST_F(ReaderSentryTest, ACollectionMayDestroyItsSentryFromItsAttach) {
-  std::unique_ptr<Mem::ReaderSentry> s = start();
+  std::unique_ptr<Parcel::ReaderSentry> s = start();
   coll.onAttach = [&] { s.reset(); };
   writeKestor(50);
   ASSERT_TRUE(runUntil([&] { return s == nullptr; }));
@@ -373,12 +373,12 @@ TEST_F(ReaderSentryTest, BadUsesAreRefusedWithTheTableInTheMessage) {
     EXPECT_EQ(e.msg(), "reader sentry of " + root.path() + ": unknown event \"bogus\"");
   }
   Mem::NaoRootPath local(handler(), "agent/local", true);
-  EXPECT_THROW(Mem::ReaderSentry(handler(), local, &coll, loop), Lomi::InvalidInitializeException);
+  EXPECT_THROW(Parcel::ReaderSentry(handler(), local, &coll, loop), Lomi::InvalidInitializeException);
 
   // A file where a directory of the path should be: the table can never
   // appear, and init says so.
   std::ofstream(base.path() + "/agent").put('x');
-  Mem::ReaderSentry blocked(handler(), root, &coll, loop);
+  Parcel::ReaderSentry blocked(handler(), root, &coll, loop);
   try {
     blocked.event(Mem::Sentry::eventInit, false);
     FAIL() << "no exception";
@@ -390,7 +390,7 @@ TEST_F(ReaderSentryTest, BadUsesAreRefusedWithTheTableInTheMessage) {
 
 // --- writer sentry ---------------------------------------------------------
 
-class Writer : public Mem::WriterSentry::Notifiee {
+class Writer : public Parcel::WriterSentry::Notifiee {
  public:
   explicit Writer(Mem::NaoRootPath root) : root_(std::move(root)) {}
   Parcel::KestorId kestorId() const override { return Parcel::KestorId(77); }
@@ -402,7 +402,7 @@ class Writer : public Mem::WriterSentry::Notifiee {
     ++validateFiles_;
     EXPECT_EQ(path, root_.path());
     EXPECT_EQ(mask, 0u);
-    std::remove(root_.filePath(Mem::WriterSentry::kMarkerName).c_str());
+    std::remove(root_.filePath(Parcel::WriterSentry::kMarkerName).c_str());
     return true;
   }
   int validates = 0;
@@ -422,11 +422,11 @@ class WriterSentryTest : public ::testing::Test {
   void mark(std::string const& text) {
     std::string const tmp = root.filePath(".marker.tmp");
     std::ofstream(tmp) << text;
-    ASSERT_EQ(std::rename(tmp.c_str(), root.filePath(Mem::WriterSentry::kMarkerName).c_str()), 0);
+    ASSERT_EQ(std::rename(tmp.c_str(), root.filePath(Parcel::WriterSentry::kMarkerName).c_str()), 0);
   }
   bool markerPresent() const {
     struct stat st;
-    return ::stat(root.filePath(Mem::WriterSentry::kMarkerName).c_str(), &st) == 0;
+    return ::stat(root.filePath(Parcel::WriterSentry::kMarkerName).c_str(), &st) == 0;
   }
 
   TempBase base;
@@ -436,7 +436,7 @@ class WriterSentryTest : public ::testing::Test {
 };
 
 TEST_F(WriterSentryTest, AMarkerRunsOneValidationAndASoundTableLosesTheMarker) {
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   EXPECT_TRUE(s.watchingTable());
   loop.runOnce(0);
@@ -455,7 +455,7 @@ TEST_F(WriterSentryTest, AMarkerRunsOneValidationAndASoundTableLosesTheMarker) {
 
 TEST_F(WriterSentryTest, AFailedValidationIsCountedAndTheMarkerStays) {
   writer.valid = false;
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   mark("bad chain");
   ASSERT_TRUE(loop.runUntil([&] { return s.failedValidations() == 1; }, 10));
@@ -465,7 +465,7 @@ TEST_F(WriterSentryTest, AFailedValidationIsCountedAndTheMarkerStays) {
 
 TEST_F(WriterSentryTest, AMarkerFoundAtInitIsValidatedAndReaderEventsAreIgnored) {
   mark("left before the writer came");
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   s.event(Mem::Sentry::eventTryAttach, false);
   s.event(Mem::Sentry::eventDisconnect, false);
@@ -475,7 +475,7 @@ TEST_F(WriterSentryTest, AMarkerFoundAtInitIsValidatedAndReaderEventsAreIgnored)
 }
 
 TEST_F(WriterSentryTest, ADisabledSentryValidatesNothing) {
-  Mem::WriterSentry s(handler(), &writer, root, loop);
+  Parcel::WriterSentry s(handler(), &writer, root, loop);
   s.event(Mem::Sentry::eventInit, false);
   s.enabled = 0;
   mark("while disabled");

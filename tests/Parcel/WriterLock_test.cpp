@@ -1,8 +1,8 @@
-// Mem::WriterLock: a writer that holds the directory's lifetime lock, in
+// Parcel::WriterLock: a writer that holds the directory's lifetime lock, in
 // another process, refuses a second one; a dead one, a live pid that holds no
 // lock (a reused pid, a record without a start time) or a damaged record do
 // not; force takes over.
-#include "Mem/WriterLock.h"
+#include "Parcel/WriterLock.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -22,9 +22,9 @@
 
 namespace {
 
-using Mem::WriterLock;
 using Parcel::OwnerFile;
 using Parcel::TunnetInfo;
+using Parcel::WriterLock;
 using ParcelTest::Child;
 using ParcelTest::Pipe;
 using ParcelTest::readAll;

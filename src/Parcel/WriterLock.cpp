@@ -1,5 +1,5 @@
 // The writer lock: who owns a table directory, and whether that owner lives.
-#include "Mem/WriterLock.h"
+#include "Parcel/WriterLock.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -19,7 +19,7 @@
 #include "Parcel/ParcelFile.h"
 #include "Rusk/WriterRuskSm.h"
 
-namespace Mem {
+namespace Parcel {
 
 namespace fs = std::filesystem;
 
@@ -40,14 +40,13 @@ std::string lifetimePath(std::string const& directory) {
   return directory + "/" + WriterLock::kLifetimeFile;
 }
 
-bool recordIsAlive(Parcel::OwnerFile::Record const& r, std::string const& directory) {
+bool recordIsAlive(OwnerFile::Record const& r, std::string const& directory) {
   return r.writerPid > 0 && WriterLock::lifetimeHeld(directory);
 }
 
-bool recordIsMine(Parcel::OwnerFile::Record const& r, std::string const& mySocketName) {
+bool recordIsMine(OwnerFile::Record const& r, std::string const& mySocketName) {
   if (r.writerPid != ::getpid()) return false;
-  if (r.writerStartTime != 0 &&
-      r.writerStartTime != Parcel::OwnerFile::processStartTime(::getpid())) {
+  if (r.writerStartTime != 0 && r.writerStartTime != OwnerFile::processStartTime(::getpid())) {
     return false;
   }
   std::string const& socket = r.tunnetInfo.socketName();
@@ -56,10 +55,10 @@ bool recordIsMine(Parcel::OwnerFile::Record const& r, std::string const& mySocke
 
 }  // namespace
 
-bool WriterLock::Lifetime::take(NaoRootPath const& rootPath, std::string& error) {
+bool WriterLock::Lifetime::take(Mem::NaoRootPath const& rootPath, std::string& error) {
   release();
   std::string const path = lifetimePath(rootPath.path());
-  int const fd = openSharedFile(path, O_RDWR | O_CREAT, 0644, error);
+  int const fd = Mem::openSharedFile(path, O_RDWR | O_CREAT, 0644, error);
   if (fd < 0) return false;
   // A probe holds a shared lock for a few microseconds; a writer holds its
   // lock for good. Wait out the first, give up on the second.
@@ -71,7 +70,7 @@ bool WriterLock::Lifetime::take(NaoRootPath const& rootPath, std::string& error)
     if (errno != EAGAIN && errno != EACCES) break;
     ::usleep(1000);
   }
-  error = posixError(fmt::format("lock {}", path), errno);
+  error = Mem::posixError(fmt::format("lock {}", path), errno);
   ::close(fd);
   return false;
 }
@@ -83,7 +82,7 @@ void WriterLock::Lifetime::release() {
 
 bool WriterLock::lifetimeHeld(std::string const& directory) {
   std::string error;
-  int const fd = openSharedFile(lifetimePath(directory), O_RDONLY, 0, error);
+  int const fd = Mem::openSharedFile(lifetimePath(directory), O_RDONLY, 0, error);
   if (fd < 0) return false;
   bool const free = trySetLock(fd, F_RDLCK);
   ::close(fd);
@@ -96,14 +95,14 @@ bool WriterLock::pidLives(pid_t pid) {
 }
 
 void WriterLock::acquireWriterLock(Lomi::Platform::DebugHandler& handler,
-                                   NaoRootPath const& rootPath, Parcel::OwnerFile& ownerFile,
+                                   Mem::NaoRootPath const& rootPath, OwnerFile& ownerFile,
                                    bool force, std::string const& mySocketName,
                                    Lifetime* lifetime) {
   FMTRACE(handler, 5, "WriterLock", "{} force:{} socket:{}", rootPath, force, mySocketName);
   if (rootPath.isLocal()) return;
   FMASSERT(ownerFile.locked(), handler, "WriterLock",
            "acquireWriterLock on {} without holding the owner file lock", rootPath);
-  std::optional<Parcel::OwnerFile::Record> owner;
+  std::optional<OwnerFile::Record> owner;
   try {
     owner = ownerFile.record();
   } catch (Lomi::CorruptionDetectedException const& e) {
@@ -114,7 +113,7 @@ void WriterLock::acquireWriterLock(Lomi::Platform::DebugHandler& handler,
     throw Lomi::InvalidInitializeException(
         "Mirak table {} is owned by a live writer, pid {}; stop that writer, or clean the table "
         "up to take it over (wake-up socket {})",
-        rootPath, owner ? owner->writerPid : 0, owner ? owner->tunnetInfo : Parcel::TunnetInfo());
+        rootPath, owner ? owner->writerPid : 0, owner ? owner->tunnetInfo : TunnetInfo());
   };
   bool const named = owner && owner->writerPid != 0;
   if (named && recordIsMine(*owner, mySocketName)) {
@@ -144,9 +143,9 @@ bool WriterLock::ownerIsMe(Lomi::Platform::DebugHandler& handler, std::string co
   return me;
 }
 
-bool WriterLock::ownerIsAlive(Parcel::OwnerFile const& ownerFile) {
+bool WriterLock::ownerIsAlive(OwnerFile const& ownerFile) {
   try {
-    std::optional<Parcel::OwnerFile::Record> owner = ownerFile.record();
+    std::optional<OwnerFile::Record> owner = ownerFile.record();
     return owner && recordIsAlive(*owner, fs::path(ownerFile.path()).parent_path().string());
   } catch (Lomi::CorruptionDetectedException const&) {
     return false;
@@ -161,7 +160,7 @@ bool WriterLock::ownerIsAlive(Lomi::Platform::DebugHandler& handler, std::string
   if (alive) {
     std::string error;
     std::optional<std::string> comm =
-        Parcel::Impl::readSmallFile(fmt::format("/proc/{}/comm", name->pid), 64, error);
+        Impl::readSmallFile(fmt::format("/proc/{}/comm", name->pid), 64, error);
     if (comm) {
       while (!comm->empty() && comm->back() == '\n') comm->pop_back();
       ownerName = *comm;
@@ -171,4 +170,4 @@ bool WriterLock::ownerIsAlive(Lomi::Platform::DebugHandler& handler, std::string
   return alive;
 }
 
-}  // namespace Mem
+}  // namespace Parcel

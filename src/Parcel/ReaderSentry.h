@@ -1,4 +1,4 @@
-// Mem::ReaderSentry: brings a reader's collection onto its writer's files,
+// Parcel::ReaderSentry: brings a reader's collection onto its writer's files,
 // and off them again, by itself, from the event loop.
 //
 // A reader collection is mounted on a placeholder; its sentry watches the
@@ -56,9 +56,9 @@
 #include "Mem/Sentry.h"
 #include "Parcel/KestorId.h"
 
-namespace Mem {
+namespace Parcel {
 
-class ReaderSentry : public Sentry {
+class ReaderSentry : public Mem::Sentry {
  public:
   // What the sentry calls on its collection.
   class Notifiee {
@@ -69,7 +69,7 @@ class ReaderSentry : public Sentry {
     virtual bool notifying() const = 0;
     virtual bool localMem() const = 0;
     // The generation of the files the collection is attached to.
-    virtual Parcel::KestorId kestorId() const = 0;
+    virtual KestorId kestorId() const = 0;
     virtual std::string modeStr() const = 0;
     virtual void detach(bool force) = 0;
     // `event` names what caused the attempt (an event name, or "kestor",
@@ -84,9 +84,9 @@ class ReaderSentry : public Sentry {
   // Registers with `loop`; watches nothing before event(eventInit). Throws
   // Lomi::InvalidInitializeException for a local table (it has no files) or
   // when no watch can be made.
-  ReaderSentry(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
+  ReaderSentry(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath const& rootPath,
                Notifiee* notifiee);
-  ReaderSentry(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
+  ReaderSentry(Lomi::Platform::DebugHandler& handler, Mem::NaoRootPath const& rootPath,
                Notifiee* notifiee, Lomi::EventLoop& loop);
   ~ReaderSentry() override;
 
@@ -99,13 +99,13 @@ class ReaderSentry : public Sentry {
   uint64_t attachAttempts() const { return attachAttempts_; }
   uint64_t detaches() const { return detaches_; }
   // The generation the collection attached to; 0 while not attached.
-  Parcel::KestorId attachedKestor() const { return attachedKestor_; }
+  KestorId attachedKestor() const { return attachedKestor_; }
   bool retryPending() const { return retryTimer_ != 0; }
   double nextRetryDelay() const { return retryDelay_; }
 
  private:
-  void onChange(Impl::DirectoryWatch::Change const& change);
-  Parcel::KestorId kestorOnDisk() const;
+  void onChange(Mem::Impl::DirectoryWatch::Change const& change);
+  KestorId kestorOnDisk() const;
   // Follows the kestor at the path: detach if it is not the one attached,
   // attach if one is there.
   void recheck(std::string const& why);
@@ -119,11 +119,11 @@ class ReaderSentry : public Sentry {
   void retryDel();
 
   Lomi::Platform::DebugHandler& handler_;
-  NaoRootPath rootPath_;
+  Mem::NaoRootPath rootPath_;
   Notifiee* notifiee_;
   Lomi::EventLoop& loop_;
-  Impl::DirectoryWatch watch_;
-  Parcel::KestorId attachedKestor_;
+  Mem::Impl::DirectoryWatch watch_;
+  KestorId attachedKestor_;
   // After a disconnect only a kestor file written anew (or tryAttach) attaches.
   bool awaitingWriter_ = false;
   uint64_t retryTimer_ = 0;
@@ -133,4 +133,4 @@ class ReaderSentry : public Sentry {
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
-}  // namespace Mem
+}  // namespace Parcel

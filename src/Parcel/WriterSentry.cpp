@@ -1,5 +1,5 @@
 // The writer sentry: validate the table when a reader reports damage.
-#include "Mem/WriterSentry.h"
+#include "Parcel/WriterSentry.h"
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -8,11 +8,11 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 
-namespace Mem {
+namespace Parcel {
 
 namespace {
 
-NaoRootPath const& sharedOnly(NaoRootPath const& rootPath) {
+Mem::NaoRootPath const& sharedOnly(Mem::NaoRootPath const& rootPath) {
   if (rootPath.isLocal()) {
     throw Lomi::InvalidInitializeException(
         "Mirak table {} is local: a writer sentry needs the files of a shared table",
@@ -26,17 +26,17 @@ NaoRootPath const& sharedOnly(NaoRootPath const& rootPath) {
 WriterSentry::Notifiee::~Notifiee() = default;
 
 WriterSentry::WriterSentry(Lomi::Platform::DebugHandler& handler, Notifiee* notifiee,
-                           NaoRootPath const& rootPath)
-    : WriterSentry(handler, notifiee, rootPath, RootPath::eventLoop()) {}
+                           Mem::NaoRootPath const& rootPath)
+    : WriterSentry(handler, notifiee, rootPath, Mem::RootPath::eventLoop()) {}
 
 WriterSentry::WriterSentry(Lomi::Platform::DebugHandler& handler, Notifiee* notifiee,
-                           NaoRootPath const& rootPath, Lomi::EventLoop& loop)
+                           Mem::NaoRootPath const& rootPath, Lomi::EventLoop& loop)
     : handler_(handler),
       notifiee_(notifiee),
       rootPath_(sharedOnly(rootPath)),
       loop_(loop),
       watch_(handler, rootPath_.path(), loop,
-             [this](Impl::DirectoryWatch::Change const& c) { onChange(c); }) {
+             [this](Mem::Impl::DirectoryWatch::Change const& c) { onChange(c); }) {
   FMTRACE(handler_, 2, "WriterSentry", "{}", rootPath_);
 }
 
@@ -60,8 +60,8 @@ bool WriterSentry::markerPresent() const {
   return ::stat(rootPath_.filePath(kMarkerName).c_str(), &st) == 0;
 }
 
-void WriterSentry::onChange(Impl::DirectoryWatch::Change const& change) {
-  using Kind = Impl::DirectoryWatch::Change::Kind;
+void WriterSentry::onChange(Mem::Impl::DirectoryWatch::Change const& change) {
+  using Kind = Mem::Impl::DirectoryWatch::Change::Kind;
   if (change.kind == Kind::appeared || change.kind == Kind::recheck) {
     if (markerPresent()) validateSoon();
     return;
@@ -111,4 +111,4 @@ void WriterSentry::validateNow() {
           notifiee_->kestorId(), why);
 }
 
-}  // namespace Mem
+}  // namespace Parcel

@@ -1,9 +1,9 @@
-// Mem::WriterLock: one writer per table directory.
+// Parcel::WriterLock: one writer per table directory.
 //
 // Whether a writer lives is said by a lock, not by a pid: a writer holds the
 // lifetime lock of its directory (Lifetime, below) from the moment it takes
 // the directory until it detaches or dies, and the kernel drops it then. The
-// owner file (Parcel::OwnerFile) names the writer, its pid, that process's
+// owner file (OwnerFile) names the writer, its pid, that process's
 // start time and its wake-up socket: those describe the owner in messages and
 // let a reader reach it, but a pid alone decides nothing (it may belong to an
 // unrelated process by now, and a record may carry no start time).
@@ -32,10 +32,8 @@ class DebugHandler;
 }
 
 namespace Parcel {
-class OwnerFile;
-}
 
-namespace Mem {
+class OwnerFile;
 
 class WriterLock {
  public:
@@ -57,7 +55,7 @@ class WriterLock {
     // Takes the lock of `rootPath`. False with `error` set when another open
     // file holds it (a live writer) or the file cannot be made; a reader's
     // probe that holds it for an instant is waited out.
-    bool take(NaoRootPath const& rootPath, std::string& error);
+    bool take(Mem::NaoRootPath const& rootPath, std::string& error);
     void release();
     bool held() const { return fd_ >= 0; }
 
@@ -78,8 +76,8 @@ class WriterLock {
   // With `lifetime`, the lifetime lock is taken into it once the directory
   // is this process's (a forced take-over first unlinks the old lock file,
   // which the old writer keeps holding on a file no name reaches).
-  static void acquireWriterLock(Lomi::Platform::DebugHandler& handler, NaoRootPath const& rootPath,
-                                Parcel::OwnerFile& ownerFile, bool force,
+  static void acquireWriterLock(Lomi::Platform::DebugHandler& handler,
+                                Mem::NaoRootPath const& rootPath, OwnerFile& ownerFile, bool force,
                                 std::string const& mySocketName = std::string(),
                                 Lifetime* lifetime = nullptr);
 
@@ -90,7 +88,7 @@ class WriterLock {
   // Whether the owner recorded in `ownerFile` is alive: a record names one
   // and the directory's lifetime lock is held. A missing or damaged record
   // gives false.
-  static bool ownerIsAlive(Parcel::OwnerFile const& ownerFile);
+  static bool ownerIsAlive(OwnerFile const& ownerFile);
 
   // Whether the writer behind `socketName` is alive: the pid carried by the
   // name lives and the socket accepts. `ownerName` gets that process's command
@@ -102,4 +100,4 @@ class WriterLock {
   static bool pidLives(pid_t pid);
 };
 
-}  // namespace Mem
+}  // namespace Parcel
