@@ -33,6 +33,7 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Lomi/Trace.h
     Lomi/Util.h
     Mem/Atomics.h
+    Mem/AttachResult.h
     Mem/CloneControl.h
     Mem/CollectionDescriptor.h
     Mem/Error.h
@@ -54,13 +55,17 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Mirak/MirakShadow.h
     Mirak/MirakShadowBase.h
     Mirak/MirakWriter.h
+    Mirak/MirakWriterAttach.h
+    Mirak/MirakWriterDirect.h
     Mirak/Operations.h
     Mirak/ShadowHashMap.h
     Mirak/ShadowSlot.h
     Mirak/ShadowStore.h
+    Mirak/SlotCompaction.h
     Mirak/SlotCounters.h
     Mirak/SlotLink.h
     Mirak/SlotReader.h
+    Mirak/SlotStore.h
     Mirak/SlotTable.h
     Mirak/SlotWriter.h
     Mirak/Syncer.h
@@ -73,7 +78,9 @@ set(FLOWTABLES_PUBLIC_HEADERS
     MirakCore/BucketTable.h
     MirakCore/BucketWriter.h
     MirakCore/CriticalTaskClock.h
+    MirakCore/IterHint.h
     MirakCore/ReaderHashMap.h
+    MirakCore/SlotLink.h
     MirakCore/WriterHashMap.h
     Nimbet/EthAddr.h
     Nimbet/IntfId.h

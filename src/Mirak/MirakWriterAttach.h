@@ -243,13 +243,13 @@ bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
   // leaves the OR of the results alone.
   int const c = tessel_.attach(kestor.value(), slots_.header()->mostSlots);
   int const all = a | b | c;
-  if (all == MirakCore::attachNew || all == MirakCore::attachKept) return true;
+  if (all == Mem::attachNew || all == Mem::attachKept) return true;
   // Files only count together: say which were adopted, which made anew and
   // which re-formatted, so a refused adoption names its file.
   auto const what = [](int r) {
-    return r == MirakCore::attachNew           ? "new"
-           : r == MirakCore::attachKept        ? "adopted"
-           : r == MirakCore::attachReformatted ? "re-formatted"
+    return r == Mem::attachNew           ? "new"
+           : r == Mem::attachKept        ? "adopted"
+           : r == Mem::attachReformatted ? "re-formatted"
            : r == 0                            ? "none"
                                                : "mixed";
   };

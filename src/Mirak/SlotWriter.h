@@ -40,7 +40,7 @@
 #include "Mirak/SlotLink.h"
 #include "Mirak/SlotTable.h"
 #include "Mirak/TableFullException.h"
-#include "MirakCore/AttachResult.h"
+#include "Mem/AttachResult.h"
 #include "Parcel/KestorId.h"
 
 namespace Mirak {
@@ -112,7 +112,7 @@ class SlotWriterTable {
 
   // Formats or adopts the file; see the header comment of attach() in the .cpp
   // notes below. Returns attachNew, attachKept or attachReformatted.
-  MirakCore::AttachResult attach(Parcel::KestorId kestor);
+  Mem::AttachResult attach(Parcel::KestorId kestor);
   virtual void detach();
 
   virtual uint32_t capacity() const { return capacity_; }
@@ -257,7 +257,7 @@ void SlotWriterTable<Value>::refresh() {
 }
 
 template <typename Value>
-MirakCore::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
+Mem::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   detach();
   uint64_t const existing = wrapper_.memSize();
   uint64_t const size =
@@ -296,7 +296,7 @@ MirakCore::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) 
     refresh();
     FMTRACE(handler_, 2, "SlotWriterTable", "to existing {}", name_);
     FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
-    return MirakCore::attachKept;
+    return Mem::attachKept;
   }
   // A re-format carries the size version on, so that a reader still mapping
   // the old generation sees it move (and never meets a version it knew).
@@ -332,13 +332,13 @@ MirakCore::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) 
   refresh();
   addFreeSlots(0, minSlots_);
   Mem::storeRelease(header_->freeSlots, 0u);
-  MirakCore::AttachResult result;
+  Mem::AttachResult result;
   if (existing != 0) {
     FMTRACE(handler_, 1, "SlotWriterTable", "re-formatted {}", name_);
-    result = MirakCore::attachReformatted;
+    result = Mem::attachReformatted;
   } else {
     if (!wrapper_.local()) FMTRACE(handler_, 2, "SlotWriterTable", "to new file {}", name_);
-    result = MirakCore::attachNew;
+    result = Mem::attachNew;
   }
   FMTRACE(handler_, 3, "SlotWriterTable", "{}", header_->toString());
   return result;

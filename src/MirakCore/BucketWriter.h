@@ -41,7 +41,7 @@
 #include "Mem/Error.h"
 #include "Mem/ParcelWrapper.h"
 #include "Mem/SharedGround.h"
-#include "MirakCore/AttachResult.h"
+#include "Mem/AttachResult.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketTable.h"
 
@@ -75,17 +75,17 @@ class BucketWriter {
   }
   uint32_t initialNumBuckets() const { return initialNumBuckets_; }
 
-  // Maps the file and returns attachNew (1) if there was none (or the table is
-  // local) and it was formatted, attachKept (2) if its identification
-  // matches `kestor` and it validates (it is kept as found), attachReformatted
+  // Maps the file and returns Mem::attachNew (1) if there was none (or the table is
+  // local) and it was formatted, Mem::attachKept (2) if its identification
+  // matches `kestor` and it validates (it is kept as found), Mem::attachReformatted
   // (4) if it was there but had to be formatted again. A `kestor` of 0 adopts
   // a sound file of any generation.
-  AttachResult attach(uint32_t kestor) {
+  Mem::AttachResult attach(uint32_t kestor) {
     detach();
     if (wrapper_.local()) {
       format(kestor, 0, 0);
       FMTRACE(handler_, 1, "BucketWriter", "formatted {} with {} buckets", name(), numBuckets_);
-      return attachNew;
+      return Mem::attachNew;
     }
     struct stat st;
     if (::stat(path().c_str(), &st) != 0) {
@@ -95,7 +95,7 @@ class BucketWriter {
       }
       format(kestor, 0, 0);
       FMTRACE(handler_, 1, "BucketWriter", "formatted new {} with {} buckets", name(), numBuckets_);
-      return attachNew;
+      return Mem::attachNew;
     }
     uint64_t const length = static_cast<uint64_t>(st.st_size);
     uint32_t carriedVersion = 0;
@@ -107,7 +107,7 @@ class BucketWriter {
       if (Header::check(h.id, count, length, kestor, name(), error)) {
         adopt(count.value);
         FMTRACE(handler_, 3, "BucketWriter", "adopted {}: {}", name(), header_->toString());
-        return attachKept;
+        return Mem::attachKept;
       }
       // Readers still attached to the old generation see the pair move.
       carriedVersion = count.version + 1;
@@ -117,7 +117,7 @@ class BucketWriter {
     }
     FMTRACE(handler_, 1, "BucketWriter", "re-formatting: {}", error);
     format(kestor, carriedVersion, length);
-    return attachReformatted;
+    return Mem::attachReformatted;
   }
 
   // Maps the table for `newNumBuckets` (a power of two) and makes that the

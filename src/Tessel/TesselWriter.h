@@ -162,13 +162,15 @@
 #include "Tessel/BasicSlot.h"
 #include "Tessel/Sequence.h"
 #include "Tessel/TesselFormat.h"
+#include "Mem/AttachResult.h"
 #include "Tessel/TesselPos.h"
 
 namespace Tessel {
 
-// Attach results, shared with the slot and bucket files: the writer ORs them
-// and trusts a set of files only if all are new or all are kept.
-enum AttachResult : int { attachNew = 1, attachKept = 2, attachReformatted = 4 };
+using Mem::AttachResult;
+using Mem::attachKept;
+using Mem::attachNew;
+using Mem::attachReformatted;
 
 // Points of the rare paths where a test may pause the writer, look at the
 // files with a reader, or make a growth fail. The hook is a plain pointer,

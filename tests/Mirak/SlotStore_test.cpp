@@ -26,7 +26,7 @@
 #include "Mirak/SlotWriter.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/TestPolicy.h"
-#include "MirakCore/AttachResult.h"
+#include "Mem/AttachResult.h"
 #include "Parcel/KestorId.h"
 
 namespace {
@@ -71,7 +71,7 @@ TEST(SlotStore, ARewriteThroughTheLookasideIsNeverSeenTornByAReaderProcess) {
   config.fixedSize = true;
   config.valueTypeName = "TestRecord";
   Slots table(handler(), "slotstore", path.filePath("slots"), config, seed, writerCounters);
-  ASSERT_EQ(table.attach(Parcel::KestorId(7, 0)), MirakCore::attachNew);
+  ASSERT_EQ(table.attach(Parcel::KestorId(7, 0)), Mem::attachNew);
 
   // Slot 3 holds count 0, published as a new slot is (the value, then the
   // word): a free slot's word is 0, so it becomes 5.

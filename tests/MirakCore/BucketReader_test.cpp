@@ -34,7 +34,7 @@ class BucketReaderTest : public ::testing::Test {
   void format(uint32_t initial = 1) {
     Writer w(handler(), dir.path());
     w.initialNumBucketsIs(initial);
-    ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+    ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   }
   void expectFormatted(Reader const& r) {
     uint32_t const n = r.numBuckets();
@@ -112,7 +112,7 @@ TEST_F(BucketReaderTest, FollowsGrowAndShrinkOfAWriterProcess) {
 
   int status = runInChild([this] {
     Writer w(handler(), dir.path());
-    if (w.attach(kKestor) != MirakCore::attachKept) return 1;
+    if (w.attach(kKestor) != Mem::attachKept) return 1;
     while (w.numBuckets() < 64) growEmpty(w);
     return 0;
   });
@@ -135,7 +135,7 @@ TEST_F(BucketReaderTest, FollowsGrowAndShrinkOfAWriterProcess) {
 
   status = runInChild([this] {
     Writer w(handler(), dir.path());
-    if (w.attach(kKestor) != MirakCore::attachKept) return 1;
+    if (w.attach(kKestor) != Mem::attachKept) return 1;
     while (w.numBuckets() > 4) shrinkEmpty(w);
     return 0;
   });
@@ -192,7 +192,7 @@ TEST_F(BucketReaderTest, ConcurrentGrowAndShrinkNeverShowsABadStableSnapshot) {
     int rc = 0;
     try {
       Writer w(handler(), dir.path());
-      if (w.attach(kKestor) != MirakCore::attachKept) ::_exit(1);
+      if (w.attach(kKestor) != Mem::attachKept) ::_exit(1);
       while (!shared->readerReady.load()) sched_yield();
       while (!shared->stop.load()) {
         while (w.numBuckets() < 256) growEmpty(w);

@@ -58,7 +58,7 @@ TEST_P(BucketFormat, BytesOnDisk) {
   uint32_t const bits = MirakCore::log2OfPowerOfTwo(n);
   Writer w(handler(), dir.path());
   w.initialNumBucketsIs(n);
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   EXPECT_EQ(w.numBuckets(), n);
   EXPECT_EQ(w.bucketFactor(), bits);
 
@@ -107,7 +107,7 @@ class BucketWriterTest : public ::testing::Test {
 TEST_F(BucketWriterTest, AttachKeepsSameKestorAndReformatsOther) {
   {
     Writer w(handler(), dir.path());
-    ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+    ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
     EXPECT_EQ(w.numBuckets(), Writer::kInitialNumBuckets);
     growEmpty(w);
     growEmpty(w);
@@ -115,7 +115,7 @@ TEST_F(BucketWriterTest, AttachKeepsSameKestorAndReformatsOther) {
     storeLink(w[5], 17);  // a chain now starts at slot 17
   }
   Writer w(handler(), dir.path());
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachKept);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachKept);
   EXPECT_EQ(w.numBuckets(), 8u);
   EXPECT_EQ(w.bucketFactor(), 3u);
   EXPECT_EQ(Mem::loadAcquire(w.header()->numBuckets), (Mem::VersionedRef<unsigned int>{3, 8}));
@@ -123,7 +123,7 @@ TEST_F(BucketWriterTest, AttachKeepsSameKestorAndReformatsOther) {
   EXPECT_EQ(w.wrapper().fileSize(), Header::mapSize(8));
   w.detach();
 
-  ASSERT_EQ(w.attach(kOtherKestor), MirakCore::attachReformatted);
+  ASSERT_EQ(w.attach(kOtherKestor), Mem::attachReformatted);
   EXPECT_EQ(w.numBuckets(), Writer::kInitialNumBuckets);
   EXPECT_EQ(w.header()->id.kestor, kOtherKestor);
   EXPECT_EQ(Mem::loadAcquire(w[0]), (Link{0, 0xffffffffu}));
@@ -139,7 +139,7 @@ TEST_F(BucketWriterTest, ValidateNamesFileAndProblem) {
   std::string error;
   EXPECT_FALSE(w.validate(kKestor, error));
   EXPECT_EQ(error, path() + ": bucket table is not attached");
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   EXPECT_TRUE(w.validate(0, error)) << "a wanted kestor of 0 takes any";
   EXPECT_FALSE(w.validate(kOtherKestor, error));
   EXPECT_EQ(error, path() + ": bad kestor:7:3 wanted:7:4");
@@ -170,7 +170,7 @@ TEST_P(BucketDamage, ValidateFileComplainsAndAttachReformats) {
   std::string const path = dir.file("buckets");
   {
     Writer w(handler(), dir.path());
-    ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+    ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
     growEmpty(w);
   }
   int fd = ::open(path.c_str(), O_RDWR);
@@ -185,7 +185,7 @@ TEST_P(BucketDamage, ValidateFileComplainsAndAttachReformats) {
   } catch (Lomi::CorruptionDetectedException const& e) {
     EXPECT_EQ(e.msg(), path + ": " + GetParam().message);
   }
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachReformatted);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachReformatted);
   std::string error;
   EXPECT_TRUE(w.validate(kKestor, error)) << error;
   EXPECT_TRUE(w.validateFile());
@@ -213,7 +213,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(BucketWriterTest, IndexOutOfRange) {
   Writer w(handler(), dir.path());
   w.initialNumBucketsIs(8);
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   EXPECT_NO_THROW(w[7]);
   try {
     w[8];
@@ -244,7 +244,7 @@ class BucketResize : public ::testing::TestWithParam<bool> {
 // header's pair to the hash map.
 TEST_P(BucketResize, GrowKeepsEntriesAndZeroesTheNewHalf) {
   Writer w(handler(), directory());
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   auto const pair = Mem::loadAcquire(w.header()->numBuckets);
   for (uint32_t bits = 1; bits <= 13; ++bits) {
     uint32_t const n = 1u << bits;
@@ -267,7 +267,7 @@ TEST_P(BucketResize, GrowKeepsEntriesAndZeroesTheNewHalf) {
 // zeros in every new entry, also those that shared a page with kept entries.
 TEST_P(BucketResize, ShrinkThenRegrowGivesZeroEntries) {
   Writer w(handler(), directory());
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   uint32_t const big = 8192;
   w.resize(big);
   for (uint32_t i = 0; i < big; ++i) Mem::storeRelease(w[i], Link{4, i + 1});
@@ -290,7 +290,7 @@ TEST_P(BucketResize, ShrinkThenRegrowGivesZeroEntries) {
 // table at every size, and validate (header pair == mapped count) holds.
 TEST_P(BucketResize, EmptyGrowAndShrinkKeepTheWalk) {
   Writer w(handler(), directory());
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   auto expectFormatted = [&w] {
     uint32_t const n = w.numBuckets();
     for (uint32_t i = 0; i < n; ++i)
@@ -316,7 +316,7 @@ INSTANTIATE_TEST_SUITE_P(FileAndLocal, BucketResize, ::testing::Bool(),
 TEST_F(BucketWriterTest, ResizeRejectsBadCountsAndKeepsTheTable) {
   Writer w(handler(), dir.path());
   EXPECT_THROW(w.resize(2), Lomi::RuntimeException) << "resize of a detached table";
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   growEmpty(w);
   for (uint32_t bad : {0u, 3u, 12u, 0x80000001u}) {
     try {
@@ -362,7 +362,7 @@ TEST_F(BucketWriterTest, ErrorsNameThePath) {
 
 TEST_F(BucketWriterTest, CleanupRemovesTheFile) {
   Writer w(handler(), dir.path());
-  ASSERT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   w.cleanup();
   EXPECT_FALSE(w.attached());
   EXPECT_EQ(w.numBuckets(), 0u);
@@ -374,14 +374,14 @@ TEST_F(BucketWriterTest, CleanupRemovesTheFile) {
     EXPECT_NE(e.msg().find(path()), std::string::npos) << e.msg();
   }
   EXPECT_NO_THROW(w.cleanup()) << "cleanup of an absent file";
-  EXPECT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  EXPECT_EQ(w.attach(kKestor), Mem::attachNew);
 }
 
 TEST_F(BucketWriterTest, LocalTableAlwaysFormatsAndTouchesNoFile) {
   Writer w(handler(), "");
-  EXPECT_EQ(w.attach(kKestor), MirakCore::attachNew);
+  EXPECT_EQ(w.attach(kKestor), Mem::attachNew);
   growEmpty(w);
-  EXPECT_EQ(w.attach(kKestor), MirakCore::attachNew) << "a local table has nothing to adopt";
+  EXPECT_EQ(w.attach(kKestor), Mem::attachNew) << "a local table has nothing to adopt";
   EXPECT_EQ(w.numBuckets(), 1u);
   EXPECT_TRUE(w.validateFile());
   EXPECT_EQ(w.name(), "local bucket table");
