@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -99,4 +100,12 @@ BENCHMARK(BM_CompactMillionToThousand)->Iterations(3)->Unit(benchmark::kMillisec
 
 }  // namespace
 
-BENCHMARK_MAIN();
+// The run's table root goes with the run, as in the other benchmarks.
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  std::error_code ec;
+  std::filesystem::remove_all(BenchRows::benchRoot(), ec);
+  return 0;
+}
