@@ -57,7 +57,8 @@ bool ReaderRuskSm::connect(std::string const& socketName, std::string& error) {
     return false;
   }
   try {
-    loop_.fdWatcherIs(fd.get(), EPOLLIN | EPOLLRDHUP, [this](uint32_t) { onReadable(); });
+    loop_.fdWatcherIs(fd.get(), EPOLLIN | EPOLLRDHUP,
+                      [this](uint32_t events) { onReadable(events); });
   } catch (Lomi::Exception const& e) {
     error = fmt::format("cannot watch the connection to {}: {}", socketName, e.msg());
     return false;
@@ -144,7 +145,11 @@ bool ReaderRuskSm::runWakeHandler() {
   return !alive.expired();
 }
 
-void ReaderRuskSm::onReadable() {
+void ReaderRuskSm::onReadable(uint32_t events) {
+  // A wake-up is one 16-byte Wake: stop at the short read that brings it
+  // rather than read again for EAGAIN. Once the writer has closed, read on
+  // to the end so that this turn reports it.
+  bool const untilEmpty = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
   bool woke = false;
   std::string why;
   Wire::ReadEnd const end = Wire::readMessages(
@@ -169,7 +174,7 @@ void ReaderRuskSm::onReadable() {
         why = fmt::format("unexpected {} from the writer", Wire::typeName(m.type));
         return false;
       },
-      why);
+      why, untilEmpty);
 
   uint64_t const generation = generation_;
   if (woke) {

@@ -108,7 +108,8 @@ class ReaderRuskSm {
   uint64_t wakesReceived() const { return wakesReceived_; }
 
  private:
-  void onReadable();
+  // `events`: the epoll bits that were ready.
+  void onReadable(uint32_t events);
   // Closes and unwatches; the handlers are the caller's business.
   void closeSocket();
   // Runs the wake handler; false if it destroyed this object.

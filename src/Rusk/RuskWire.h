@@ -96,9 +96,17 @@ enum class ReadEnd {
 
 // Reads what `fd` has (at most kReadBudget bytes, so one call is bounded)
 // and feeds it to `buffer`. An end inside a message is garbage.
+//
+// `untilEmpty` false: a read that returns less than it asked for ends the
+// call, since the socket held no more at that instant; the read that would
+// only have said EAGAIN is saved. What arrives after it keeps a
+// level-triggered watcher ready, so the next loop pass reads it. A caller
+// that knows the peer has closed (EPOLLRDHUP, EPOLLHUP) passes true, so that
+// the end is read in the same call.
 inline constexpr size_t kReadBudget = 64 * 1024;
 template <typename OnMessage>
-ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::string& why);
+ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::string& why,
+                     bool untilEmpty = true);
 
 // How a non-blocking send of one message ended.
 enum class SendEnd {
@@ -154,7 +162,8 @@ bool MessageBuffer::feed(unsigned char const* p, size_t n, OnMessage&& onMessage
 ReadEnd readChunk(int fd, unsigned char* chunk, size_t size, size_t& got, std::string& why);
 
 template <typename OnMessage>
-ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::string& why) {
+ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::string& why,
+                     bool untilEmpty) {
   unsigned char chunk[4096];
   size_t total = 0;
   while (total < kReadBudget) {
@@ -168,6 +177,7 @@ ReadEnd readMessages(int fd, MessageBuffer& buffer, OnMessage&& onMessage, std::
     }
     if (got == 0) return end;
     if (!buffer.feed(chunk, got, onMessage, why)) return ReadEnd::garbage;
+    if (!untilEmpty && got < sizeof chunk) return ReadEnd::drained;
     total += got;
   }
   return ReadEnd::drained;

@@ -202,6 +202,47 @@ TEST(RuskProtocol, GarbageFromTheWriterDisconnectsTheReader) {
   ::close(listener);
 }
 
+// A Wake is read in the pass that polls it, without a second read for EAGAIN;
+// a Wake that comes after that read is read on the next pass (the watcher is
+// level-triggered), and a Wake followed by the writer's close is handled and
+// the end reported in one pass.
+TEST(RuskProtocol, EachPassReadsWhatCameAndTheEndInTheSamePass) {
+  std::string const name = fmt::format("@rusk-short-{}", ::getpid());
+  int const listener = rawListen(name);
+  ASSERT_GE(listener, 0);
+  Lomi::EventLoop loop;
+  ReaderRuskSm reader(handler(), loop);
+  int wakes = 0, disconnects = 0;
+  reader.wakeHandlerIs([&] { ++wakes; });
+  reader.disconnectHandlerIs([&] { ++disconnects; });
+  std::string error;
+  ASSERT_TRUE(reader.connect(name, error)) << error;
+  int const c = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  ASSERT_GE(c, 0);
+  struct Step {
+    std::string bytes;
+    bool thenClose;
+    int wakes, disconnects;
+  } const steps[] = {
+      {message(MessageType::wake, 1), false, 1, 0},
+      {message(MessageType::wake, 2) + message(MessageType::wake, 3), false, 2, 0},
+      {message(MessageType::wake, 4), true, 3, 1},
+  };
+  for (Step const& step : steps) {
+    SCOPED_TRACE(step.wakes);
+    ASSERT_TRUE(rawSend(c, step.bytes));
+    if (step.thenClose) ::close(c);
+    // The bytes (and the end) are in the socket before the pass polls it.
+    ASSERT_EQ(loop.runOnce(kDeadline), 1u);
+    EXPECT_EQ(wakes, step.wakes);
+    EXPECT_EQ(disconnects, step.disconnects);
+  }
+  EXPECT_EQ(reader.wakesReceived(), 4u);
+  EXPECT_EQ(reader.writerSequence(), 4u);
+  EXPECT_FALSE(reader.connected());
+  ::close(listener);
+}
+
 // Writer (this process) and two reader processes: each reader sleeps after
 // the last sequence of a burst, the writer waits until both sleep and writes
 // the next burst. Exactly one Wake per reader per burst, counted on both
