@@ -18,7 +18,13 @@ MirakShadowBase::MirakShadowBase(Lomi::Platform::DebugHandler& handler, Mem::Nao
       shadowFlags_(shadowFlags),
       loop_(loop),
       token_(std::make_shared<MirakShadowBase*>(this)) {
-  rusk_.wakeHandlerIs([this] { scheduleWalk(); });
+  // The wake handler runs inside the loop's dispatch of the socket, where a
+  // walk may run as well as in a task of its own: walking here saves the
+  // deferred task's eventfd write and read and a second epoll_wait. The walk
+  // is bounded by the yield time as anywhere; a longer backlog goes on in a
+  // deferred walk. ReaderRuskSm touches nothing of itself after a handler
+  // that disconnected or destroyed it.
+  rusk_.wakeHandlerIs([this] { walkOnWake(); });
   rusk_.disconnectHandlerIs([this] {
     FMTRACE(handler_, 1, "MirakShadowBase", "{}: wake-up connection lost", dir());
     handleDisconnect();
@@ -181,6 +187,13 @@ void MirakShadowBase::scheduleWalk(double delay) {
   } else {
     loop().deferredTaskIs(std::move(task));
   }
+}
+
+void MirakShadowBase::walkOnWake() {
+  if (!tesselEnabled_) return;
+  // A walk already queued would find nothing left: it runs, sees the queue
+  // caught up and sends nothing (the Sleeping it would send is outstanding).
+  walk();
 }
 
 void MirakShadowBase::walk() {

@@ -15,7 +15,8 @@
 //      maybeEnableTessel(), which starts the walks.
 //   3. A walk hands the live entries to doSlot, in sequence order, within the
 //      yield time; a longer backlog continues on a later turn. Caught up, the
-//      reader tells the writer "sleeping after S" and waits for one wake-up.
+//      reader tells the writer "sleeping after S" and waits for one wake-up,
+//      whose handler walks at once, in the loop pass that read it.
 //      Without a connection it looks again every kPollSeconds.
 //   4. A walk that meets an overrun (changes the queue no longer holds for
 //      this reader) resyncs: step 1's sweep again, step 2 after it. A queue
@@ -161,6 +162,8 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   Lomi::EventLoop& loop() const;
   void scheduleWalk(double delay = 0);
   void walk();
+  // The wake handler: walks at once, in the loop pass that read the Wake.
+  void walkOnWake();
   std::string socketName() const;
   void armRejoin();
 

@@ -315,5 +315,86 @@ TEST(ShadowBase, AKilledWriterIsADisconnectAndAReformatAFullSweep) {
   second->killAndReap();
 }
 
+// The walk runs in the loop pass that reads the wake-up, not in a task of a
+// later pass; within the yield time it takes in the whole burst there, and a
+// burst longer than the yield time goes on in deferred walks. Either way every
+// entry reaches the copy, in order. The writer, in a child, writes the whole
+// burst before this process runs its loop, so the queue holds all of it when
+// the Wake is read.
+TEST(ShadowBase, AWakeUpWalksInThePassThatReadsItAndMissesNothing) {
+  struct Case {
+    double yieldTime;
+    uint32_t burst;
+    bool wholeInThatPass;
+  } const cases[] = {{1.0, 100, true}, {0.0, 100, false}};
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.yieldTime);
+    TempRoot root;
+    Pipe commands, replies;
+    Child writer([&] {
+      auto w = makeWriter();
+      for (uint32_t id = 0; id < 100; id++) w->write(row(id, 0), true);
+      replies.send("ready");
+      uint64_t count = 1;
+      // The loop serves the wake-up socket (the reader's Sleeping) while it
+      // waits; watching the command pipe ends its pass when a command comes.
+      loop().fdWatcherIs(commands.readFd(), EPOLLIN, [](uint32_t) {});
+      for (;;) {
+        if (!loop().runUntil([&] { return commands.readable(); }, 30)) return 3;
+        std::optional<std::string> const line = commands.receive();
+        if (!line || *line == "stop") return 0;
+        // Each row once: every entry of the burst stays live (a slot's
+        // older entry would be skipped by the walk).
+        for (uint32_t id = 0; id < c.burst; id++) w->write(row(id, ++count), true);
+        replies.send(std::to_string(w->tesselWriter().sequence()));
+      }
+    });
+    ASSERT_EQ(replies.receive().value_or("none"), "ready");
+    RecordingShadow shadow;
+    shadow.yieldTimeIs(c.yieldTime);
+    ASSERT_TRUE(shadow.start());
+    // Synced, caught up, its Sleeping sent, and nothing left queued.
+    ASSERT_TRUE(loop().runUntil(
+        [&] {
+          return shadow.synced() && shadow.syncFromTessel() && shadow.tesselReader().quiesced() &&
+                 shadow.ruskSm().sequencesSent() == 1 && loop().deferredTasks() == 0;
+        },
+        20));
+    for (int round = 0; round < 3; round++) {
+      SCOPED_TRACE(round);
+      uint64_t const walks = shadow.walks(), wakes = shadow.ruskSm().wakesReceived();
+      Tessel::Sequence const from = shadow.tesselReader().lastConsumed();
+      commands.send("burst");
+      std::optional<std::string> const done = replies.receive();
+      ASSERT_TRUE(done);
+      Tessel::Sequence const last = std::stoull(*done);
+      ASSERT_EQ(last, from + c.burst);
+      // Stops after the pass that read the Wake.
+      ASSERT_TRUE(loop().runUntil([&] { return shadow.ruskSm().wakesReceived() > wakes; }, 20));
+      EXPECT_EQ(shadow.ruskSm().wakesReceived(), wakes + 1);
+      EXPECT_EQ(shadow.walks(), walks + 1) << "the walk ran in that pass";
+      if (c.wholeInThatPass) {
+        EXPECT_EQ(shadow.tesselReader().lastConsumed(), last);
+        EXPECT_EQ(loop().deferredTasks(), 0u);
+      } else {
+        // The clock is read every 64 entries: a budget of 0 ends the walk there.
+        EXPECT_EQ(shadow.tesselReader().lastConsumed(), from + 63);
+        EXPECT_EQ(loop().deferredTasks(), 1u) << "the rest goes on in a deferred walk";
+      }
+      ASSERT_TRUE(loop().runUntil(
+          [&] { return shadow.tesselReader().lastConsumed() == last && shadow.tesselReader().quiesced() &&
+                       loop().deferredTasks() == 0; },
+          20));
+      EXPECT_EQ(shadow.differences(), "");
+      EXPECT_EQ(shadow.outOfOrder, 0);
+      EXPECT_EQ(shadow.resyncs(), 1u) << "only the first sweep";
+    }
+    commands.send("stop");
+    std::optional<int> st = writer.wait();
+    ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
+    shadow.stop();
+  }
+}
+
 }  // namespace
 }  // namespace MirakTest
