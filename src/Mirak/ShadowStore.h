@@ -52,6 +52,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "Lomi/Exception.h"
@@ -398,11 +399,13 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool co
   cacheAnchor_.reset();
 
   // Fetch. A dead value slot takes the read in place; a live one is compared
-  // with a copy on the stack first.
-  Value scratch;
+  // with a copy on the stack first. The copy is built only then: a value's
+  // default construction is a tenth of a sweep's work per slot, and in a
+  // sweep nearly every slot is dead.
+  std::optional<Value> scratch;
   Value* target;
   if constexpr (Slot::keepsValue) {
-    target = wasDead ? &slot.value : &scratch;
+    target = wasDead ? &slot.value : &scratch.emplace();
   } else {
     target = &valueBuffer_;
     valueBufferSize_ = sizeof(Value);
