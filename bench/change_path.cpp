@@ -2,7 +2,9 @@
 // writer's write to the doSlot of a reader process that sleeps, beside the
 // floor of waking a sleeping process at all (a Unix socket pair, an eventfd);
 // how many changes per second one reader takes in from a writer at full
-// speed; and what the writer's wake-up check costs per notify. A plain
+// speed; what the writer's wake-up check costs per notify; the same latency
+// at a steady rate; and several shadows of a 10^6-row table: their sweep,
+// how fast they follow, what they cost the writer. A plain
 // program: percentiles over samples that cross two processes do not fit a
 // micro benchmark framework.
 //
@@ -34,6 +36,25 @@
 // The three kinds run interleaved in rounds, so that a change of load on the
 // machine reaches all three alike; ratios are taken within one run.
 //
+// Steady rate: the same three kinds again, but the writer changes at a fixed
+// rate (10,000/s) without waiting for the reader, as a switch's agent does.
+// The change path's row carries the writer's CLOCK_MONOTONIC at the write;
+// the reader times each change in doSlot against it. The socket datagram
+// carries its own t0; an eventfd only a count, so the t0 of its adds lies in
+// the shared mapping. `--cdf FILE` writes the three latency distributions
+// for bench/change_path_cdf.gp.
+//
+// Fan-out: four more processes, forked at the start, follow a second table
+// of 10^6 rows (--fan-rows) with the library's own stores
+// (ShadowStore<ValueShadowSlot>, KeyShadowStore) and a client callback per
+// change. Resync: a fresh shadow of each kind sweeps the whole table, timed
+// from its start until it is synced, beside one plain read of every cache
+// line of the slot file by the same process. Throughput: the writer
+// overwrites every row once at full speed with 0, 1, 2 and 4 shadows
+// following (then 0 again); each shadow's time from the first write until it
+// has taken in the last, its CPU time, and afterwards a check of every row of
+// its copy against the version written.
+//
 // Build: cmake --preset bench && cmake --build build/bench --target change_path -j1
 // Run:   build/bench/change_path                (100,000 samples of each kind)
 //        build/bench/change_path --quick        (a smoke run: 2,000 samples)
@@ -47,6 +68,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -77,7 +99,9 @@
 #include "Lomi/Trace.h"
 #include "Mem/Atomics.h"
 #include "Mem/RootPath.h"
+#include "Mem/Notify.h"
 #include "Mirak/MirakShadowBase.h"
+#include "Mirak/ShadowStore.h"
 #include "Rusk/ReaderRuskSm.h"
 #include "Rusk/WriterRuskSm.h"
 
@@ -87,8 +111,13 @@ using BenchRows::rowOf;
 using BenchRows::Value;
 using Writer = FlowTracking::HoIpFlowConfigWriter;
 using Reader = FlowTracking::HoIpFlowConfigReader;
+using Ops = FlowTracking::HoIpFlowConfigOps;
 
 constexpr char kTable[] = "bench/changepath";
+// The table of the fan-out phase: many rows, several shadows.
+constexpr char kFanTable[] = "bench/fanout";
+// Follower processes forked for the fan-out phase.
+constexpr uint32_t kFollowers = 4;
 // The rows the latency samples overwrite, in turn.
 constexpr uint32_t kLatencyRows = 1024;
 
@@ -116,6 +145,16 @@ struct Options {
   uint32_t costRepeats = 5;
   uint32_t notifyCalls = 20000000;
   double timeout = 10;
+  // Steady-rate latency: changes per second, and the samples of each kind.
+  uint32_t rate = 10000;
+  uint32_t steadySamples = 100000;
+  // Fan-out: rows of the table every shadow copies, and the distinct
+  // changes (one overwrite of each row) of a throughput run.
+  uint32_t fanRows = 1000000;
+  // Resyncs of each mode.
+  uint32_t resyncRepeats = 3;
+  // Where the steady-rate latencies go for the CDF plot; empty: nowhere.
+  std::string cdfFile;
 };
 
 // What goes through the shared mapping. Every field is stored by one side
@@ -136,14 +175,52 @@ struct Shared {
   uint64_t duplicates;
   uint64_t caughtUpNs;
   char error[512];
-  // Then seen[kKinds][samples]: t1 of each sample, 0 until it came.
+  // Then seen[kKinds][samples]: t1 of each sample, 0 until it came;
+  // steady[kKinds][steadySamples]: each steady-rate sample's latency in ns,
+  // 0 until it came; eventfdT0[steadySamples]: t0 of the steady eventfd
+  // samples (an eventfd carries only a count).
+};
+
+// A follower's figures, one record each after the Shared block's arrays.
+struct FollowerFigures {
+  uint64_t resyncNs;
+  uint64_t sweepReadNs;
+  uint64_t tableBytes;
+  // The first write of every cache line of a fresh private block as large
+  // as the copy: the page faults any new copy pays.
+  uint64_t firstTouchNs;
+  uint64_t copyBytes;
+  uint64_t caughtUpNs;
+  // CPU time (user + system) the follower spent from the start of a run
+  // until it had caught up.
+  uint64_t cpuNs;
+  uint64_t callbacks;
+  uint64_t entries;
+  uint64_t members;
+  uint64_t wrong;
+  uint64_t walks;
+  uint64_t sleepsSent;
+  uint64_t wakesRead;
+  uint64_t resyncs;
+  char error[256];
 };
 
 struct Command {
-  enum Op : uint32_t { attach, detach, latency, throughput, stop } op;
+  enum Op : uint32_t { attach, detach, latency, throughput, stop, steady } op;
   Kind kind;
   uint32_t first;
   uint32_t last;
+};
+
+// Commands of a follower: attach a value shadow (mode 0) or a keyshadow
+// (mode 1) and time its sweep; follow to `target`; check the copy against
+// `version` (apart, so that no follower's check slows another's following);
+// detach; stop.
+struct FollowerCommand {
+  enum Op : uint32_t { attach, follow, check, detach, stop } op;
+  uint32_t mode;
+  uint64_t target;
+  uint32_t version;
 };
 
 // Replies, one byte each: 'r' ready (about to block in its loop), 'a' an
@@ -201,6 +278,15 @@ class ProbeShadow : public Mirak::MirakShadowBase {
       return true;
     }
     entries++;
+    // Steady-rate rows carry the writer's CLOCK_MONOTONIC at the write in
+    // their createTime (exact in a double below 2^53 ns, 104 days).
+    if (steady_ && found) {
+      uint64_t const index = static_cast<uint64_t>(v.updateTime()) - 1;
+      if (index >= first_ && index < last_ && steadyLatency_[index] == 0) {
+        steadyLatency_[index] = t1 - static_cast<uint64_t>(v.createTime());
+        stamped++;
+      }
+    }
     // Latency rows carry the sample's index + 1 as their updateTime.
     if (stamping_ && found) {
       auto const version = static_cast<uint64_t>(v.updateTime());
@@ -240,6 +326,15 @@ class ProbeShadow : public Mirak::MirakShadowBase {
     stamped = 0;
   }
 
+  // Steady-rate samples [first, last) are timed into `latency` from now on.
+  void steadyIs(bool on, uint64_t* latency = nullptr, uint32_t first = 0, uint32_t last = 0) {
+    steady_ = on;
+    steadyLatency_ = latency;
+    first_ = first;
+    last_ = last;
+    stamped = 0;
+  }
+
   uint64_t entries = 0, sweepVisits = 0, duplicates = 0, stamped = 0;
   bool disconnected = false;
   std::string corruption;
@@ -249,6 +344,8 @@ class ProbeShadow : public Mirak::MirakShadowBase {
   uint64_t* seen_;
   std::vector<Value> copy_;
   bool stamping_ = false;
+  bool steady_ = false;
+  uint64_t* steadyLatency_ = nullptr;
   uint32_t first_ = 0, last_ = 0;
 };
 
@@ -262,7 +359,13 @@ struct ReaderEnds {
 class ReaderProcess {
  public:
   ReaderProcess(Options const& o, Shared& shared, uint64_t* seen, ReaderEnds ends)
-      : o_(o), shared_(shared), seen_(seen), ends_(ends), shadow_(seen) {}
+      : o_(o),
+        shared_(shared),
+        seen_(seen),
+        steady_(seen + size_t(kKinds) * o.samples),
+        eventfdT0_(steady_ + size_t(kKinds) * o.steadySamples),
+        ends_(ends),
+        shadow_(seen) {}
 
   int run() {
     epSocket_ = epollOn(ends_.socket);
@@ -289,6 +392,9 @@ class ReaderProcess {
           break;
         case Command::throughput:
           if (!runThroughput()) return 1;
+          break;
+        case Command::steady:
+          if (c.kind == kOurs ? !runSteadyOurs(c) : !runSteadyFloor(c)) return 1;
           break;
         case Command::stop:
           shadow_.stop();
@@ -397,6 +503,65 @@ class ReaderProcess {
     return true;
   }
 
+  // Steady-rate samples [first, last) of the change path: the writer does
+  // not wait for this reader, which sleeps between changes at 10,000/s.
+  bool runSteadyOurs(Command const& c) {
+    uint64_t* const latency = steady_ + size_t(kOurs) * o_.steadySamples;
+    shadow_.steadyIs(true, latency, c.first, c.last);
+    if (!reply('r')) return false;
+    uint32_t const n = c.last - c.first;
+    bool const all = loop().runUntil([&] { return shadow_.stamped >= n || problem(); },
+                                     o_.timeout + double(n) / o_.rate);
+    uint64_t const got = shadow_.stamped;
+    shadow_.steadyIs(false);
+    if (!all || problem()) {
+      fail(fmt::format("steady samples {}..{}: {} of {} reached doSlot ({})", c.first, c.last, got,
+                       n, problem() ? problemText() : "the others collapsed or never came"));
+      return false;
+    }
+    return true;
+  }
+
+  // Steady-rate samples [first, last) of a floor: block in epoll_wait, read,
+  // time. The socket's datagram carries its t0; an eventfd read may carry
+  // several adds, and the t0 of each is in the shared mapping.
+  bool runSteadyFloor(Command const& c) {
+    int const ep = c.kind == kSocket ? epSocket_ : epEventfd_;
+    int const fd = c.kind == kSocket ? ends_.socket : ends_.eventfd;
+    uint64_t* const latency = steady_ + size_t(c.kind) * o_.steadySamples;
+    if (!reply('r')) return false;
+    for (uint32_t i = c.first; i < c.last;) {
+      epoll_event ev;
+      int rc;
+      do {
+        rc = ::epoll_wait(ep, &ev, 1, int(o_.timeout * 1000));
+      } while (rc < 0 && errno == EINTR);
+      if (rc != 1) {
+        fail(fmt::format("steady {} sample {} never came", kKindNames[c.kind], i));
+        return false;
+      }
+      uint64_t message[2] = {0, 0};
+      ssize_t const n = ::read(fd, message, c.kind == kSocket ? sizeof message : 8);
+      uint64_t const t1 = nowNs();
+      if (c.kind == kSocket) {
+        if (n != ssize_t(sizeof message) || message[0] != i) {
+          fail(fmt::format("steady socket sample {}: read {} bytes naming {}", i, n, message[0]));
+          return false;
+        }
+        latency[i++] = t1 - message[1];
+        continue;
+      }
+      if (n != 8 || message[0] == 0 || i + message[0] > c.last) {
+        fail(fmt::format("steady eventfd sample {}: read {} bytes, count {}", i, n, message[0]));
+        return false;
+      }
+      for (uint64_t k = 0; k < message[0]; k++, i++) {
+        latency[i] = t1 - Mem::loadAcquire(eventfdT0_[i]);
+      }
+    }
+    return true;
+  }
+
   // The writer writes shared_.targetSequence - (its sequence now) changes as
   // fast as it can; the reader follows until it has taken in the last.
   bool runThroughput() {
@@ -429,10 +594,256 @@ class ReaderProcess {
   Options const& o_;
   Shared& shared_;
   uint64_t* seen_;
+  uint64_t* steady_;
+  uint64_t* eventfdT0_;
   ReaderEnds ends_;
   ProbeShadow shadow_;
   int epSocket_ = -1;
   int epEventfd_ = -1;
+};
+
+// ---------------------------------------------------------------------------
+// The follower processes of the fan-out phase: each copies kFanTable into
+// the library's own store (a value shadow or a keyshadow) and hears every
+// change through the client callback, as an agent's shadow does.
+
+class FollowerShadow : public Mirak::MirakShadowBase {
+ public:
+  using Key = Ops::Key;
+  using ValueStore = Mirak::ShadowStore<Mirak::ValueShadowSlot<Ops>>;
+  using KeyStore = Mirak::KeyShadowStore<Ops>;
+
+  explicit FollowerShadow(bool keyOnly)
+      : MirakShadowBase(handler(), Mem::NaoRootPath(handler(), kFanTable, false),
+                        keyOnly ? Mirak::shadowFlagKeyOnly : 0),
+        reader_(handler(), kFanTable, Ops(0)),
+        keyOnly_(keyOnly) {
+    notify_.changeFn = [this](Value const&) { callbacks++; };
+    notify_.keyFn = [this](Key const&) { callbacks++; };
+    notify_.keyDelFn = [this](Key const&) { callbacks++; };
+  }
+
+  bool start() {
+    if (!reader_.initialize("bench")) return false;
+    if (keyOnly_) {
+      store_ = std::make_unique<KeyStore>(handler(), reader_, tesselReader(), notify_, false);
+    } else {
+      store_ = std::make_unique<ValueStore>(handler(), reader_, tesselReader(), notify_, false);
+    }
+    if (!store_->initialize()) return false;
+    return initializeTessel(reader_.kestorId().value());
+  }
+  void stop() {
+    detachTessel();
+    store_.reset();
+    reader_.detach(false);
+  }
+  bool following() const {
+    return synced() && syncFromTessel() && tesselReader().quiesced() && ruskSm().connected();
+  }
+
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
+    if (seq != Tessel::noSequence) entries++;
+    return store_->doSlot(slot, seq, compare);
+  }
+  void doFlushSlot(unsigned slot) override { store_->doFlushSlot(slot); }
+  void syncComplete() override {
+    syncedIs(true);
+    maybeEnableTessel();
+  }
+  void flushComplete() override {}
+  void handleDisconnect() override { disconnected = true; }
+  void handleQuiesced(bool) override {}
+  void corruptionDetected(std::string const& m) override { corruption = m; }
+  uint32_t sweepSlots() const override {
+    reader_.resize();
+    return std::max(reader_.capacity(), store_->numSlots());
+  }
+  // Private bytes of the copy: its slot array and buckets.
+  uint64_t copyBytes() const { return store_->shadowMappedSize(); }
+  Tessel::Sequence caughtUpTo() const {
+    return std::max<Tessel::Sequence>(reader_.counters().sequence, sequence());
+  }
+
+  // Rows 0..rows-1 in the copy, each at `version`, and nothing else: the
+  // number of rows that are not so (missing, another version, extra).
+  uint64_t wrongRows(uint32_t rows, uint32_t version) const {
+    uint64_t wrong = 0;
+    for (uint32_t i = 0; i < rows; i++) {
+      bool found = false;
+      Value buffer;
+      Value const* v = store_->lookup(BenchRows::keyOf(i), found, &buffer);
+      if (!found || static_cast<uint32_t>(v->updateTime()) != version) wrong++;
+    }
+    uint64_t members = 0;
+    Value v;
+    Mirak::IterHint hint{};
+    for (bool ok = store_->first(0, v, hint); ok; ok = store_->next(v.key(), v, hint)) members++;
+    membersSeen = members;
+    return wrong + (members > rows ? members - rows : rows - members);
+  }
+
+  uint64_t callbacks = 0, entries = 0;
+  mutable uint64_t membersSeen = 0;
+  bool disconnected = false;
+  std::string corruption;
+
+ private:
+  Reader reader_;
+  bool keyOnly_;
+  Mem::Notify<Key, Value> notify_;
+  std::unique_ptr<Mirak::ShadowStoreBase<Key, Value>> store_;
+};
+
+struct FollowerEnds {
+  int commands;
+  int replies;
+};
+
+class FollowerProcess {
+ public:
+  FollowerProcess(Options const& o, FollowerFigures& figures, FollowerEnds ends)
+      : o_(o), f_(figures), ends_(ends) {}
+
+  int run() {
+    for (;;) {
+      FollowerCommand c;
+      if (!receive(c)) return fail("no command from the writer for 120 s");
+      switch (c.op) {
+        case FollowerCommand::attach:
+          if (!attach(c.mode == 1)) return 1;
+          break;
+        case FollowerCommand::follow:
+          if (!follow(c)) return 1;
+          break;
+        case FollowerCommand::check:
+          if (!shadow_) return fail("check without attach");
+          f_.wrong = shadow_->wrongRows(o_.fanRows, c.version);
+          f_.members = shadow_->membersSeen;
+          break;
+        case FollowerCommand::detach:
+          if (shadow_) shadow_->stop();
+          shadow_.reset();
+          break;
+        case FollowerCommand::stop:
+          if (shadow_) shadow_->stop();
+          return reply('d') ? 0 : 1;
+      }
+      if (!reply('d')) return 1;
+    }
+  }
+
+ private:
+  static Lomi::EventLoop& loop() { return Lomi::EventLoop::defaultLoop(); }
+
+  bool receive(FollowerCommand& c) {
+    pollfd p{ends_.commands, POLLIN, 0};
+    int rc;
+    do {
+      rc = ::poll(&p, 1, 120000);
+    } while (rc < 0 && errno == EINTR);
+    if (rc <= 0) return false;
+    ssize_t n;
+    do {
+      n = ::read(ends_.commands, &c, sizeof c);
+    } while (n < 0 && errno == EINTR);
+    return n == sizeof c;
+  }
+  bool reply(char c) { return writeAll(ends_.replies, &c, 1); }
+  int fail(std::string const& why) {
+    std::snprintf(f_.error, sizeof f_.error, "%s", why.c_str());
+    reply('f');
+    return 1;
+  }
+  bool problem() const { return shadow_->disconnected || !shadow_->corruption.empty(); }
+
+  // A fresh shadow sweeps the table: the time from start() until the sweep
+  // is complete. Beside it, the floor of any sweep: one read of every byte of
+  // the table's slot file, from a mapping of this process's own.
+  bool attach(bool keyOnly) {
+    shadow_ = std::make_unique<FollowerShadow>(keyOnly);
+    uint64_t const start = nowNs();
+    if (!shadow_->start()) return fail("cannot attach the fan-out table or its queue") == 0;
+    bool const synced = loop().runUntil([&] { return shadow_->synced() || problem(); }, 60);
+    f_.resyncNs = nowNs() - start;
+    if (!synced || problem()) return fail("the sweep did not complete within 60 s") == 0;
+    if (!loop().runUntil([&] { return shadow_->following() || problem(); }, o_.timeout)) {
+      return fail("not following the queue after the sweep") == 0;
+    }
+    f_.resyncs = shadow_->resyncs();
+    return readSlotFile() && touchFreshMemory(shadow_->copyBytes());
+  }
+
+  bool touchFreshMemory(uint64_t bytes) {
+    void* map = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) return fail("cannot map fresh memory") == 0;
+    auto* p = static_cast<volatile char*>(map);
+    uint64_t const start = nowNs();
+    for (uint64_t i = 0; i < bytes; i += 64) p[i] = 1;
+    f_.firstTouchNs = nowNs() - start;
+    f_.copyBytes = bytes;
+    ::munmap(map, bytes);
+    return true;
+  }
+
+  bool readSlotFile() {
+    std::string const path = shadow_->dir() + "/slots";
+    int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    if (fd < 0 || ::fstat(fd, &st) != 0) return fail("cannot open " + path) == 0;
+    void* map = ::mmap(nullptr, size_t(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (map == MAP_FAILED) return fail("cannot map " + path) == 0;
+    auto const* words = static_cast<uint64_t const*>(map);
+    size_t const n = size_t(st.st_size) / sizeof(uint64_t);
+    uint64_t const start = nowNs();
+    uint64_t sum = 0;
+    // One word of every cache line: the lines come in whole, and the adds
+    // are not what is timed.
+    for (size_t i = 0; i < n; i += 8) sum += words[i];
+    f_.sweepReadNs = nowNs() - start;
+    f_.tableBytes = uint64_t(st.st_size);
+    ::munmap(map, size_t(st.st_size));
+    // Keeps the loop: a sum nobody reads could be dropped.
+    if (sum == 0x5eed5eed5eed5eedull) f_.tableBytes++;
+    return true;
+  }
+
+  bool follow(FollowerCommand const& c) {
+    if (!shadow_) return fail("follow without attach") == 0;
+    uint64_t const callbacks = shadow_->callbacks, entries = shadow_->entries;
+    uint64_t const walks = shadow_->walks(), sleeps = shadow_->ruskSm().sequencesSent();
+    uint64_t const wakes = shadow_->ruskSm().wakesReceived();
+    uint64_t const cpu = cpuNs();
+    if (!reply('r')) return false;
+    bool const caughtUp = loop().runUntil(
+        [&] { return (shadow_->following() && shadow_->caughtUpTo() >= c.target) || problem(); },
+        120);
+    f_.caughtUpNs = nowNs();
+    f_.cpuNs = cpuNs() - cpu;
+    if (!caughtUp || problem()) {
+      return fail(fmt::format("not caught up with {} (at {}): {}", c.target, shadow_->caughtUpTo(),
+                              problem() ? "disconnected or corrupt" : "120 s passed")) == 0;
+    }
+    f_.callbacks = shadow_->callbacks - callbacks;
+    f_.entries = shadow_->entries - entries;
+    f_.walks = shadow_->walks() - walks;
+    f_.sleepsSent = shadow_->ruskSm().sequencesSent() - sleeps;
+    f_.wakesRead = shadow_->ruskSm().wakesReceived() - wakes;
+    f_.resyncs = shadow_->resyncs();
+    return true;
+  }
+
+  static uint64_t cpuNs() {
+    timespec ts;
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec);
+  }
+
+  Options const& o_;
+  FollowerFigures& f_;
+  FollowerEnds ends_;
+  std::unique_ptr<FollowerShadow> shadow_;
 };
 
 // ---------------------------------------------------------------------------
@@ -474,17 +885,41 @@ std::string firstLine(char const* path, std::string const& prefix = "") {
   return "?";
 }
 
+// The writer's end of a follower's pipes.
+struct FollowerLink {
+  int commands;
+  int replies;
+  FollowerFigures* figures;
+  std::string pending;
+  bool end = false;
+};
+
 class WriterProcess {
  public:
   WriterProcess(Options const& o, Shared& shared, uint64_t* seen, pid_t reader, int commands,
-                int replies, int socket, int eventfd)
+                int replies, int socket, int eventfd, std::vector<FollowerLink>& followers)
       : o_(o),
         shared_(shared),
         seen_(seen),
         commands_(commands),
         replies_(replies),
         socket_(socket),
-        eventfd_(eventfd) {
+        eventfd_(eventfd),
+        steady_(seen + size_t(kKinds) * o.samples),
+        eventfdT0_(steady_ + size_t(kKinds) * o.steadySamples),
+        followers_(followers) {
+    for (FollowerLink& f : followers_) {
+      loop().fdWatcherIs(f.replies, EPOLLIN, [&f](uint32_t) {
+        char buf[64];
+        ssize_t n = ::read(f.replies, buf, sizeof buf);
+        if (n > 0) {
+          f.pending.append(buf, size_t(n));
+        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+          f.end = true;
+          loop().fdWatcherDel(f.replies);
+        }
+      });
+    }
     stat_ = ::open(fmt::format("/proc/{}/stat", reader).c_str(), O_RDONLY | O_CLOEXEC);
     if (stat_ < 0) throw Failure("cannot open /proc/<reader>/stat");
     loop().fdWatcherIs(replies_, EPOLLIN, [this](uint32_t) {
@@ -500,6 +935,9 @@ class WriterProcess {
   }
   ~WriterProcess() {
     if (!replyEnd_) loop().fdWatcherDel(replies_);
+    for (FollowerLink& f : followers_) {
+      if (!f.end) loop().fdWatcherDel(f.replies);
+    }
     ::close(stat_);
   }
 
@@ -512,12 +950,15 @@ class WriterProcess {
     expect('d', "the reader attached");
 
     latency();
+    steady();
     throughput();
     notifyCost();
 
     command({Command::stop, kOurs, 0, 0});
     expect('d', "the reader stopped");
     writer_.reset();
+
+    fanout();
   }
 
   // The figures, once run() has returned.
@@ -538,6 +979,33 @@ class WriterProcess {
     uint64_t entries = 0, sweeps = 0, sweepVisits = 0, walks = 0, sleeps = 0, wakesRead = 0;
     uint64_t wakesSent = 0;
   } tp;
+
+  // Steady-rate latencies in ns, of each kind.
+  std::vector<uint64_t> steadyOf(Kind k) const {
+    return std::vector<uint64_t>(steady_ + size_t(k) * o_.steadySamples,
+                                 steady_ + size_t(k + 1) * o_.steadySamples);
+  }
+  // The steady run's achieved rate of the change path, changes/s.
+  double steadyRate = 0;
+
+  struct FanRun {
+    uint32_t shadows = 0;
+    double writerSeconds = 0;
+    // Per follower: seconds from the first write until it had taken in the
+    // last; its figures.
+    std::vector<double> followSeconds;
+    std::vector<FollowerFigures> figures;
+    uint64_t wakesSent = 0;
+  };
+  struct Fanout {
+    uint32_t rows = 0;
+    double fillSeconds = 0;
+    // Sweeps of a fresh shadow: value shadow, keyshadow (median of runs),
+    // and the same follower's plain read of the slot file.
+    std::vector<double> resyncValueMs, resyncKeyMs, slotReadMs, touchValueMs, touchKeyMs;
+    uint64_t tableBytes = 0, copyValueBytes = 0, copyKeyBytes = 0;
+    std::vector<FanRun> runs;
+  } fan;
 
   struct NotifyCost {
     // ns per write of each run, in run order.
@@ -688,6 +1156,147 @@ class WriterProcess {
     tp.wakesSent = after.ruskCount - before.ruskCount;
   }
 
+  // Steady-rate latency: the kinds take turns in rounds as in latency(); in
+  // each, the writer changes at o_.rate per second without waiting for the
+  // reader. The change path's writer runs its loop (reads the reader's
+  // Sleeping) and then sleeps until the next change is due.
+  void steady() {
+    ::prctl(PR_SET_TIMERSLACK, 1UL);
+    uint64_t const period = 1000000000ull / o_.rate;
+    uint64_t oursNs = 0, oursChanges = 0;
+    for (uint32_t r = 0; r < o_.rounds; r++) {
+      uint32_t const first = uint32_t(uint64_t(o_.steadySamples) * r / o_.rounds);
+      uint32_t const last = uint32_t(uint64_t(o_.steadySamples) * (r + 1) / o_.rounds);
+      for (uint32_t k = 0; k < kKinds; k++) {
+        command({Command::steady, Kind(k), first, last});
+        expect('r', fmt::format("the reader's start of steady {}", kKindNames[k]));
+        uint64_t const start = nowNs() + period;
+        for (uint32_t i = first; i < last; i++) {
+          uint64_t const due = start + uint64_t(i - first) * period;
+          if (k == kOurs) loop().runOnce(0);
+          timespec ts{time_t(due / 1000000000ull), long(due % 1000000000ull)};
+          while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
+          }
+          uint64_t const t0 = nowNs();
+          ssize_t n = 1;
+          if (k == kOurs) {
+            Value row = rowOf(i % kLatencyRows, i + 1);
+            row.createTimeIs(Zeb::Seconds(double(t0)));
+            writer_->write(row, true);
+          } else if (k == kSocket) {
+            uint64_t const message[2] = {i, t0};
+            n = ::send(socket_, message, sizeof message, 0);
+          } else {
+            Mem::storeRelease(eventfdT0_[i], t0);
+            uint64_t const one = 1;
+            n = ::write(eventfd_, &one, sizeof one);
+          }
+          if (n <= 0) throw Failure(fmt::format("steady {}: {}", kKindNames[k], std::strerror(errno)));
+        }
+        if (k == kOurs) {
+          oursNs += nowNs() - start;
+          oursChanges += last - first;
+        }
+        expect('d', fmt::format("the end of steady {} samples {}..{}", kKindNames[k], first, last));
+      }
+    }
+    steadyRate = double(oursChanges) / (double(oursNs) / 1e9);
+  }
+
+  // ---- fan-out ----
+
+  void tell(FollowerLink& f, FollowerCommand const& c) {
+    if (!writeAll(f.commands, &c, sizeof c)) throw Failure("a follower's command pipe is closed");
+  }
+  void expectFrom(FollowerLink& f, char want, std::string const& what) {
+    bool const got = loop().runUntil([&] { return !f.pending.empty() || f.end; }, 120);
+    if (!f.pending.empty()) {
+      char const c = f.pending.front();
+      f.pending.erase(0, 1);
+      if (c == want) return;
+      if (c == 'f') throw Failure(fmt::format("follower, {}: {}", what, f.figures->error));
+      throw Failure(fmt::format("follower replied '{}' instead of '{}': {}", c, want, what));
+    }
+    throw Failure(got ? "a follower ended: " + what : "no reply from a follower: " + what);
+  }
+
+  void fanout() {
+    fan.rows = o_.fanRows;
+    Mirak::MapDescriptor d(o_.fanRows + 1024);
+    fanWriter_ = std::make_unique<Writer>(handler(), kFanTable, d, Ops(0));
+    fanWriter_->initialize("bench");
+    uint32_t version = 1;
+    uint64_t const fillStart = nowNs();
+    for (uint32_t i = 0; i < o_.fanRows; i++) fanWriter_->write(rowOf(i, version), true);
+    fan.fillSeconds = double(nowNs() - fillStart) / 1e9;
+
+    // Resync: a fresh shadow of each mode sweeps the whole table, three times.
+    FollowerLink& one = followers_[0];
+    for (uint32_t rep = 0; rep < o_.resyncRepeats; rep++) {
+      for (uint32_t mode = 0; mode < 2; mode++) {
+        tell(one, {FollowerCommand::attach, mode, 0, 0});
+        expectFrom(one, 'd', "attach for the resync");
+        (mode == 0 ? fan.resyncValueMs : fan.resyncKeyMs)
+            .push_back(double(one.figures->resyncNs) / 1e6);
+        fan.slotReadMs.push_back(double(one.figures->sweepReadNs) / 1e6);
+        fan.tableBytes = one.figures->tableBytes;
+        (mode == 0 ? fan.touchValueMs : fan.touchKeyMs)
+            .push_back(double(one.figures->firstTouchNs) / 1e6);
+        (mode == 0 ? fan.copyValueBytes : fan.copyKeyBytes) = one.figures->copyBytes;
+        tell(one, {FollowerCommand::detach, 0, 0, 0});
+        expectFrom(one, 'd', "detach after the resync");
+      }
+    }
+
+    // Throughput: one overwrite of every row, as fast as the writer goes,
+    // with 0, 1, 2, 4 value shadows following, then 0 again.
+    for (uint32_t shadows : {0u, 1u, 2u, 4u, 0u}) {
+      FanRun run;
+      run.shadows = shadows;
+      for (uint32_t f = 0; f < shadows; f++) {
+        tell(followers_[f], {FollowerCommand::attach, 0, 0, 0});
+        expectFrom(followers_[f], 'd', "attach for a throughput run");
+      }
+      // Every follower asleep: its Sleeping read.
+      if (!loop().runUntil([&] { return fanWriter_->writerCounters().sleepingReaders == shadows; },
+                           o_.timeout)) {
+        throw Failure("the followers never all slept before a throughput run");
+      }
+      version++;
+      uint64_t const target = fanWriter_->sequence() + o_.fanRows;
+      for (uint32_t f = 0; f < shadows; f++) {
+        tell(followers_[f], {FollowerCommand::follow, 0, target, version});
+        expectFrom(followers_[f], 'r', "start of a throughput run");
+      }
+      uint64_t const wakes = fanWriter_->writerCounters().ruskCount;
+      uint64_t const start = nowNs();
+      for (uint32_t i = 0; i < o_.fanRows; i++) fanWriter_->write(rowOf(i, version), true);
+      run.writerSeconds = double(nowNs() - start) / 1e9;
+      if (fanWriter_->sequence() != target) throw Failure("the fan-out writes skipped sequences");
+      for (uint32_t f = 0; f < shadows; f++) {
+        expectFrom(followers_[f], 'd', "the end of a throughput run");
+        run.followSeconds.push_back(double(followers_[f].figures->caughtUpNs - start) / 1e9);
+        run.figures.push_back(*followers_[f].figures);
+      }
+      run.wakesSent = fanWriter_->writerCounters().ruskCount - wakes;
+      for (uint32_t f = 0; f < shadows; f++) {
+        tell(followers_[f], {FollowerCommand::check, 0, 0, version});
+        expectFrom(followers_[f], 'd', "the check of a copy");
+        run.figures[f].wrong = followers_[f].figures->wrong;
+        run.figures[f].members = followers_[f].figures->members;
+        tell(followers_[f], {FollowerCommand::detach, 0, 0, 0});
+        expectFrom(followers_[f], 'd', "detach after a throughput run");
+      }
+      fan.runs.push_back(std::move(run));
+    }
+    for (FollowerLink& f : followers_) {
+      tell(f, {FollowerCommand::stop, 0, 0, 0});
+      expectFrom(f, 'd', "stop");
+    }
+    fanWriter_->cleanup();
+    fanWriter_.reset();
+  }
+
   // Overwrites of every key, several passes: ns per write.
   double timeOverwrites(uint32_t& version) {
     uint32_t const passes = std::max(1u, 1000000u / o_.keys);
@@ -777,18 +1386,28 @@ class WriterProcess {
   std::string pending_;
   bool replyEnd_ = false;
   std::unique_ptr<Writer> writer_;
+  std::unique_ptr<Writer> fanWriter_;
   std::vector<uint64_t> t0_;
+  uint64_t* steady_;
+  uint64_t* eventfdT0_;
+  std::vector<FollowerLink>& followers_;
 };
 
 void usage() {
   std::fprintf(stderr,
                "usage: change_path [--quick] [--samples N] [--rounds N] [--writes N] [--keys N]\n"
+               "                   [--steady-samples N] [--rate N] [--fan-rows N] [--cdf FILE]\n"
                "                   [--timeout SECONDS]\n"
-               "  --quick    a smoke run: 2,000 samples, 100,000 writes over 10,000 keys\n"
+               "  --quick    a smoke run: 2,000 samples, 100,000 writes over 10,000 keys,\n"
+               "             2,000 steady samples, 100,000 fan-out rows\n"
                "  --samples  latency samples of each kind (default 100,000)\n"
                "  --rounds   the kinds take turns this often (default 10)\n"
                "  --writes   writes of the throughput run (default 2,000,000)\n"
                "  --keys     rows they go to (default 100,000)\n"
+               "  --steady-samples  steady-rate latency samples of each kind (default 100,000)\n"
+               "  --rate     changes per second of the steady-rate run (default 10,000)\n"
+               "  --fan-rows rows of the fan-out table (default 1,000,000)\n"
+               "  --cdf FILE write the steady-rate latency CDF for gnuplot\n"
                "  --timeout  seconds any one step may take before the run fails (default 10)\n");
 }
 
@@ -811,6 +1430,9 @@ std::optional<Options> parse(int argc, char** argv) {
       o.keys = 10000;
       o.costRepeats = 1;
       o.notifyCalls = 1000000;
+      o.steadySamples = 2000;
+      o.fanRows = 20000;
+      o.resyncRepeats = 1;
     } else if (a == "--samples") {
       if (!number(o.samples)) return std::nullopt;
     } else if (a == "--rounds") {
@@ -819,6 +1441,15 @@ std::optional<Options> parse(int argc, char** argv) {
       if (!number(o.writes)) return std::nullopt;
     } else if (a == "--keys") {
       if (!number(o.keys)) return std::nullopt;
+    } else if (a == "--steady-samples") {
+      if (!number(o.steadySamples)) return std::nullopt;
+    } else if (a == "--rate") {
+      if (!number(o.rate)) return std::nullopt;
+    } else if (a == "--fan-rows") {
+      if (!number(o.fanRows)) return std::nullopt;
+    } else if (a == "--cdf") {
+      if (i + 1 >= argc) return std::nullopt;
+      o.cdfFile = argv[++i];
     } else if (a == "--timeout") {
       uint32_t t;
       if (!number(t)) return std::nullopt;
@@ -828,6 +1459,7 @@ std::optional<Options> parse(int argc, char** argv) {
     }
   }
   if (o.rounds > o.samples) o.rounds = o.samples;
+  if (o.rounds > o.steadySamples) o.rounds = o.steadySamples;
   return o;
 }
 
@@ -855,6 +1487,23 @@ void printResults(Options const& o, WriterProcess const& w, std::string const& w
   for (uint32_t k = kSocket; k < kKinds; k++) {
     fmt::print("| {} | {:.2f} | {:.2f} | {:.2f} |\n", kKindNames[k], p[kOurs].p50 / p[k].p50,
                p[kOurs].p99 / p[k].p99, p[kOurs].p999 / p[k].p999);
+  }
+
+  Percentiles sp[kKinds];
+  for (uint32_t k = 0; k < kKinds; k++) sp[k] = percentiles(w.steadyOf(Kind(k)));
+  fmt::print(
+      "\n| steady rate, {:.0f} changes/s, writer -> sleeping reader | samples | p50 µs | p99 µs | "
+      "p99.9 µs | max µs |\n|---|---|---|---|---|---|\n",
+      w.steadyRate);
+  for (uint32_t k = 0; k < kKinds; k++) {
+    fmt::print("| {} | {} | {:.1f} | {:.1f} | {:.1f} | {:.1f} |\n",
+               k == kOurs ? "write -> callback (doSlot)" : kKindNames[k], sp[k].n, sp[k].p50,
+               sp[k].p99, sp[k].p999, sp[k].max);
+  }
+  fmt::print("\n| steady ratio of write -> callback to | p50 | p99 | p99.9 |\n|---|---|---|---|\n");
+  for (uint32_t k = kSocket; k < kKinds; k++) {
+    fmt::print("| {} | {:.2f} | {:.2f} | {:.2f} |\n", kKindNames[k], sp[kOurs].p50 / sp[k].p50,
+               sp[kOurs].p99 / sp[k].p99, sp[kOurs].p999 / sp[k].p999);
   }
 
   auto const& t = w.tp;
@@ -894,6 +1543,102 @@ void printResults(Options const& o, WriterProcess const& w, std::string const& w
   fmt::print("| WriterRuskSm::notify alone, one connected reader awake | {:.1f} |\n",
              c.notifyAwakeNs);
   fmt::print("| of which its clock: Lomi::Rdtsc::now() alone | {:.1f} |\n", c.rdtscNs);
+
+  auto const& f = w.fan;
+  double const mib = double(f.tableBytes) / (1024.0 * 1024.0);
+  fmt::print("\n| fan-out table: {} rows, filled at | {:.0f} rows/s |\n|---|---|\n", f.rows,
+             double(f.rows) / f.fillSeconds);
+  fmt::print("| resync of a fresh value shadow, ms (median of {}) | {:.1f} |\n",
+             f.resyncValueMs.size(), median(f.resyncValueMs));
+  fmt::print("| resync of a fresh keyshadow, ms (median of {}) | {:.1f} |\n", f.resyncKeyMs.size(),
+             median(f.resyncKeyMs));
+  fmt::print("| one read of every cache line of the slot file ({:.0f} MiB, fresh mapping), ms | {:.1f} |\n", mib,
+             median(f.slotReadMs));
+  fmt::print("| first write of fresh private memory as large as a value shadow's copy ({:.0f} MiB), ms | {:.1f} |\n",
+             double(f.copyValueBytes) / 1048576.0, median(f.touchValueMs));
+  fmt::print("| the same for a keyshadow's copy ({:.0f} MiB), ms | {:.1f} |\n",
+             double(f.copyKeyBytes) / 1048576.0, median(f.touchKeyMs));
+  double rate0 = 0;
+  int zeros = 0;
+  for (auto const& r : f.runs) {
+    if (r.shadows == 0) {
+      rate0 += double(f.rows) / r.writerSeconds;
+      zeros++;
+    }
+  }
+  rate0 /= std::max(zeros, 1);
+  fmt::print(
+      "\n| shadows | writer, changes/s | writer vs none | slowest shadow followed, changes/s | "
+      "per CPU-second of the busiest shadow | copies equal | callbacks per change | walks; "
+      "Sleepings; wakes sent / read | reader system calls per change |\n"
+      "|---|---|---|---|---|---|---|---|---|\n");
+  for (auto const& r : f.runs) {
+    double const rate = double(f.rows) / r.writerSeconds;
+    double slowest = 0;
+    uint64_t wrong = 0, callbacks = 0, walks = 0, sleeps = 0, wakesRead = 0, resyncs = 0;
+    double cpu = 0;
+    for (size_t i = 0; i < r.followSeconds.size(); i++) {
+      slowest = std::max(slowest, r.followSeconds[i]);
+      cpu = std::max(cpu, double(r.figures[i].cpuNs) / 1e9);
+      wrong += r.figures[i].wrong;
+      callbacks += r.figures[i].callbacks;
+      walks += r.figures[i].walks;
+      sleeps += r.figures[i].sleepsSent;
+      wakesRead += r.figures[i].wakesRead;
+      resyncs += r.figures[i].resyncs;
+    }
+    std::string const followed =
+        r.shadows ? fmt::format("{:.0f}", double(f.rows) / slowest) : std::string("-");
+    std::string const perCpu =
+        r.shadows ? fmt::format("{:.0f}", double(f.rows) / cpu) : std::string("-");
+    std::string const equal =
+        r.shadows ? (wrong == 0 ? fmt::format("yes; overrun sweeps {}", resyncs - r.shadows)
+                                : fmt::format("NO: {} rows wrong", wrong))
+                  : std::string("-");
+    std::string const perChange =
+        r.shadows ? fmt::format("{:.3f}", double(callbacks) / (double(f.rows) * r.shadows))
+                  : std::string("-");
+    std::string const wakes = r.shadows ? fmt::format("{}; {}; {} / {}", walks, sleeps,
+                                                      r.wakesSent, wakesRead)
+                                        : std::string("-");
+    // A shadow's wake-up costs it epoll_wait, one recv of the Wake and one
+    // send of its Sleeping; a walk it runs without sleeping costs nothing.
+    std::string const calls =
+        r.shadows ? fmt::format("{:.6f}", double(sleeps + 2 * wakesRead) /
+                                              (double(f.rows) * r.shadows))
+                  : std::string("-");
+    fmt::print("| {} | {:.0f} | {:.2f} | {} | {} | {} | {} | {} | {} |\n", r.shadows, rate,
+               rate / rate0, followed, perCpu, equal, perChange, wakes, calls);
+  }
+}
+
+// The steady-rate latencies of the three kinds as a CDF: one line per
+// quantile, a column of microseconds per kind; the tail is sampled finer.
+void writeCdf(Options const& o, WriterProcess const& w) {
+  std::vector<uint64_t> sorted[kKinds];
+  for (uint32_t k = 0; k < kKinds; k++) {
+    sorted[k] = w.steadyOf(Kind(k));
+    std::sort(sorted[k].begin(), sorted[k].end());
+  }
+  std::FILE* out = std::fopen(o.cdfFile.c_str(), "w");
+  if (!out) throw Failure("cannot write " + o.cdfFile);
+  fmt::print(out, "# fraction  write->callback_us  socket_pair_us  eventfd_us ({} samples each)\n",
+             o.steadySamples);
+  std::vector<double> qs;
+  for (int i = 1; i <= 900; i++) qs.push_back(i / 1000.0);
+  for (int i = 1; i <= 99; i++) qs.push_back(0.9 + i / 1000.0);
+  for (int i = 1; i <= 99; i++) qs.push_back(0.99 + i / 10000.0);
+  for (int i = 1; i <= 10; i++) qs.push_back(0.999 + i / 10000.0);
+  for (double q : qs) {
+    fmt::print(out, "{:.4f}", q);
+    for (uint32_t k = 0; k < kKinds; k++) {
+      size_t const n = sorted[k].size();
+      size_t const rank = std::min(n, std::max<size_t>(1, size_t(std::ceil(q * double(n)))));
+      fmt::print(out, " {:.2f}", double(sorted[k][rank - 1]) / 1000.0);
+    }
+    fmt::print(out, "\n");
+  }
+  std::fclose(out);
 }
 
 std::string timeNow() {
@@ -922,7 +1667,9 @@ int main(int argc, char** argv) {
   std::string const root = tmpl;
   Mem::RootPath::baseIs(root);
 
-  size_t const sharedSize = sizeof(Shared) + sizeof(uint64_t) * kKinds * o.samples;
+  size_t const arrays = sizeof(uint64_t) * (size_t(kKinds) * o.samples +
+                                            size_t(kKinds) * o.steadySamples + o.steadySamples);
+  size_t const sharedSize = sizeof(Shared) + arrays + sizeof(FollowerFigures) * kFollowers;
   void* mem =
       ::mmap(nullptr, sharedSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   int commands[2], replies[2], pair[2];
@@ -936,7 +1683,40 @@ int main(int argc, char** argv) {
   auto& shared = *static_cast<Shared*>(mem);
   auto* seen = reinterpret_cast<uint64_t*>(static_cast<char*>(mem) + sizeof(Shared));
 
+  auto* figures =
+      reinterpret_cast<FollowerFigures*>(static_cast<char*>(mem) + sizeof(Shared) + arrays);
+
   pid_t const parent = ::getpid();
+  // The followers first, before the table exists, as the reader.
+  std::vector<FollowerLink> followers;
+  std::vector<pid_t> followerPids;
+  for (uint32_t f = 0; f < kFollowers; f++) {
+    int fc[2], fr[2];
+    if (::pipe2(fc, O_CLOEXEC) != 0 || ::pipe2(fr, O_CLOEXEC) != 0) {
+      std::perror("change_path: follower pipes");
+      return 1;
+    }
+    pid_t const pid = ::fork();
+    if (pid == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (::getppid() != parent) ::_exit(1);
+      ::close(fc[1]);
+      ::close(fr[0]);
+      int rc;
+      try {
+        FollowerProcess process(o, figures[f], FollowerEnds{fc[0], fr[1]});
+        rc = process.run();
+      } catch (std::exception const& e) {
+        std::fprintf(stderr, "change_path follower: %s\n", e.what());
+        rc = 1;
+      }
+      ::_exit(rc);
+    }
+    ::close(fc[0]);
+    ::close(fr[1]);
+    followers.push_back(FollowerLink{fc[1], fr[0], &figures[f], {}, false});
+    followerPids.push_back(pid);
+  }
   pid_t const reader = ::fork();
   if (reader == 0) {
     // The reader dies with the writer, so that a failed run leaves nothing behind.
@@ -961,17 +1741,29 @@ int main(int argc, char** argv) {
 
   int rc = 0;
   try {
-    WriterProcess w(o, shared, seen, reader, commands[1], replies[0], pair[0], efd);
+    WriterProcess w(o, shared, seen, reader, commands[1], replies[0], pair[0], efd, followers);
     w.run();
+    for (pid_t pid : followerPids) {
+      int status = 0;
+      if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        throw Failure(fmt::format("a follower process ended with status {:#x}", status));
+      }
+    }
+    followerPids.clear();
     int status = 0;
     if (::waitpid(reader, &status, 0) != reader || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
       throw Failure(fmt::format("the reader process ended with status {:#x}", status));
     }
     printResults(o, w, "started " + started);
+    if (!o.cdfFile.empty()) writeCdf(o, w);
   } catch (std::exception const& e) {
     std::fprintf(stderr, "change_path: FAILED: %s\n", e.what());
     ::kill(reader, SIGKILL);
     ::waitpid(reader, nullptr, 0);
+    for (pid_t pid : followerPids) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
     rc = 1;
   }
   std::error_code ec;
