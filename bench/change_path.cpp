@@ -1284,6 +1284,10 @@ class WriterProcess {
         expectFrom(followers_[f], 'd', "the check of a copy");
         run.figures[f].wrong = followers_[f].figures->wrong;
         run.figures[f].members = followers_[f].figures->members;
+        if (run.figures[f].wrong != 0) {
+          throw Failure(fmt::format("the copy of shadow {} of {} differs from the table in {} rows",
+                                    f + 1, shadows, run.figures[f].wrong));
+        }
         tell(followers_[f], {FollowerCommand::detach, 0, 0, 0});
         expectFrom(followers_[f], 'd', "detach after a throughput run");
       }
