@@ -38,6 +38,9 @@ inline constexpr double kPacedRate = 100000.0;
 
 inline constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
 
+// Keys per call of the systems that look up many keys at once.
+inline constexpr uint32_t kBulk = 32;
+
 // One system's figures at one size; NaN where a figure does not apply.
 struct Figures {
   double insert = kNone;     // ns per insert into a growing table
@@ -51,6 +54,8 @@ struct Figures {
   double missBusy = kNone;
   double hitPaced = kNone;  // ... while a writer overwrites 100,000 rows/s
   double missPaced = kNone;
+  double hitBulk = kNone;   // ... per key, looked up kBulk keys at a time, no writer
+  double missBulk = kNone;
   double hitTxn = kNone;  // LMDB only: one read transaction per lookup
   double missTxn = kNone;
   double hitTxnBusy = kNone;
@@ -129,6 +134,9 @@ struct ReaderResult {
   double hit = kNone;
   double miss = kNone;
   double wrong = 0;
+  // Per key, of lookups kBulk keys at a time (systems that have them).
+  double hitBulk = kNone;
+  double missBulk = kNone;
   // Private bytes per entry of a reader that keeps a copy (the shadows).
   double bytes = kNone;
 };
@@ -181,6 +189,31 @@ ReaderResult measureLookups(Workload const& w, double minSeconds, Lookup&& looku
   r.miss = timePasses(w.n, minSeconds, [&](uint32_t i) { wrong += lookup(w.missKeys[i], out); });
   r.wrong = static_cast<double>(wrong);
   return r;
+}
+
+// The bulk lookups of one reader pass, checked, into `r`: `lookupBulk(keys,
+// count, out, found)` looks up keys[0..count), count <= kBulk, copying each
+// found value into out[i] and setting found[i]. Passes go over the keys in
+// groups of kBulk in the order of measureLookups; the figure is per key.
+template <typename LookupBulk>
+void measureBulkLookups(Workload const& w, double minSeconds, ReaderResult& r,
+                        LookupBulk&& lookupBulk) {
+  Value out[kBulk];
+  bool found[kBulk];
+  uint32_t const groups = w.n / kBulk;
+  uint64_t wrong = 0;
+  auto pass = [&](std::vector<Key> const& keys, bool hits) {
+    return timePasses(groups, minSeconds, [&](uint32_t g) {
+      Key const* k = keys.data() + g * kBulk;
+      lookupBulk(k, kBulk, out, found);
+      for (uint32_t i = 0; i < kBulk; i++) {
+        wrong += hits ? (!found[i] || !(out[i].key() == k[i])) : found[i];
+      }
+    }) / kBulk;
+  };
+  r.hitBulk = pass(w.hitKeys, true);
+  r.missBulk = pass(w.missKeys, false);
+  r.wrong += static_cast<double>(wrong);
 }
 
 // --- memory ------------------------------------------------------------------

@@ -27,11 +27,16 @@ Lomi::Platform::DebugHandler& handler() {
 ReaderResult readerLookups(std::string const& name, Workload const& w, double minSeconds) {
   Reader reader(handler(), name, FlowTracking::HoIpFlowConfigOps(0));
   if (!reader.initialize("peers")) fail(kSystem, "the reader could not attach to " + name);
-  return measureLookups(w, minSeconds, [&reader](Key const& k, Value& out) {
+  ReaderResult r = measureLookups(w, minSeconds, [&reader](Key const& k, Value& out) {
     bool found;
     reader.lookup(k, found, &out);
     return found;
   });
+  measureBulkLookups(w, minSeconds, r,
+                     [&reader](Key const* keys, uint32_t count, Value* out, bool* found) {
+                       reader.lookupBulk(keys, count, out, found);
+                     });
+  return r;
 }
 
 }  // namespace
@@ -84,6 +89,10 @@ Figures runOurs(Config const& c, Workload const& w, int rep) {
     if (r.wrong) fail(kSystem, fmt::format("{} wrong lookups with {}", r.wrong, loadName(load)));
     (load == Load::idle ? f.hit : load == Load::busy ? f.hitBusy : f.hitPaced) = r.hit;
     (load == Load::idle ? f.miss : load == Load::busy ? f.missBusy : f.missPaced) = r.miss;
+    if (load == Load::idle) {
+      f.hitBulk = r.hitBulk;
+      f.missBulk = r.missBulk;
+    }
   }
 
   step("remove");

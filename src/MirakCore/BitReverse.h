@@ -59,6 +59,24 @@ constexpr uint32_t bitReversePermute(uint32_t index, uint32_t bits) {
   return ((v | (1u << k)) & below) >> shift;
 }
 
+// The bucket `ahead` steps after `bucket` in the walk of 2^bits buckets,
+// wrapping after the last; for walks that request lines ahead of their
+// cursor. `bits` from 1 to 31; 0 otherwise.
+constexpr uint32_t bucketAhead(uint32_t bucket, uint32_t bits, uint32_t ahead) {
+  if (bits - 1u > 30u) return 0;
+  auto reverse = [](uint32_t v) {
+    v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
+    v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
+    v = ((v >> 4) & 0x0f0f0f0fu) | ((v & 0x0f0f0f0fu) << 4);
+    v = ((v >> 8) & 0x00ff00ffu) | ((v & 0x00ff00ffu) << 8);
+    return (v >> 16) | (v << 16);
+  };
+  uint32_t const shift = 32u - bits;
+  // The walk step of `bucket` is its index read backwards.
+  uint32_t const step = reverse(bucket << shift);
+  return reverse(((step + ahead) << shift) >> shift) >> shift;
+}
+
 // log2 of a power of two.
 constexpr uint32_t log2OfPowerOfTwo(uint32_t powerOfTwo) {
   return static_cast<uint32_t>(std::countr_zero(powerOfTwo));

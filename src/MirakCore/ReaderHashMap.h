@@ -79,6 +79,16 @@ class ReaderHashMap {
   // Sets `found` and returns the value's address: `buffer` if given, else the
   // reader's value buffer, or the default value when absent.
   Value const* lookup(Key const& key, bool& found, void* buffer) const;
+  // The most keys one lookupBulk takes (bits of its result).
+  static constexpr uint32_t kBulkMax = 64;
+  // Looks up `count` (at most kBulkMax) keys at once and returns a mask: bit
+  // i set if keys[i] was found, its value then in values[i]. values[i] of a
+  // key not found holds whatever was read last. The answers are those of
+  // `count` lookups, with their checks and restarts; what differs is the
+  // order of the loads: all hashes and bucket heads first, then each walk, so
+  // that the cache misses of different keys overlap. `keys` and `values`
+  // must not overlap.
+  uint64_t lookupBulk(Key const* keys, uint32_t count, Value* values) const;
   // The first entry at or after `bucket` in walk order. `rhash`, if given,
   // receives the entry's rhash.
   bool first(uint32_t bucket, Value& value, IterHint& hint, uint32_t* rhash = nullptr) const;
@@ -94,6 +104,14 @@ class ReaderHashMap {
 
  private:
   enum class KeyCheck { lookup, first, next };
+  // How one walk of a chain for lookup ended.
+  enum class Walk { found, absent, restart };
+  // lookup's walk of `bucket`'s chain for `key` (whose rhash is `target`)
+  // from the head link `link`, loaded as one pair before the call. The value
+  // read last is in `out`. `restart`: a link moved under the walk (counted
+  // as a retry); the caller loads the head again. `absent` has not asked
+  // checkResize: the caller does before it reports absence.
+  Walk walkChain(Key const& key, uint32_t bucket, uint32_t target, Link link, Value& out) const;
   // Safety rule 3; throws with the message of the walk that asks.
   void keyCheck(Key const& key, uint32_t bucket, KeyCheck which) const;
   // The tests behind keyCheck and verifyNextBucket, without the throw.
@@ -110,6 +128,28 @@ class ReaderHashMap {
     return after(Lomi::Util::reverse(hashOf(key)), key, thanRhash, than);
   }
   bool nextSlow(Key const& key, Value& value, IterHint& hint) const;
+  // A walk that reaches `bucket` asks for the lines it will need a few
+  // buckets on: the bucket entry 2 * kWalkAhead steps ahead, and the first
+  // slot of the bucket kWalkAhead steps ahead (whose entry the call of
+  // kWalkAhead steps before asked for), so that the misses of coming steps
+  // overlap the current one. Hints only: the link loaded here is a relaxed
+  // load that decides nothing; every slot the walk returns is read and
+  // proved as before.
+  void prefetchAhead(uint32_t bucket) const {
+    uint32_t const n = buckets_.numBuckets();
+    if (n < 4 * kWalkAhead) return;
+    uint32_t const bits = buckets_.bits();
+    __builtin_prefetch(&buckets_[bucketAhead(bucket, bits, 2 * kWalkAhead)]);
+    uint32_t const first =
+        Mem::loadRelaxed(buckets_[bucketAhead(bucket, bits, kWalkAhead)]).next;
+    auto const& table = slots();
+    if (Link::isEndOfChain(first) || first >= table.capacity()) return;
+    char const* const s = reinterpret_cast<char const*>(table.slots().base + first);
+    __builtin_prefetch(s);
+    __builtin_prefetch(s + sizeof(SlotT) / 2);
+    __builtin_prefetch(s + sizeof(SlotT) - 1);
+  }
+  static constexpr uint32_t kWalkAhead = 8;
   Slots& slots() const { return reader_->slotTable(); }
   auto& counters() const { return reader_->counters(); }
   uint32_t hashOf(Key const& key) const { return reader_->ops().hash(key); }
@@ -167,6 +207,62 @@ void ReaderHashMap<Reader>::verifyNextBucket(uint32_t bucket, uint32_t next) con
 }
 
 template <typename Reader>
+auto ReaderHashMap<Reader>::walkChain(Key const& key, uint32_t bucket, uint32_t target, Link link,
+                                      Value& out) const -> Walk {
+  auto& table = slots();
+  // Safety rule 2: `link` is the bucket's head as one pair, loaded by the
+  // caller before any slot of the chain is read.
+  Link const* prevLink = &buckets_[bucket];
+  uint32_t const capacity = table.capacity();
+  uint32_t slotCount = 0;
+  auto linkMoved = [&](uint32_t version) {
+    if (Mem::loadAcquire(*prevLink).version == version) return false;
+    counters().retries++;
+    return true;
+  };
+  uint32_t prevVersion = link.version;
+  uint32_t curr = link.next;
+  Key slotKey{};
+  while (!Link::isEndOfChain(curr)) {
+    if (++slotCount > capacity) {
+      throw Lomi::CorruptionDetectedException(
+          "hash chain cycle detected, slotCount:{} capacity:{}", slotCount, capacity);
+    }
+    // Safety rule 1: the slot, under its sequence word.
+    auto const read = table.getValue(curr, out);
+    slotKey = Ops::key(out);
+    // Safety rule 2: still reached over the same link?
+    if (linkMoved(prevVersion)) return Walk::restart;
+    // Safety rule 3.
+    if (!occupied(read.word)) {
+      throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}", curr,
+                                              keyHex(slotKey));
+    }
+    // Past the key's place in table order, or on the key itself.
+    if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
+      if (linkMoved(prevVersion)) return Walk::restart;
+      keyCheck(slotKey, bucket, KeyCheck::lookup);
+      return Walk::absent;
+    }
+    if (read.rhash == target && !Ops::keyLess(slotKey, key)) {
+      if (linkMoved(prevVersion)) return Walk::restart;
+      return Walk::found;
+    }
+    // Safety rule 2 for the next step: this slot's link, as one pair, then
+    // the link that led here once more.
+    Link const* const nextLink = &table.slots()[curr].link;
+    Link const step = Mem::loadAcquire(*nextLink);
+    if (linkMoved(prevVersion)) return Walk::restart;
+    keyCheck(slotKey, bucket, KeyCheck::lookup);
+    prevLink = nextLink;
+    prevVersion = step.version;
+    curr = step.next;
+  }
+  if (curr != Link::kEndOfTable) (void)buckets_[Link::indexOf(curr)];
+  return Walk::absent;
+}
+
+template <typename Reader>
 auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) const
     -> Value const* {
   found = false;
@@ -177,7 +273,6 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
     return &absent;
   }
   Value& out = buffer ? *static_cast<Value*>(buffer) : reader_->valueBuffer();
-  auto& table = slots();
   // Computed once: a restart after a resize keeps the old bucket, and the
   // end of the walk (checkResize) or the reader object's check sends the
   // lookup round again with a new one.
@@ -185,68 +280,96 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
   uint32_t const bucket = hash & (n - 1);
   uint32_t const target = Lomi::Util::reverse(hash);
   for (;;) {
-    // Safety rule 2: the link that leads to the next slot, as one pair.
-    Link const* prevLink = &buckets_[bucket];
-    Link link = Mem::loadAcquire(*prevLink);
-    uint32_t const capacity = table.capacity();
-    uint32_t slotCount = 0;
-    bool restart = false;
-    auto linkMoved = [&](uint32_t version) {
-      if (Mem::loadAcquire(*prevLink).version == version) return false;
-      counters().retries++;
-      restart = true;
-      return true;
-    };
-    uint32_t prevVersion = link.version;
-    uint32_t curr = link.next;
-    bool passed = false;
-    Key slotKey{};
-    while (!Link::isEndOfChain(curr)) {
-      if (++slotCount > capacity) {
-        throw Lomi::CorruptionDetectedException(
-            "hash chain cycle detected, slotCount:{} capacity:{}", slotCount, capacity);
-      }
-      // Safety rule 1: the slot, under its sequence word.
-      auto const read = table.getValue(curr, out);
-      slotKey = Ops::key(out);
-      // Safety rule 2: still reached over the same link?
-      if (linkMoved(prevVersion)) break;
-      // Safety rule 3.
-      if (!occupied(read.word)) {
-        throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}", curr,
-                                                keyHex(slotKey));
-      }
-      // Past the key's place in table order, or on the key itself.
-      if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
-        if (linkMoved(prevVersion)) break;
-        passed = true;
-        break;
-      }
-      if (read.rhash == target && !Ops::keyLess(slotKey, key)) {
-        if (linkMoved(prevVersion)) break;
-        found = true;
-        return &out;
-      }
-      // Safety rule 2 for the next step: this slot's link, as one pair, then
-      // the link that led here once more.
-      Link const* const nextLink = &table.slots()[curr].link;
-      Link const step = Mem::loadAcquire(*nextLink);
-      if (linkMoved(prevVersion)) break;
-      keyCheck(slotKey, bucket, KeyCheck::lookup);
-      prevLink = nextLink;
-      prevVersion = step.version;
-      curr = step.next;
-    }
-    if (restart) continue;
-    if (passed) {
-      keyCheck(slotKey, bucket, KeyCheck::lookup);
-    } else if (curr != Link::kEndOfTable) {
-      (void)buckets_[Link::indexOf(curr)];
+    Walk const walk = walkChain(key, bucket, target, Mem::loadAcquire(buckets_[bucket]), out);
+    if (walk == Walk::restart) continue;
+    if (walk == Walk::found) {
+      found = true;
+      return &out;
     }
     // Absence is never reported on a bucket count the header has left.
     buckets_.checkResize();
     return &absent;
   }
+}
+
+template <typename Reader>
+uint64_t ReaderHashMap<Reader>::lookupBulk(Key const* keys, uint32_t count, Value* values) const {
+  FMASSERT(count <= kBulkMax, handler_, "ReaderHashMap", "lookupBulk of {} keys, at most {}",
+           count, kBulkMax);
+  uint32_t const n = buckets_.numBuckets();
+  if (n == 0) {
+    FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
+    return 0;
+  }
+  auto& table = slots();
+  uint32_t bucket[kBulkMax];
+  uint32_t target[kBulkMax];
+  Link head[kBulkMax];
+  // Stage 1: every key's hash and bucket; the bucket entries' lines are
+  // requested together, so that their misses overlap.
+  for (uint32_t i = 0; i < count; i++) {
+    uint32_t const hash = hashOf(keys[i]);
+    bucket[i] = hash & (n - 1);
+    target[i] = Lomi::Util::reverse(hash);
+    __builtin_prefetch(&buckets_[bucket[i]]);
+  }
+  // Stage 2: every head link, one 8-byte pair each (safety rule 2 starts
+  // here, as in lookup), and the lines of each chain's first slot. A
+  // prefetch proves nothing and stores nothing; stage 3 reads and checks
+  // each slot as lookup does, however long ago its head was loaded: a link
+  // that moved in between shows as a changed version, and the walk restarts.
+  uint32_t const capacity = table.capacity();
+  SlotT const* const base = table.slots().base;
+  for (uint32_t i = 0; i < count; i++) {
+    head[i] = Mem::loadAcquire(buckets_[bucket[i]]);
+    uint32_t const first = head[i].next;
+    if (Link::isEndOfChain(first) || first >= capacity) continue;
+    char const* const s = reinterpret_cast<char const*>(base + first);
+    __builtin_prefetch(s);
+    __builtin_prefetch(s + sizeof(SlotT) / 2);
+    __builtin_prefetch(s + sizeof(SlotT) - 1);
+  }
+  // Stage 2b: a chain whose first slot lies before the key goes on to a
+  // second slot, a miss of its own after the first. Its index is read from
+  // the first slot (whose lines stage 2 requested; waiting for the first of
+  // them is waiting for them all) and its lines requested too. Relaxed loads
+  // that decide nothing: stage 3 reads both slots again, under their words.
+  for (uint32_t i = 0; i < count; i++) {
+    uint32_t const first = head[i].next;
+    if (Link::isEndOfChain(first) || first >= capacity) continue;
+    SlotT const& s = base[first];
+    if (Mem::loadRelaxed(s.rhash) > target[i]) continue;
+    uint32_t const second = Mem::loadRelaxed(s.link).next;
+    if (Link::isEndOfChain(second) || second >= capacity) continue;
+    char const* const p = reinterpret_cast<char const*>(base + second);
+    __builtin_prefetch(p);
+    __builtin_prefetch(p + sizeof(SlotT) / 2);
+    __builtin_prefetch(p + sizeof(SlotT) - 1);
+  }
+  // Stage 3: each key's walk, exactly lookup's, from its head.
+  uint64_t found = 0;
+  bool anyAbsent = false;
+  for (uint32_t i = 0; i < count; i++) {
+    Link link = head[i];
+    for (;;) {
+      Walk const walk = walkChain(keys[i], bucket[i], target[i], link, values[i]);
+      if (walk == Walk::restart) {
+        link = Mem::loadAcquire(buckets_[bucket[i]]);
+        continue;
+      }
+      if (walk == Walk::found) {
+        found |= uint64_t{1} << i;
+      } else {
+        anyAbsent = true;
+      }
+      break;
+    }
+  }
+  // Absence is never reported on a bucket count the header has left. One
+  // check after the last walk covers every walk before it: a size version
+  // never comes back to a value it had.
+  if (anyAbsent) buckets_.checkResize();
+  return found;
 }
 
 template <typename Reader>
@@ -277,6 +400,7 @@ bool ReaderHashMap<Reader>::first(uint32_t bucket, Value& value, IterHint& hint,
       link = Mem::loadAcquire(buckets_[bucket]);
     }
     uint32_t const curr = link.next;
+    prefetchAhead(bucket);
     auto const read = table.getValue(curr, value);
     if (Mem::loadAcquire(buckets_[bucket]).version != link.version) {
       counters().retries++;

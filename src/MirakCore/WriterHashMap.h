@@ -155,6 +155,26 @@ class WriterHashMap {
   // Copies slot `index` out as the walk's answer: anchor, value, hint.
   void take(uint32_t index, SlotT const& s, uint32_t bucket, Value& value, IterHint& hint) const;
   Link* lastLinkOf(uint32_t bucket);
+  // A walk that reaches `bucket` asks for the lines it will need a few
+  // buckets on: the bucket entry 2 * kWalkAhead steps ahead, and the first
+  // slot of the bucket kWalkAhead steps ahead (whose entry the call of
+  // kWalkAhead steps before asked for). A walk meets one slot per bucket or
+  // so, each a miss of its own in a large table, and these requests let the
+  // misses of coming steps overlap the current one. Hints only: nothing read
+  // here decides anything.
+  void prefetchAhead(uint32_t bucket) const {
+    uint32_t const n = buckets_.numBuckets();
+    if (n < 4 * kWalkAhead) return;
+    uint32_t const bits = log2OfPowerOfTwo(n);
+    __builtin_prefetch(&bucketAt(bucketAhead(bucket, bits, 2 * kWalkAhead)));
+    uint32_t const first = bucketAt(bucketAhead(bucket, bits, kWalkAhead)).next;
+    if (Link::isEndOfChain(first) || first >= slots_.capacity()) return;
+    char const* const s = reinterpret_cast<char const*>(&slots_.slots()[first]);
+    __builtin_prefetch(s);
+    __builtin_prefetch(s + sizeof(SlotT) / 2);
+    __builtin_prefetch(s + sizeof(SlotT) - 1);
+  }
+  static constexpr uint32_t kWalkAhead = 8;
   // The writer owns the bucket file; const walks hand out links to the chain.
   Link& bucketAt(uint32_t index) const { return const_cast<BucketWriter<Link>&>(buckets_)[index]; }
 
@@ -259,6 +279,7 @@ bool WriterHashMap<Access, SlotTableT>::first(uint32_t bucket, Value& value, Ite
     link = bucketAt(b);
   }
   uint32_t const index = link.next;
+  prefetchAhead(b);
   SlotT const& s = slots_.slots()[index];
   if (!Slots::occupied(s.versionFlags)) {
     throw Lomi::CorruptionDetectedException("slotId: {} from bucket: {} not marked as occupied",

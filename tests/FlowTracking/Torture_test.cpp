@@ -163,9 +163,12 @@ WriterReport runWriter(Writer& w, Presence& presence, uint32_t seed, Ready ready
 
 // Lookups of the ids that live and die, judged by the presence map. Absent
 // keys that had to be there count as pinnedAbsent; `walkEntries` counts the
-// lookups that had to find their key (this reader does not walk).
+// lookups that had to find their key (this reader does not walk). Rounds of
+// single lookups take turns with rounds of bulk lookups (groups of 40, more
+// than one bulk step), judged key by key the same way.
 template <typename Stop>
-ReaderFigures runPresenceReader(Presence const& presence, uint32_t seed, Stop stop) {
+ReaderFigures runPresenceReader(Presence const& presence, uint32_t seed, Stop stop,
+                                uint64_t& bulkReads) {
   ReaderFigures f;
   auto reader = makeReader<Record>(kTable);
   if (!reader->initialize("presence")) {
@@ -175,8 +178,41 @@ ReaderFigures runPresenceReader(Presence const& presence, uint32_t seed, Stop st
   }
   f.attaches++;
   std::mt19937 rng(seed);
-  while (!stop()) {
+  constexpr uint32_t kGroup = 40;
+  auto judge = [&](uint32_t id, uint32_t before, bool found, Value const& v) {
+    bool const mustFind = (before & 1) && before == presence.loadAcquire(id);
+    f.reads++;
+    if (mustFind) f.walkEntries++;
+    if (!found) {
+      if (mustFind) {
+        f.pinnedAbsent++;
+        f.note(fmt::format("id {} reported absent (presence {})", id, before));
+      }
+      return;
+    }
+    if (!Stress::intact(v)) f.torn++;
+    if (!(v.fwkKey() == ipFlowKey(id))) f.wrongKey++;
+  };
+  for (uint64_t round = 0; !stop(); round++) {
     try {
+      if (round % 2) {
+        for (int g = 0; g < 6; g++) {
+          uint32_t ids[kGroup], before[kGroup];
+          Stress::Key keys[kGroup];
+          Value values[kGroup];
+          bool found[kGroup];
+          for (uint32_t i = 0; i < kGroup; i++) {
+            ids[i] = kPinned + rng() % (kIds - kPinned);
+            before[i] = presence.loadAcquire(ids[i]);
+            keys[i] = ipFlowKey(ids[i]);
+          }
+          reader->lookupBulk(keys, kGroup, values, found);
+          std::atomic_thread_fence(std::memory_order_acquire);
+          bulkReads += kGroup;
+          for (uint32_t i = 0; i < kGroup; i++) judge(ids[i], before[i], found[i], values[i]);
+        }
+        continue;
+      }
       for (int i = 0; i < 256; i++) {
         uint32_t const id = kPinned + rng() % (kIds - kPinned);
         uint32_t const before = presence.loadAcquire(id);
@@ -184,18 +220,7 @@ ReaderFigures runPresenceReader(Presence const& presence, uint32_t seed, Stop st
         bool found = false;
         Value const* p = reader->lookup(ipFlowKey(id), found, &buffer);
         std::atomic_thread_fence(std::memory_order_acquire);
-        bool const mustFind = (before & 1) && before == presence.loadAcquire(id);
-        f.reads++;
-        if (mustFind) f.walkEntries++;
-        if (!found) {
-          if (mustFind) {
-            f.pinnedAbsent++;
-            f.note(fmt::format("id {} reported absent (presence {})", id, before));
-          }
-          continue;
-        }
-        if (!Stress::intact(*p)) f.torn++;
-        if (!(p->fwkKey() == ipFlowKey(id))) f.wrongKey++;
+        judge(id, before, found, *p);
       }
     } catch (std::exception const& e) {
       f.otherExceptions++;
@@ -249,6 +274,7 @@ TEST(TortureTest, FillAndEmptyUnderTwoReaders) {
   auto w = makeSharedWriter<Record>(kTable, Stress::workloadDescriptor(1u << 20));
   std::atomic<bool> writerReady{false}, writerDone{false};
   ReaderFigures walking, present;
+  uint64_t bulkReads = 0;
   auto const stop = [&] { return writerDone.load(); };
   auto const waitForWriter = [&] {
     while (!writerReady.load()) std::this_thread::yield();
@@ -259,7 +285,7 @@ TEST(TortureTest, FillAndEmptyUnderTwoReaders) {
   });
   std::thread looker([&] {
     waitForWriter();
-    present = runPresenceReader(presence, seed + 2, stop);
+    present = runPresenceReader(presence, seed + 2, stop, bulkReads);
   });
   auto const end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   WriterReport const wrep = runWriter(
@@ -270,6 +296,7 @@ TEST(TortureTest, FillAndEmptyUnderTwoReaders) {
   looker.join();
   expectClean("walking reader", walking);
   expectClean("presence reader (entries: lookups to find)", present);
+  EXPECT_GT(bulkReads, 0u) << "the presence reader never looked up in bulk";
   expectWriterShrank(wrep);
   EXPECT_GT(wrep.slotGrows, 0u);
   EXPECT_GT(wrep.bucketGrows, 0u);

@@ -44,6 +44,9 @@ TEST(BitReversePermute, NoSuccessorOutsideOneTo31Bits) {
   EXPECT_EQ(bitReversePermute(0, 31), 0x40000000u);
   EXPECT_EQ(bitReversePermute(0x7fffffffu, 31), 0u);
   EXPECT_EQ(bitReversePermute(0x3fffffffu, 31), 0x7fffffffu);
+  EXPECT_EQ(MirakCore::bucketAhead(0, 0, 5), 0u);
+  EXPECT_EQ(MirakCore::bucketAhead(0, 31, 1), 0x40000000u);
+  EXPECT_EQ(MirakCore::bucketAhead(0x7fffffffu, 31, 1), 0u);
 }
 
 class BitReverseWidth : public ::testing::TestWithParam<uint32_t> {};
@@ -71,6 +74,13 @@ TEST_P(BitReverseWidth, WalkIsAPermutationInSplitOrder) {
     b = next;
   }
   EXPECT_EQ(b, 0u);
+  // bucketAhead jumps along the same walk, wrapping after the last bucket.
+  for (uint32_t step = 0; step < n; step += 1 + step / 8) {
+    for (uint32_t ahead : {0u, 1u, 8u, 16u, n - 1, n, n + 3}) {
+      ASSERT_EQ(MirakCore::bucketAhead(walk[step], bits, ahead), walk[(step + ahead) % n])
+          << "step " << step << " ahead " << ahead;
+    }
+  }
   EXPECT_EQ(walk.back(), n - 1) << "the last bucket of the walk is numBuckets - 1";
   if (bits < 12) {
     std::vector<uint32_t> doubled{0};
