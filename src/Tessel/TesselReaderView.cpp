@@ -72,6 +72,7 @@ void TesselReaderView::detach() {
   overrun_ = false;
   table_ = 0;
   lastConsumed_ = 0;
+  lostSwept_ = 0;
 }
 
 void TesselReaderView::seek(Sequence after) {
@@ -86,10 +87,13 @@ Sequence TesselReaderView::headSequence() const {
 
 bool TesselReaderView::lostSinceConsumed() {
   Sequence const lost = Mem::loadAcquire(hdr_->lostSequence);
-  if (lost <= lastConsumed_) return false;
+  // R5: a loss that an overrun reported already is covered by the sweep
+  // that followed it.
+  if (lost <= lastConsumed_ || lost <= lostSwept_) return false;
   FMTRACE(handler_, 1, "TesselReaderView", "{} lost sequence:{} after:{}: a sweep is due", dir_,
           lost, lastConsumed_);
   overrun_ = true;
+  lostSwept_ = lost;
   return true;
 }
 

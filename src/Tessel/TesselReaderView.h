@@ -21,7 +21,14 @@
 //       re-finds in the new one.
 //   R5. At the end of the queue, and after each re-find, `lostSequence` above
 //       the last consumed sequence means the writer issued a sequence that the
-//       queue does not hold: the reader must sweep (overrun()).
+//       queue does not hold: the reader must sweep (overrun()). Each value of
+//       `lostSequence` calls for one sweep only: the sweep starts after the
+//       reader read that value (acquire), so it sees the slot whose change
+//       was lost (the writer changed it before it stored the loss). The value
+//       can stand beyond every sequence the reader may consume, for as long
+//       as nobody writes: the writer stores lostSequence before sequence and
+//       may die between the two, or the word is damaged. Reporting it again
+//       after the sweep would sweep forever.
 //   R4. Mappings are checked against the count before entries are read; a
 //       count beyond the file while the generation stands is corruption.
 // Nothing is lost (writer invariant 7): every change not yet consumed is a
@@ -121,6 +128,9 @@ class TesselReaderView {
   uint32_t standing_ = 0;
   Sequence standingSeq_ = 0;
   Sequence lastConsumed_ = 0;
+  // The lostSequence of the last overrun reported (R5); kept across seek(),
+  // cleared by detach().
+  Sequence lostSwept_ = 0;
   uint64_t refinds_ = 0;
 };
 

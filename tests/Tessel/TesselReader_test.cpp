@@ -131,6 +131,39 @@ TEST_F(TesselReaderSteps, ReformatIsNoticed) {
   EXPECT_TRUE(r.reformatted());
 }
 
+// A lostSequence beyond the head: what lose() leaves when the writer dies
+// between its two stores (lostSequence, then sequence), or a damaged word.
+// The owner sweeps once and seeks to the head; the same loss must not call
+// for another sweep, or the shadow sweeps for as long as no writer comes. A
+// later loss still does.
+TEST_F(TesselReaderSteps, ALossBeyondTheHeadCallsForOneSweepOnly) {
+  for (uint32_t i = 0; i < 5; i++) w.notify(i);
+  drain(r);
+  uint64_t const head = r.headSequence();
+  ASSERT_EQ(head, 5u);
+  TesselTest::writeAt<uint64_t>(dir.file("tessel"), 72, head + 1);
+  TesselNotification n;
+  EXPECT_FALSE(r.next(n));
+  EXPECT_TRUE(r.overrun()) << "the loss went unnoticed";
+  // The sweep, then the seek to the head read before it.
+  r.seek(r.headSequence());
+  EXPECT_FALSE(r.next(n));
+  EXPECT_FALSE(r.overrun()) << "the same loss called for a second sweep";
+  EXPECT_FALSE(r.next(n));
+  EXPECT_FALSE(r.overrun());
+  // A later loss, past what the sweep covered.
+  TesselTest::writeAt<uint64_t>(dir.file("tessel"), 72, head + 7);
+  EXPECT_FALSE(r.next(n));
+  EXPECT_TRUE(r.overrun()) << "a new loss went unnoticed";
+  // A view attached afresh has swept nothing yet.
+  r.seek(r.headSequence());
+  std::string error;
+  ASSERT_TRUE(r.attach(kKestor, error)) << error;
+  r.seek(head);
+  EXPECT_FALSE(r.next(n));
+  EXPECT_TRUE(r.overrun());
+}
+
 TEST(TesselReaderAttach, RefusesWrongKestorAndMissingFiles) {
   TempDir dir;
   Tessel::TesselReaderView r(dir.path(), TesselTest::handler());

@@ -20,5 +20,8 @@ int runHints(Options const& o);
 // Table directories with rewired links, cut files, FIFOs and links planted in
 // them, then a reader and the operator's tool.
 int runHostile(Options const& o);
+// Shadows and a reader against a writer that is killed and restarted, shadows
+// stopped past the queue's patience, killed and restarted.
+int runShadow(Options const& o);
 
 }  // namespace Stress

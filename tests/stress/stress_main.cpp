@@ -7,6 +7,9 @@
 //            compaction, regrowth, bucket resizes and re-formats (--restarts)
 //   hostile  table directories with rewired links, cut files, FIFOs and
 //            planted links, then a reader and the operator's tool (--cases)
+//   shadow   shadows and a reader against a writer killed and restarted,
+//            shadows stopped past the queue's patience and killed (--trials,
+//            --seconds, --readers shadows)
 // Exit code 0 when every check of the mode held, 1 when one failed, 2 on bad
 // usage.
 #include <cstdio>
@@ -21,7 +24,7 @@ namespace {
 
 void usage() {
   std::fprintf(stderr,
-               "usage: stress torn|crash|corrupt|corpus|hints|hostile [--seconds S] [--trials N] "
+               "usage: stress torn|crash|corrupt|corpus|hints|hostile|shadow [--seconds S] [--trials N] "
                "[--cases N]\n"
                "              [--readers N] [--ids N] [--high N] [--low N] [--restarts N] "
                "[--seed N]\n"
@@ -50,6 +53,7 @@ int main(int argc, char** argv) {
   if (mode == "corpus") return Stress::runCorpus(options);
   if (mode == "hints") return Stress::runHints(options);
   if (mode == "hostile") return Stress::runHostile(options);
+  if (mode == "shadow") return Stress::runShadow(options);
   std::fprintf(stderr, "stress: unknown mode '%s'\n", mode.c_str());
   usage();
   return 2;
