@@ -283,9 +283,9 @@ class MirakWriter : public MirakInterface<OpsT> {
     if constexpr (kStepHook) {
       // Stopped with LOOKASIDE up and the slot's value half rewritten.
       SlotStore::beginRewrite(s.versionFlags);
-      std::memcpy(&s.value, &value, sizeof(Value) / 2);
+      std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value) / 2);
       step(MirakCore::WriteStep::overwriteRewriting);
-      std::memcpy(&s.value, &value, sizeof(Value));
+      std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value));
       SlotStore::endRewrite(s.versionFlags);
     } else {
       SlotStore::rewrite(s.versionFlags, &s.value, &value, sizeof(Value));
@@ -396,10 +396,10 @@ uint32_t MirakWriter<OpsT>::insertNew(Value const& value, uint32_t hash, Link* p
   SlotStore::beginRewrite(s.versionFlags);
   if constexpr (kStepHook) {
     // Half the value, so a stop here leaves the slot torn.
-    std::memcpy(&s.value, &value, sizeof(Value) / 2);
+    std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value) / 2);
     step(MirakCore::WriteStep::insertRewriting);
   }
-  std::memcpy(&s.value, &value, sizeof(Value));
+  std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value));
   SlotStore::endRewrite(s.versionFlags);
   // Insert step 7.
   SlotStore::relink(*prev, index);
