@@ -272,6 +272,11 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
     // Re-format step 5.
     if (salvaging) {
       carrySalvage();
+    } else if (slotsAttach_ == Mem::attachNew) {
+      // There was no slot file: a first start (whose owner file is missing
+      // too), not a loss.
+      startOutcome_.kind = StartOutcome::Kind::created;
+      startOutcome_.reason.clear();
     } else {
       startOutcome_.kind = StartOutcome::Kind::reformatted;
       if (startOutcome_.reason.empty()) startOutcome_.reason = attachError_;

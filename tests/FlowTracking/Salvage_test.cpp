@@ -199,8 +199,8 @@ class SalvageTest : public ::testing::TestWithParam<KillCase> {
 
 TEST_P(SalvageTest, KilledWriterLosesNoCompletedWrite) {
   KillCase const& c = GetParam();
-  // A clean table first, so the child adopts it.
-  { restart(); }
+  // A clean table first, so the child adopts it: a first start is new.
+  EXPECT_EQ(restart()->startOutcome().kind, Kind::created);
   uint32_t const done = runKilledWriter(c.step, c.nth);
   ASSERT_GT(done, 0u);
   auto w = restart();
