@@ -67,6 +67,7 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Mirak/SlotReader.h
     Mirak/SlotStore.h
     Mirak/SlotTable.h
+    Mirak/StartOutcome.h
     Mirak/SlotWriter.h
     Mirak/Syncer.h
     Mirak/TableFullException.h
@@ -82,6 +83,7 @@ set(FLOWTABLES_PUBLIC_HEADERS
     MirakCore/ReaderHashMap.h
     MirakCore/SlotLink.h
     MirakCore/WriterHashMap.h
+    MirakCore/WriteStep.h
     Nimbet/EthAddr.h
     Nimbet/IntfId.h
     Nimbet/IpAddr.h

@@ -21,10 +21,10 @@ std::string MapDescriptor::toString() const {
   return fmt::format(
       "size:{} type:{} local:{} fixedSize:{} shrinkSlots:{} shrinkBuckets:{} pruneQueue:{} "
       "synchronous:{} shadowOption:{} heap:{} trackMemory:{} cleanupOnInit:{} reattach:{} "
-      "assertOnOrphanAccess:{} criticalTaskCheck:{} prevValue:{}",
+      "assertOnOrphanAccess:{} criticalTaskCheck:{} prevValue:{} salvage:{}",
       size, formatMirakType(type), local, fixedSize, shrinkSlots, shrinkBuckets_, pruneQueue,
       synchronous, shadowOption, heap, trackMemory, cleanupOnInit, reattach, assertOnOrphanAccess,
-      criticalTaskCheck, prevValue);
+      criticalTaskCheck, prevValue, salvage);
 }
 
 }  // namespace Mirak

@@ -66,6 +66,10 @@ class MapDescriptor : public Mem::CollectionDescriptor {
   // Keep the previous value of overwritten entries. No table supports it;
   // `init` refuses a descriptor that asks for it.
   bool prevValue = false;
+  // What a writer does with files it cannot adopt but whose slot records are
+  // readable (a writer killed inside a critical section): true carries every
+  // complete record into the new generation, false formats it empty.
+  bool salvage = true;
 
   friend bool operator==(MapDescriptor const& a, MapDescriptor const& b);
 
@@ -76,7 +80,7 @@ class MapDescriptor : public Mem::CollectionDescriptor {
   auto fields() const {
     return std::tie(size, type, local, fixedSize, shrinkSlots, shrinkBuckets_, pruneQueue,
                     synchronous, shadowOption, heap, trackMemory, cleanupOnInit, reattach,
-                    assertOnOrphanAccess, criticalTaskCheck, prevValue);
+                    assertOnOrphanAccess, criticalTaskCheck, prevValue, salvage);
   }
 };
 

@@ -237,6 +237,11 @@ class MirakMap : public MirakMapBase, public Parcel::WriterSentry::Notifiee {
   Mem::MountStatus mountStatus() const override;
   virtual Reader::Counters readerCounters() const;
   virtual Writer::Counters writerCounters() const;
+  // What the writer's last start did with the files it found (adopted,
+  // salvaged with the records left behind, re-formatted and why; see
+  // Mirak/StartOutcome.h). Kind none when no writer stands behind the
+  // collection (a reader, a shadow, a placeholder).
+  StartOutcome startOutcome() const;
   // Removes the table's files (through the placeholder after a detach), then
   // controlDetach. Asserts "{} trying to cleanup uninitialized mirak." when
   // the collection was never initialised.
@@ -440,6 +445,12 @@ Reader::Counters MirakMap<OpsT>::readerCounters() const {
 template <TablePolicy OpsT>
 Writer::Counters MirakMap<OpsT>::writerCounters() const {
   return mirakMapUpdateWriterCounters(back_->writerCounters());
+}
+
+template <TablePolicy OpsT>
+StartOutcome MirakMap<OpsT>::startOutcome() const {
+  auto const* writer = dynamic_cast<MirakWriter<OpsT> const*>(back_.get());
+  return writer ? writer->startOutcome() : StartOutcome();
 }
 
 template <TablePolicy OpsT>

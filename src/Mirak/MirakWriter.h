@@ -67,6 +67,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <fmt/format.h>
 #include <fmt/ostream.h>
@@ -86,7 +87,9 @@
 #include "Mirak/SlotStore.h"
 #include "Mirak/SlotTable.h"
 #include "Mirak/SlotWriter.h"
+#include "Mirak/StartOutcome.h"
 #include "MirakCore/CriticalTaskClock.h"
+#include "MirakCore/WriteStep.h"
 #include "MirakCore/WriterHashMap.h"
 #include "Parcel/KestorId.h"
 #include "Parcel/OwnerFile.h"
@@ -172,6 +175,10 @@ class MirakWriter : public MirakInterface<OpsT> {
   bool validate() override;
   // The slot and bucket headers as text, for failure reports.
   std::string dumpHeaders() const;
+  // What the last start did with the files it found: new, adopted, salvaged
+  // (with the records left behind, by reason) or re-formatted, and why the
+  // files were not adopted. Kind none before the first start.
+  StartOutcome const& startOutcome() const { return startOutcome_; }
 
   // --- data operations ---------------------------------------------------
   Value const* write(Value const& value, bool overwrite) override;
@@ -251,6 +258,16 @@ class MirakWriter : public MirakInterface<OpsT> {
 
   [[noreturn]] void assertUnbalanced(char const* what, Value const& value);
   [[noreturn]] void assertUnbalancedKey(Key const& key);
+  // Insert steps 1-8 for a key that `find` did not find; `prev` and `curr`
+  // are find's. Returns the slot; the caller announces it.
+  uint32_t insertNew(Value const& value, uint32_t hash, Link* prev, Link* curr);
+  // SALVAGE, the start's third way (see MirakWriterAttach.h): copies the
+  // complete records of the attached, refused slot file into salvageRows_,
+  // before the re-format reuses the file. False, with the reason in
+  // startOutcome_, when the slot file was not kept by the attach.
+  bool collectSalvage();
+  // Writes salvageRows_ into the freshly formatted generation and frees them.
+  void carrySalvage();
   // Steps 1-3 of the insert: a free slot, its rhash, off the free list.
   // `prev` and `curr` are rebuilt if a grow moved the mapping.
   uint32_t allocSlot(uint32_t hash, Link*& prev, Link*& curr);
@@ -263,8 +280,22 @@ class MirakWriter : public MirakInterface<OpsT> {
   // Steps 1 and 2 of the overwrite.
   void overwrite(SlotT& s, Value const& value) {
     SlotStore::stageLookaside(slots_.header(), s.rhash, &value, sizeof(Value));
-    SlotStore::rewrite(s.versionFlags, &s.value, &value, sizeof(Value));
+    if constexpr (kStepHook) {
+      // Stopped with LOOKASIDE up and the slot's value half rewritten.
+      SlotStore::beginRewrite(s.versionFlags);
+      std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value) / 2);
+      step(MirakCore::WriteStep::overwriteRewriting);
+      std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value));
+      SlotStore::endRewrite(s.versionFlags);
+    } else {
+      SlotStore::rewrite(s.versionFlags, &s.value, &value, sizeof(Value));
+    }
   }
+  // The test points of MirakCore/WriteStep.h: nothing unless the policy has
+  // a hook.
+  static constexpr bool kStepHook =
+      requires { Ops::writeStepHook(MirakCore::WriteStep::insertLinked); };
+  static void step(MirakCore::WriteStep s) { MirakCore::writeStep<Ops>(s); }
   // The queue hears of a changed slot, then the sleeping readers: notify
   // never throws for want of room (the queue counts a loss instead), and the
   // wake-up sends nothing when no reader sleeps.
@@ -280,6 +311,14 @@ class MirakWriter : public MirakInterface<OpsT> {
   Mem::NaoRootPath rootPath_;
   // Why the last attach could not adopt the files, for the start's trace.
   std::string attachError_;
+  // The slot file's part of the last attach(kestor): only a kept slot file
+  // has records to salvage.
+  int slotsAttach_ = 0;
+  bool salvage_;
+  StartOutcome startOutcome_;
+  // The records a salvage carries over, between collectSalvage and
+  // carrySalvage; empty otherwise.
+  std::vector<Value> salvageRows_;
   Parcel::KestorId kestorId_;
   uint32_t directSlot_ = kNoSlot;
   Link* directPrevLink_ = nullptr;
@@ -319,6 +358,7 @@ uint32_t MirakWriter<OpsT>::allocSlot(uint32_t hash, Link*& prev, Link*& curr) {
     int64_t const prevOffset = toOffset(prev);
     int64_t const currOffset = toOffset(curr);
     if (!slots_.grow()) slots_.alloc();
+    step(MirakCore::WriteStep::slotsGrown);
     h = slots_.header();
     // The queue keeps one back reference per slot the table ever had. If its
     // header cannot grow now, the notify of a slot beyond it tries again and
@@ -337,6 +377,38 @@ uint32_t MirakWriter<OpsT>::allocSlot(uint32_t hash, Link*& prev, Link*& curr) {
   Mem::storeRelease(h->freeSlots, s.link.next);
   Mem::storeRelease(h->occupiedSlots, h->occupiedSlots + 1);
   counters_.slotsAllocated++;
+  return index;
+}
+
+template <TablePolicy OpsT>
+uint32_t MirakWriter<OpsT>::insertNew(Value const& value, uint32_t hash, Link* prev, Link* curr) {
+  // Insert steps 1-3.
+  uint32_t const index = allocSlot(hash, prev, curr);
+  SlotT& s = slots_.slots()[index];
+  // Insert step 4.
+  SlotStore::relink(s.link, prev->next);
+  // Insert step 5.
+  if (s.versionFlags & SlotTable::OCCUPIED) {
+    SlotStore::stageLookaside(slots_.header(), s.rhash, &value, sizeof(Value));
+  }
+  step(MirakCore::WriteStep::insertSlotTaken);
+  // Insert step 6.
+  SlotStore::beginRewrite(s.versionFlags);
+  if constexpr (kStepHook) {
+    // Half the value, so a stop here leaves the slot torn.
+    std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value) / 2);
+    step(MirakCore::WriteStep::insertRewriting);
+  }
+  std::memcpy(static_cast<void*>(&s.value), &value, sizeof(Value));
+  SlotStore::endRewrite(s.versionFlags);
+  // Insert step 7.
+  SlotStore::relink(*prev, index);
+  step(MirakCore::WriteStep::insertLinked);
+  FMTRACE(handler_, 9, "MirakWriter", "new {} slot:{} next:{}", Ops::keyText(Ops::key(value)),
+          index, s.link.next);
+  counters_.inserts++;
+  // Insert step 8.
+  if (members() > map_.growThreshold()) map_.growBuckets();
   return index;
 }
 
@@ -361,24 +433,7 @@ auto MirakWriter<OpsT>::write(Value const& value, bool overwriteIt) -> Value con
     announce(index);
     return &s.value;
   }
-  // Insert steps 1-3.
-  uint32_t const index = allocSlot(hash, prev, curr);
-  SlotT& s = slots_.slots()[index];
-  // Insert step 4.
-  SlotStore::relink(s.link, prev->next);
-  // Insert step 5.
-  if (s.versionFlags & SlotTable::OCCUPIED) {
-    SlotStore::stageLookaside(slots_.header(), s.rhash, &value, sizeof(Value));
-  }
-  // Insert step 6.
-  SlotStore::rewrite(s.versionFlags, &s.value, &value, sizeof(Value));
-  // Insert step 7.
-  SlotStore::relink(*prev, index);
-  FMTRACE(handler_, 9, "MirakWriter", "new {} bucket:{} slot:{} next:{}", Ops::keyText(key), bucket,
-          index, s.link.next);
-  counters_.inserts++;
-  // Insert step 8.
-  if (members() > map_.growThreshold()) map_.growBuckets();
+  uint32_t const index = insertNew(value, hash, prev, curr);
   // Insert step 9.
   announce(index);
   return &slots_.slots()[index].value;
@@ -403,6 +458,7 @@ bool MirakWriter<OpsT>::remove(Key const& key, Value& removed) {
   removed = s.value;
   // Remove step 3.
   SlotStore::relink(*prev, s.link.next);
+  step(MirakCore::WriteStep::removeUnlinked);
   // Remove step 4.
   uint32_t const threshold = slots_.dealloc(index);
   counters_.removes++;

@@ -26,11 +26,38 @@
 //      strict validation keeps the evidence (the table goes into a core file,
 //      the kestor file goes) and throws; otherwise the adoption fails and the
 //      start re-formats.
+// SALVAGE (an adoption refused while the slot file was kept, salvage on):
+//   1. before anything is formatted, every slot of the old mapping is read,
+//      bounded by the mapped size (no count of the header is trusted), and
+//      each complete record is copied into private memory (one allocation):
+//        - OCCUPIED clear: a free slot, or an insert in flight (LOOKASIDE up):
+//          not taken;
+//        - OCCUPIED and LOOKASIDE: an overwrite in flight whose whole new
+//          value was staged in the lookaside before LOOKASIDE rose; taken from
+//          there if the lookaside names the same key and hash, else dropped
+//          (no whole value of the slot is known);
+//        - the stored rhash must be the reversed hash of the record's key
+//          under the old seed.
+//      Readers are not disturbed: nothing is stored into the files.
+//   2. the re-format below, unchanged: new kestor, new seed, files formatted
+//      in place with the kestor and size version published first, so readers
+//      of the old generation answer as detached, re-attach and resweep.
+//   3. the records go into the new generation by the insert path (without
+//      queue notifications: readers and shadows re-read the new generation
+//      whole), lowest old slot first; a second copy of a key (a slot move
+//      stopped between its copy and its retire) is dropped, so the copy in
+//      the lower slot, the move's target, is kept.
+//   The one write in flight is thus kept whole or lost, never half kept. A
+//   slot file that the attach did not keep (its header failed, another
+//   kestor) has nothing to read: the start ends in an empty re-format.
 // RE-FORMAT (reformat true):
 //   1-3. a new generation (kestor high half + 1) and the files attached under
 //      it: each finds the stored kestor differs and formats itself.
 //   4. the audit must pass, or the start throws.
-// Both finish by recording this writer in the owner file.
+//   5. a salvage carries its records in.
+// Both finish by recording this writer in the owner file. The outcome (new,
+// adopted, salvaged, re-formatted, with the reason) is traced at level 1 and
+// left in the side file of StartOutcome.h before the kestor file is written.
 //
 // CLEANUP (cleanup()):
 //   1. the owner file's lock and, by force, the directory's writer rights.
@@ -69,6 +96,7 @@ MirakWriter<OpsT>::MirakWriter(Lomi::Platform::DebugHandler& handler, char const
       ops_(ops),
       localMem_(desc.local),
       rootPath_(handler, name, desc.local),
+      salvage_(desc.salvage),
       quiesceHandler_(std::move(quiesceHandler)),
       criticalTaskCheck_(desc.criticalTaskCheck),
       shrinkBuckets_(desc.shrinkBuckets_),
@@ -150,12 +178,14 @@ void MirakWriter<OpsT>::attach() {
       kestorId_ = Parcel::KestorId(static_cast<uint16_t>(::getpid()), Impl::kestorCounter++);
     }
   }
+  startOutcome_ = StartOutcome();
   // Start step 4.
   bool const reformat = !ownerFile.validate();
   if (reformat) {
     FMTRACE(handler_, 1, "MirakWriter",
             "owner file validation failed, dumping owner file string: {}",
             ownerFile.headerToString());
+    startOutcome_.reason = "owner file invalid";
   }
   // Start step 5.
   ownerFile.typeNameIs(typeName_);
@@ -170,6 +200,13 @@ void MirakWriter<OpsT>::attach() {
   Mirak::Util::removeCorruptionFile(handler_, rootPath_);
   // Start step 8: readers can connect from now on.
   if (rusk_) rusk_->doEnableListen();
+  // The outcome, for the agent (startOutcome()), the trace and observers in
+  // other processes (the side file), before the kestor file: a start that
+  // dies between the two leaves a kestor that does not match, and the next
+  // start records its own.
+  startOutcome_.rows = members();
+  FMTRACE(handler_, 1, "MirakWriter", "start of {}: {}", rootPath_, startOutcome_.toString());
+  writeStartOutcome(handler_, rootPath_, startOutcome_);
   // Start step 9, the last of the file work: a writer that dies before it
   // leaves a kestor file that doesn't match the files, or none.
   kestorFile.write(kestorId_);
@@ -191,6 +228,8 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
               attachError_);
       FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
       FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+      startOutcome_.reason = "files not adopted: " + attachError_;
+      if (salvage_) collectSalvage();
       return false;
     }
     // Adoption step 2.
@@ -209,18 +248,39 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
               error);
       FMTRACE(handler_, 0, "MirakWriter", "{}", dumpHeaders());
       FMTRACE(handler_, 0, "MirakWriter", "owner file: {}", ownerFile.headerToString());
+      startOutcome_.reason = error;
+      if (salvage_) collectSalvage();
       return false;
     }
+    startOutcome_.kind = slotsAttach_ == Mem::attachNew ? StartOutcome::Kind::created
+                                                        : StartOutcome::Kind::adopted;
   } else {
     // Re-format steps 1-3: a new generation; every file formats itself since
     // the stored kestor differs.
-    FMTRACE(handler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_);
+    bool const salvaging = startOutcome_.kind == StartOutcome::Kind::salvaged;
+    if (!salvaging) {
+      FMTRACE(handler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_);
+    }
     kestorId_ = kestorId_.reformatted();
     attach(kestorId_);
     // Re-format step 4.
     if (!validate(kestorId_, error, false)) {
+      salvageRows_ = std::vector<Value>();
       throw Lomi::InvalidInitializeException("failed validation of new files of {}: {}", rootPath_,
                                              error);
+    }
+    // Re-format step 5.
+    if (salvaging) {
+      carrySalvage();
+    } else if (slotsAttach_ == Mem::attachNew) {
+      // There was no slot file: a first start (whose owner file is missing
+      // too), not a loss.
+      startOutcome_.kind = StartOutcome::Kind::created;
+      startOutcome_.reason.clear();
+    } else {
+      startOutcome_.kind = StartOutcome::Kind::reformatted;
+      if (startOutcome_.reason.empty()) startOutcome_.reason = attachError_;
+      if (!salvage_ && !startOutcome_.reason.empty()) startOutcome_.reason += " (salvage off)";
     }
   }
   // The finish, for both.
@@ -237,6 +297,7 @@ template <TablePolicy OpsT>
 bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
   counters_ = Writer::Counters();
   int const a = slots_.attach(kestor);
+  slotsAttach_ = a;
   int const b = map_.bucketWriter().attach(kestor.value());
   map_.thresholdsIs();
   // A table without a queue has no third file: the dummy answers 0, which
@@ -256,6 +317,92 @@ bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
   attachError_ = fmt::format("slots {}, buckets {}, queue {} (with kestor {})", what(a), what(b),
                              what(c), kestor);
   return false;
+}
+
+template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::collectSalvage() {
+  salvageRows_ = std::vector<Value>();
+  SlotTable::Header const* const h = slots_.header();
+  if (slotsAttach_ != Mem::attachKept || !h) {
+    startOutcome_.reason += "; the slot file was not kept, nothing to salvage";
+    return false;
+  }
+  // Salvage step 1. Bounded by what is mapped, whatever numSlots says.
+  uint64_t const mapped = slots_.wrapper().fileSize();
+  uint64_t const room = mapped > Slots::Geometry::headerSize
+                            ? (mapped - Slots::Geometry::headerSize) / Slots::Geometry::slotSize
+                            : 0;
+  uint64_t const n = std::min<uint64_t>(room, Mem::loadAcquire(h->numSlots).value);
+  auto const* const slots =
+      reinterpret_cast<SlotT const*>(slots_.base() + Slots::Geometry::headerSize);
+  auto const* const lookaside = reinterpret_cast<SlotT const*>(h->lookaside());
+  // A first pass over the words only, so the copies take one allocation.
+  uint64_t occupied = 0;
+  for (uint64_t i = 0; i < n; i++) {
+    occupied += (Mem::loadAcquire(slots[i].versionFlags) & SlotTable::OCCUPIED) != 0;
+  }
+  try {
+    salvageRows_.reserve(occupied);
+  } catch (std::bad_alloc const&) {
+    startOutcome_.reason += "; no memory to salvage";
+    return false;
+  }
+  for (uint64_t i = 0; i < n; i++) {
+    SlotT const& s = slots[i];
+    uint32_t const word = Mem::loadAcquire(s.versionFlags);
+    if (!(word & SlotTable::OCCUPIED)) {
+      if (word & SlotTable::LOOKASIDE) startOutcome_.unfinished++;
+      continue;
+    }
+    Value const* v = &s.value;
+    if (word & SlotTable::LOOKASIDE) {
+      // An overwrite in flight: its new value was whole in the lookaside
+      // before LOOKASIDE rose, and the slot's own bytes may be torn, all but
+      // its key, which an overwrite rewrites with the same bytes.
+      if (lookaside->rhash != s.rhash || !Ops::keyEqual(Ops::key(lookaside->value), Ops::key(s.value))) {
+        startOutcome_.torn++;
+        continue;
+      }
+      v = &lookaside->value;
+    }
+    // The hash under the old seed, which the attach took from the header.
+    if (Lomi::Util::reverse(ops_.hash(Ops::key(*v))) != s.rhash) {
+      startOutcome_.badHash++;
+      continue;
+    }
+    if (salvageRows_.size() == occupied) break;  // never beyond the first pass's count
+    salvageRows_.push_back(*v);
+  }
+  startOutcome_.kind = StartOutcome::Kind::salvaged;
+  FMTRACE(handler_, 1, "MirakWriter", "salvaging {} records of {} slots from {}", salvageRows_.size(),
+          n, rootPath_);
+  return true;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::carrySalvage() {
+  // Salvage step 3, into the new generation that nobody reads yet but
+  // through a re-attach.
+  size_t i = 0;
+  try {
+    for (; i < salvageRows_.size(); i++) {
+      Value const& value = salvageRows_[i];
+      Key const key = Ops::key(value);
+      uint32_t const hash = ops_.hash(key);
+      typename Slots::CriticalSectionAnchor anchor(&slots_);
+      Link* prev;
+      Link* curr;
+      if (map_.find(key, map_.bucketOf(hash), &prev, &curr, hash)) {
+        startOutcome_.duplicates++;
+        continue;
+      }
+      insertNew(value, hash, prev, curr);
+    }
+  } catch (TableFullException const&) {
+    // A fixed-size table smaller than the old one: the rest stays behind.
+    startOutcome_.noRoom += static_cast<uint32_t>(salvageRows_.size() - i);
+  }
+  salvageRows_ = std::vector<Value>();
 }
 
 template <TablePolicy OpsT>
@@ -326,7 +473,8 @@ void MirakWriter<OpsT>::cleanup() {
   }
   Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
   if (!localMem_) {
-    for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Parcel::WriterLock::kLifetimeFile}) {
+    for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Parcel::WriterLock::kLifetimeFile,
+                              START_OUTCOME_FILENAME}) {
       std::string const path = rootPath_.filePath(name);
       if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         throw Lomi::InvalidInitializeException("cannot remove {}: {}", path, std::strerror(errno));

@@ -76,6 +76,7 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/Atomics.h"
+#include "MirakCore/WriteStep.h"
 #include "Mirak/SlotStore.h"
 #include "Mirak/SlotTable.h"
 #include "MirakCore/CriticalTaskClock.h"
@@ -275,6 +276,7 @@ void SlotCompaction<Writer>::move(uint32_t from, uint32_t to, Link* prev) {
   FMTRACE(handler, 9, "MirakWriter", "moving fromSlot:{} toSlot:{}", from, to);
   // Step 6: from here on the chain runs through the new slot.
   SlotStore::relink(*prev, to);
+  MirakCore::writeStep<typename Writer::Ops>(MirakCore::WriteStep::moveLinked);
   // Step 7.
   w_.announce(to);
   // Step 8.

@@ -136,6 +136,18 @@ class Validator {
   Queue const& queue() const { return writer_->tesselWriter(); }
   uint32_t capacity() const { return writer_->slotTable().capacity(); }
 
+  // The walk's memory pipeline: it visits the buckets in bit-reversed order,
+  // each at a random place in the bucket file, and each chain's first slot at
+  // a random place in the slot file, so a table larger than the caches waits
+  // on memory at every step. Standing at `bucket`, it asks for the bucket
+  // entry kFarBuckets ahead in the walk, and for the head slot (and the
+  // slot's queue back reference) of the one kNearBuckets ahead, whose entry
+  // it asked for earlier. Only hints: nothing read here is trusted or
+  // checked, and an index out of range is simply not prefetched.
+  static constexpr uint32_t kFarBuckets = 24;
+  static constexpr uint32_t kNearBuckets = 12;
+  void prefetchAhead(uint32_t bucket) const;
+
   // A walk's failure: keeps the first text, traces it, answers false.
   template <typename... Args>
   bool fail(fmt::format_string<Args...> f, Args&&... args) {
@@ -237,11 +249,16 @@ bool Validator<Ops, Writer>::walkOccupiedSlots() {
   auto visit = [this](uint32_t index, SlotT const& s, uint32_t hash, bool slowPath) {
     visitSlot(index, s, hash, slowPath);
   };
+  uint32_t lastBucket = kNoSlot;
   try {
     for (bool more = map.first(0, value, hint, visit); more;) {
       // A cycle that the marks do not catch ends here.
       if (++walked > occupied) {
         return fail("walkedSlots:{} is greater than header->occupiedSlots:{}", walked, occupied);
+      }
+      if (hint.bucket != lastBucket) {
+        lastBucket = hint.bucket;
+        prefetchAhead(hint.bucket);
       }
       Key const key = Ops::key(value);
       more = map.next(key, value, hint, visit);
@@ -264,6 +281,26 @@ bool Validator<Ops, Writer>::walkOccupiedSlots() {
     return fail("mismatch header->occupiedSlots:{} count:{}", occupied, occupiedCount_);
   }
   return true;
+}
+
+template <typename Ops, typename Writer>
+void Validator<Ops, Writer>::prefetchAhead(uint32_t bucket) const {
+  auto const& buckets = writer_->hashMap().bucketWriter();
+  uint32_t const bits = buckets.bucketFactor();
+  uint32_t const n = buckets.numBuckets();
+  if (bits == 0 || n <= kFarBuckets || bucket >= n) return;
+  // Position in the walk <-> bucket: the bits reversed within `bits`.
+  auto const flip = [bits](uint32_t x) { return Lomi::Util::reverse(x) >> (32 - bits); };
+  uint32_t const pos = flip(bucket);
+  if (pos + kFarBuckets < n) __builtin_prefetch(&buckets[flip(pos + kFarBuckets)]);
+  if (pos + kNearBuckets < n) {
+    uint32_t const head = Mem::loadAcquire(buckets[flip(pos + kNearBuckets)]).next;
+    if (head < capacity()) {
+      auto const* p = reinterpret_cast<char const*>(&slot(head));
+      __builtin_prefetch(p);
+      __builtin_prefetch(p + sizeof(SlotT) - 1);
+    }
+  }
 }
 
 template <typename Ops, typename Writer>

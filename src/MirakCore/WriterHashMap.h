@@ -55,6 +55,7 @@
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "Mem/Atomics.h"
+#include "MirakCore/WriteStep.h"
 #include "MirakCore/BitReverse.h"
 #include "MirakCore/BucketWriter.h"
 #include "MirakCore/CriticalTaskClock.h"
@@ -433,6 +434,7 @@ void WriterHashMap<Access, SlotTableT>::growBuckets() {
     Mem::storeRelease(head, Link{head.version + Link::kVersionStep, link->next});
     clock.tick();
   }
+  writeStep<Access>(WriteStep::bucketsSplitting);
   // Grow step 2: publish the doubled count.
   auto& count = buckets_.header()->numBuckets;
   Mem::storeRelease(count, Mem::VersionedRef<unsigned int>{count.version + 1, 2 * n});

@@ -1,7 +1,8 @@
 // A writer's start, restart and crash behaviour, with real processes on real
 // files: adopting after a clean exit and after SIGKILL outside a critical
-// section, re-formatting after a kill with a stuck LOOKASIDE bit, a table of
-// damaged files each re-formatted for its own reason, a second writer refused
+// section, salvaging after a kill with a stuck LOOKASIDE bit, a table of
+// damaged files each salvaged or re-formatted for its own reason (the kill
+// points inside each operation are Salvage_test.cpp's), a second writer refused
 // while the owner lives, cleanup with a damaged owner file, and the stale
 // corruption marker.
 #include <fcntl.h>
@@ -22,6 +23,7 @@
 #include "FlowTracking/TableRows.h"
 #include "FlowTracking/TableWriters.h"
 #include "Lomi/Trace.h"
+#include "Mirak/StartOutcome.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Util.h"
 #include "Parcel/KestorFile.h"
@@ -160,17 +162,38 @@ void expectReformatted(TableFacts const& before, TraceCapture const& trace, Writ
   EXPECT_EQ(w.members(), 0u);
   EXPECT_TRUE(trace.contains(reason)) << "wanted \"" << reason << "\" in:\n" << trace.all();
   EXPECT_TRUE(trace.contains("will be lost"));
+  EXPECT_EQ(w.startOutcome().kind, Mirak::StartOutcome::Kind::reformatted);
+  EXPECT_EQ(Parcel::KestorFile(handler(), w.rootPath(), false).read(), w.kestorId());
+}
+
+// Refused for `reason`, but every record of the slot file was read and
+// carried into a new generation; `dropped` of them were not whole.
+void expectSalvaged(TableFacts const& before, TraceCapture const& trace, Writer const& w,
+                    std::string const& reason, uint32_t dropped) {
+  Parcel::KestorId const old(before.kestor);
+  Mirak::StartOutcome const& o = w.startOutcome();
+  EXPECT_EQ(o.kind, Mirak::StartOutcome::Kind::salvaged) << o.toString();
+  EXPECT_EQ(w.kestorId().high(), static_cast<uint16_t>(old.high() + 1)) << trace.all();
+  EXPECT_EQ(w.kestorId().low(), old.low());
+  EXPECT_EQ(w.members(), before.members - dropped);
+  EXPECT_EQ(o.rows, w.members());
+  EXPECT_EQ(o.dropped(), dropped) << o.toString();
+  EXPECT_TRUE(trace.contains(reason)) << "wanted \"" << reason << "\" in:\n" << trace.all();
+  EXPECT_TRUE(trace.contains("salvaged")) << trace.all();
+  EXPECT_FALSE(trace.contains("will be lost")) << trace.all();
   EXPECT_EQ(Parcel::KestorFile(handler(), w.rootPath(), false).read(), w.kestorId());
 }
 
 // A kill inside a critical section (an open directWrite) is the harness's
 // crash mode, stress.crash, and the damage row CriticalBitLeftSet below.
-TEST(CrashTest, AStuckLookasideBitReformats) {
+TEST(CrashTest, AStuckLookasideBitWithoutItsStagedValueLosesOnlyThatRow) {
   MirakTest::TempRoot root;
   uint32_t word = 0;
   RecordPipe wordPipe;
   // The child dies between the two stores of an overwrite's version word:
-  // LOOKASIDE up, the critical bit already cleared by an earlier path.
+  // LOOKASIDE up, the critical bit already cleared by an earlier path, and
+  // the lookaside holding another row's value: no whole value of row 7 is
+  // known, so it alone stays behind.
   TableFacts const before = runChildWriter(true, [&](Writer& w) {
     bool found;
     w.lookup(row<HoIpFlowConfig>(7).key(), found, nullptr);
@@ -183,8 +206,12 @@ TEST(CrashTest, AStuckLookasideBitReformats) {
   ASSERT_TRUE(wordPipe.receive(word));
   TraceCapture trace;
   auto w = startWriter();
-  expectReformatted(before, trace, *w, fmt::format("stuck LOOKASIDE bit: {:#x}", word));
+  expectSalvaged(before, trace, *w, fmt::format("stuck LOOKASIDE bit: {:#x}", word), 1);
+  EXPECT_EQ(w->startOutcome().torn, 1u);
   EXPECT_TRUE(w->validate());
+  bool found = true;
+  w->lookup(row<HoIpFlowConfig>(7).key(), found, nullptr);
+  EXPECT_FALSE(found);
 }
 
 // ---------------------------------------------------------------------------
@@ -230,6 +257,8 @@ struct Damage {
   char const* name;
   // Damages the files; returns the reason the next start must give.
   std::function<std::string(std::string const& dir)> apply;
+  // The slot file's header still reads, so its records are carried over.
+  bool salvaged = true;
 };
 
 std::vector<Damage> damages() {
@@ -279,13 +308,15 @@ std::vector<Damage> damages() {
          SlotFile f(dir + "/slots");
          f.header().valueType[500] ^= 0x40;  // behind the terminator, still covered
          return std::string("checksum fail");
-       }},
+       },
+       false},
       {"WrongKestorInTheSlotFile",
        [](std::string const& dir) {
          SlotFile f(dir + "/slots");
          f.header().kestor ^= 0x10000;
          return std::string("failed to attach to existing files");
-       }},
+       },
+       false},
       {"MissingBucketFile",
        [](std::string const& dir) {
          std::filesystem::remove(dir + "/buckets");
@@ -302,17 +333,25 @@ std::vector<Damage> damages() {
 
 class DamagedFilesTest : public ::testing::TestWithParam<Damage> {};
 
-TEST_P(DamagedFilesTest, AreReformattedNeverAdopted) {
+TEST_P(DamagedFilesTest, AreSalvagedOrReformattedNeverAdopted) {
   MirakTest::TempRoot root;
   TableFacts const before = runChildWriter(false);
   std::string const dir = root.path() + "/" + kTable;
   std::string const reason = GetParam().apply(dir);
   TraceCapture trace;
   auto w = startWriter();
-  expectReformatted(before, trace, *w, reason);
+  if (GetParam().salvaged) {
+    // Each damage is in the chains, the free list or the counters; the
+    // records themselves are whole.
+    expectSalvaged(before, trace, *w, reason, 0);
+    expectWorkload(*w);
+  } else {
+    expectReformatted(before, trace, *w, reason);
+  }
   EXPECT_TRUE(w->validate());
-  w->write(row<HoIpFlowConfig>(1, 9), true);
-  EXPECT_EQ(w->members(), 1u);
+  uint32_t const members = w->members();
+  w->write(row<HoIpFlowConfig>(1000, 9), true);
+  EXPECT_EQ(w->members(), members + 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(OneWayPerRow, DamagedFilesTest, ::testing::ValuesIn(damages()),

@@ -5,9 +5,13 @@
 // moment, drains the pipe, and starts a writer itself on the same directory.
 // That start must either adopt, and then the table validates and holds every
 // completed operation (the one in flight in its old or its new state) with
-// every checksum right; or re-format, and then only because the kill fell
-// inside a critical section, as the start's trace says. Reader processes read
-// through all trials and must never crash, see a torn value or a wrong key.
+// every checksum right; or salvage, and then only because the kill fell
+// inside a critical section, as the start's outcome says, and the new
+// generation validates and holds every completed operation just the same.
+// A re-format is a fault: it loses completed writes, which are counted. The
+// completions are sent after the call returned, so a completion in the pipe
+// is a write the table owed the agent. Reader processes read through all
+// trials and must never crash, see a torn value or a wrong key.
 #include <signal.h>
 
 #include <map>
@@ -17,6 +21,7 @@
 
 #include <fmt/format.h>
 
+#include "Mirak/StartOutcome.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
 #include "stress/Modes.h"
@@ -144,7 +149,14 @@ struct Figures {
   uint64_t ops = 0;
   uint64_t killsInFlight = 0;
   uint64_t adoptions = 0;
+  uint64_t salvages = 0;
   uint64_t reformats = 0;
+  // Rows of a salvage left behind, by reason (the write in flight only).
+  uint64_t salvageDropped = 0;
+  // Completed writes missing after a restart, or holding an older value.
+  uint64_t lostWrites = 0;
+  // Restarts that kept a table which then failed its checks.
+  uint64_t invalidAdoptions = 0;
   std::map<std::string, uint64_t> reasons;
   uint32_t mostCapacity = 0;
   uint32_t capacityFellTo = 0;
@@ -157,6 +169,7 @@ struct Figures {
 // Returns the faults found.
 std::vector<std::string> checkAdopted(Writer& w, Model& model, OpMessage const* inFlight,
                                       Figures& fig) {
+  uint64_t lost = 0;
   std::vector<std::string> faults;
   std::string error;
   if (!w.validate(w.kestorId(), error, false)) faults.push_back("validation failed: " + error);
@@ -170,8 +183,10 @@ std::vector<std::string> checkAdopted(Writer& w, Model& model, OpMessage const* 
     bool found = false;
     Value const* v = w.lookup(ipFlowKey(id), found, nullptr);
     if (!found) {
+      lost++;
       faults.push_back(fmt::format("completed row {} is missing", id));
     } else if (!(*v == makeValue(id, packets))) {
+      lost++;
       faults.push_back(fmt::format("row {} holds packets {} instead of {}; its operations:{}", id,
                                    v->packets(), packets, model.history.at(id)));
     }
@@ -216,6 +231,7 @@ std::vector<std::string> checkAdopted(Writer& w, Model& model, OpMessage const* 
   if (w.members() != walked) {
     faults.push_back(fmt::format("members {} but a walk found {}", w.members(), walked));
   }
+  fig.lostWrites += lost;
   return faults;
 }
 
@@ -298,12 +314,38 @@ int runCrash(Options const& o) {
 
     TraceCapture trace;
     auto w = makeSharedWriter<Record>(kTable, workloadDescriptor(o.ids));
-    bool const reformatted = w->kestorId() != kestor || trace.contains("will be lost");
-    if (!reformatted) {
-      fig.adoptions++;
+    Mirak::StartOutcome const outcome = w->startOutcome();
+    using Kind = Mirak::StartOutcome::Kind;
+    bool const kept = outcome.kind == Kind::adopted || outcome.kind == Kind::salvaged;
+    if (outcome.kind == Kind::adopted && w->kestorId() != kestor) {
+      failures.push_back(fmt::format("trial {}: adopted under another kestor {} (was {})", trial,
+                                     w->kestorId(), kestor));
+    }
+    if (outcome.kind != Kind::adopted) {
+      // Why the files were not adopted, without its numbers, for the count.
+      std::string const& reason = outcome.reason;
+      std::string const kind = reason.substr(0, reason.find(':'));
+      fig.reasons[kind.empty() ? "(none given)" : kind]++;
+      bool const critical = reason.find("bad critical section") != std::string::npos ||
+                            reason.find("stuck LOOKASIDE bit") != std::string::npos;
+      if (!critical || !haveInFlight) {
+        failures.push_back(fmt::format("trial {}: {} with {} operation in flight",
+                                       trial, outcome.toString(), haveInFlight ? "an" : "no"));
+        if (o.verbose) fmt::print("{}\n", trace.all());
+      }
+      // Records left behind can only be the one write in flight.
+      if (outcome.dropped() > (haveInFlight ? 1u : 0u)) {
+        failures.push_back(fmt::format("trial {}: {}", trial, outcome.toString()));
+      }
+    }
+    if (kept) {
+      (outcome.kind == Kind::adopted ? fig.adoptions : fig.salvages)++;
+      fig.salvageDropped += outcome.dropped();
       auto const faults = checkAdopted(*w, model, haveInFlight ? &inFlight : nullptr, fig);
+      if (!faults.empty()) fig.invalidAdoptions++;
       for (auto const& f : faults) {
-        failures.push_back(fmt::format("trial {}: adopted table: {}", trial, f));
+        failures.push_back(fmt::format("trial {}: {} table: {}", trial,
+                                       Mirak::formatStartOutcomeKind(outcome.kind), f));
         if (o.verbose) fmt::print("{}\n", trace.all());
       }
       fig.mostCapacity = std::max(fig.mostCapacity, w->capacity());
@@ -311,20 +353,13 @@ int runCrash(Options const& o) {
         fig.capacityFellTo =
             fig.capacityFellTo ? std::min(fig.capacityFellTo, w->capacity()) : w->capacity();
       }
+      kestor = w->kestorId();
     } else {
+      // Salvage is on: an empty re-format loses every completed row.
       fig.reformats++;
-      std::string const reason = trace.reformatReason();
-      // The reason without its numbers, for the count.
-      std::string const kind = reason.substr(0, reason.find(':'));
-      fig.reasons[kind.empty() ? "(none traced)" : kind]++;
-      bool const critical = reason.find("bad critical section") != std::string::npos ||
-                            reason.find("stuck LOOKASIDE bit") != std::string::npos;
-      if (!critical || !haveInFlight) {
-        failures.push_back(
-            fmt::format("trial {}: re-formatted for '{}' with {} operation in flight", trial,
-                        reason, haveInFlight ? "an" : "no"));
-        if (o.verbose) fmt::print("{}\n", trace.all());
-      }
+      fig.lostWrites += model.rows.size();
+      failures.push_back(fmt::format("trial {}: {} lost {} completed rows", trial,
+                                     outcome.toString(), model.rows.size()));
       if (!w->validate())
         failures.push_back(fmt::format("trial {}: re-formatted table fails", trial));
       model = Model();
@@ -332,7 +367,7 @@ int runCrash(Options const& o) {
     }
     if (o.verbose) {
       fmt::print("trial {}: ops {} in flight {} {} capacity {} members {}\n", trial, done,
-                 haveInFlight, reformatted ? "re-formatted" : "adopted", w->capacity(),
+                 haveInFlight, outcome.toString(), w->capacity(),
                  w->members());
     }
   }
@@ -345,10 +380,14 @@ int runCrash(Options const& o) {
   std::string reasons;
   for (auto const& [r, n] : fig.reasons) reasons += fmt::format(" '{}':{}", r, n);
   fmt::print(
-      "crash: trials {} completed ops {} kills with an op in flight {} | adoptions {} (in-flight "
-      "op landed {}, not landed {}) re-formats {}{} | capacity most {} fell to {}\n",
-      fig.trials, fig.ops, fig.killsInFlight, fig.adoptions, fig.inFlightLanded,
-      fig.inFlightNotLanded, fig.reformats, reasons, fig.mostCapacity, fig.capacityFellTo);
+      "crash: trials {} completed ops {} kills with an op in flight {} | adopted {} salvaged {} "
+      "re-formatted {} (in-flight op landed {}, not landed {}; salvage dropped {}){} | capacity "
+      "most {} fell to {}\n",
+      fig.trials, fig.ops, fig.killsInFlight, fig.adoptions, fig.salvages, fig.reformats,
+      fig.inFlightLanded, fig.inFlightNotLanded, fig.salvageDropped, reasons, fig.mostCapacity,
+      fig.capacityFellTo);
+  fmt::print("crash: lost completed writes {} invalid adoptions {}\n", fig.lostWrites,
+             fig.invalidAdoptions);
   fmt::print("crash: readers {}\n", all.toString());
   fmt::print("crash: reader crashes {} torn reads {} over {} reads\n", crashed, all.torn,
              all.reads);
@@ -358,7 +397,7 @@ int runCrash(Options const& o) {
   if (all.otherExceptions) failures.push_back("readers saw unexpected exceptions");
   // A reader whose files were re-formatted under it may see the damage once
   // per re-format before it re-attaches; anything beyond that is a fault.
-  if (all.corruptionExceptions > fig.reformats * o.readers) {
+  if (all.corruptionExceptions > (fig.reformats + fig.salvages) * o.readers) {
     failures.push_back("readers reported damage without a re-format");
   }
   if (all.reads == 0) failures.push_back("the readers did not read");

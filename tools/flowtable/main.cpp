@@ -27,6 +27,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,7 @@
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Mirak/StartOutcome.h"
 #include "Mirak/Util.h"
 #include "TableAccess.h"
 #include "Text.h"
@@ -285,6 +287,10 @@ int cmdShow(Options const& o) {
   auto const table = attach(o, s);
   std::string const headers = table->dumpHeaders();
   std::string const counters = table->readerCounters();
+  // What the writer's last start did, from its side file; none from a writer
+  // that predates it.
+  std::optional<std::string> lastStart;
+  if (auto const outcome = Mirak::readStartOutcome(s.dir)) lastStart = outcome->toString();
   // The table attached, so it is shown; what else of it could not be read
   // (its owner record, say) is said beside it.
   for (auto const& e : s.errors) {
@@ -293,16 +299,19 @@ int cmdShow(Options const& o) {
   if (o.json) {
     fmt::print(
         "{{\"name\": {}, \"valueType\": {}, \"entries\": {}, \"kestor\": {}, \"writerPid\": {}, "
-        "\"writerAlive\": {}, \"headers\": {}, \"readerCounters\": {}}}\n",
+        "\"writerAlive\": {}, \"lastStart\": {}, \"headers\": {}, \"readerCounters\": {}}}\n",
         jsonString(s.name), jsonString(s.header->valueType), table->members(),
         jsonString(fmt::format("{}", Parcel::KestorId(s.kestor))), s.writerPid,
-        s.writerAlive ? "true" : "false", jsonString(headers), jsonString(counters));
+        s.writerAlive ? "true" : "false", lastStart ? jsonString(*lastStart) : "null",
+        jsonString(headers), jsonString(counters));
     return kOk;
   }
   fmt::print(
-      "table {}\nvalue type {}\nentries {}\nwriter pid {} ({})\n\n{}\n\nreader counters: {}\n",
+      "table {}\nvalue type {}\nentries {}\nwriter pid {} ({})\nlast start: {}\n\n{}\n\nreader "
+      "counters: {}\n",
       printable(s.name), printable(s.header->valueType), table->members(), s.writerPid,
-      s.writerAlive ? "alive" : "not alive", printable(headers, true), printable(counters));
+      s.writerAlive ? "alive" : "not alive", lastStart ? printable(*lastStart) : "unknown",
+      printable(headers, true), printable(counters));
   return kOk;
 }
 
