@@ -243,6 +243,33 @@ bool writeAll(int fd, void const* data, size_t size) {
   return true;
 }
 
+// One command down `fd`, waited for up to `timeoutMs`; false on a timeout, a
+// closed pipe or a short read.
+template <typename C>
+bool receiveCommand(int fd, C& c, int timeoutMs) {
+  pollfd p{fd, POLLIN, 0};
+  int rc;
+  do {
+    rc = ::poll(&p, 1, timeoutMs);
+  } while (rc < 0 && errno == EINTR);
+  if (rc <= 0) return false;
+  ssize_t n;
+  do {
+    n = ::read(fd, &c, sizeof c);
+  } while (n < 0 && errno == EINTR);
+  return n == sizeof c;
+}
+
+// A child's failure: the reason into its shared `error`, then 'f' up
+// `replies`. Returns the child's exit status, 1.
+template <size_t N>
+int failWith(char (&error)[N], int replies, std::string const& why) {
+  std::snprintf(error, N, "%s", why.c_str());
+  char const f = 'f';
+  writeAll(replies, &f, 1);
+  return 1;
+}
+
 // ---------------------------------------------------------------------------
 // The reader process.
 
@@ -416,27 +443,9 @@ class ReaderProcess {
     return ep;
   }
 
-  bool receive(Command& c) {
-    pollfd p{ends_.commands, POLLIN, 0};
-    int rc;
-    do {
-      rc = ::poll(&p, 1, 60000);
-    } while (rc < 0 && errno == EINTR);
-    if (rc <= 0) return false;
-    ssize_t n;
-    do {
-      n = ::read(ends_.commands, &c, sizeof c);
-    } while (n < 0 && errno == EINTR);
-    return n == sizeof c;
-  }
-
+  bool receive(Command& c) { return receiveCommand(ends_.commands, c, 60000); }
   bool reply(char c) { return writeAll(ends_.replies, &c, 1); }
-
-  int fail(std::string const& why) {
-    std::snprintf(shared_.error, sizeof shared_.error, "%s", why.c_str());
-    reply('f');
-    return 1;
-  }
+  int fail(std::string const& why) { return failWith(shared_.error, ends_.replies, why); }
 
   bool problem() const { return shadow_.disconnected || !shadow_.corruption.empty(); }
   std::string problemText() const {
@@ -736,25 +745,9 @@ class FollowerProcess {
  private:
   static Lomi::EventLoop& loop() { return Lomi::EventLoop::defaultLoop(); }
 
-  bool receive(FollowerCommand& c) {
-    pollfd p{ends_.commands, POLLIN, 0};
-    int rc;
-    do {
-      rc = ::poll(&p, 1, 120000);
-    } while (rc < 0 && errno == EINTR);
-    if (rc <= 0) return false;
-    ssize_t n;
-    do {
-      n = ::read(ends_.commands, &c, sizeof c);
-    } while (n < 0 && errno == EINTR);
-    return n == sizeof c;
-  }
+  bool receive(FollowerCommand& c) { return receiveCommand(ends_.commands, c, 120000); }
   bool reply(char c) { return writeAll(ends_.replies, &c, 1); }
-  int fail(std::string const& why) {
-    std::snprintf(f_.error, sizeof f_.error, "%s", why.c_str());
-    reply('f');
-    return 1;
-  }
+  int fail(std::string const& why) { return failWith(f_.error, ends_.replies, why); }
   bool problem() const { return shadow_->disconnected || !shadow_->corruption.empty(); }
 
   // A fresh shadow sweeps the table: the time from start() until the sweep

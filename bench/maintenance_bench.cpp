@@ -39,13 +39,7 @@ std::unique_ptr<Writer> startWriter(std::string const& name, uint32_t size, bool
 std::unique_ptr<Writer> freshWriter(uint32_t size, bool shrinkSlots) {
   benchRoot();
   static int tableNo = 0;
-  std::string const name = "maintenance/t" + std::to_string(tableNo++);
-  Mirak::MapDescriptor d(size);
-  d.shrinkSlots = shrinkSlots;
-  auto w = std::make_unique<Writer>(Lomi::Platform::getDebugHandler("bench"), name.c_str(), d,
-                                    HoIpFlowConfigOps(0));
-  w->initialize("bench");
-  return w;
+  return startWriter("maintenance/t" + std::to_string(tableNo++), size, shrinkSlots);
 }
 
 uint64_t allocatedBytes(Writer const& w) {
