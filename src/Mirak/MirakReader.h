@@ -14,11 +14,8 @@
 //     "corruption-detected" in the table's directory. It throws
 //     Lomi::InvalidInitializeException "Hardware does not support Atomics" on
 //     a build or processor without lock-free 8-byte access.
-//   - first, next, getValue return a result only if neither file's size
-//     version moved during the whole operation; lookup and lookupBulk only
-//     if the bucket file's did not, and they ask the slot file's size on
-//     their way out once in kSlotCheckEvery keys (see readLoop for why they
-//     need not ask each time). They throw
+//   - lookup, lookupBulk, first, next, getValue return a result only if
+//     neither file's size version moved during the whole operation. They throw
 //     Lomi::CorruptionDetectedException only when a walk failed and neither
 //     file had been resized: then the table is damaged. A refused remap is
 //     Lomi::MemoryResourceException. A detached reader answers absence.
@@ -157,26 +154,10 @@ class MirakReader : public MirakInterface<OpsT> {
   Value& valueBuffer() const { return buffer_; }
 
  private:
-  // Whether a completed operation asks the slot file's size before its
-  // result is returned (see readLoop).
-  enum class SlotCheck { always, onRetry };
-  // Lookups ask the slot file's size once in this many keys, so that a
-  // reader that only looks up still follows a shrink and lets go of the
-  // tail it no longer needs.
-  static constexpr uint32_t kSlotCheckEvery = 256;
-  // The check for an operation over `keys` keys.
-  SlotCheck lookupSlotCheck(uint32_t keys) const {
-    lookupsSinceSlotCheck_ += keys;
-    if (lookupsSinceSlotCheck_ < kSlotCheckEvery) return SlotCheck::onRetry;
-    lookupsSinceSlotCheck_ = 0;
-    return SlotCheck::always;
-  }
   // The read wrapper: runs `op` until it completes with neither file resized
-  // under it (with SlotCheck::onRetry: the bucket file). See the contract
-  // for what escapes.
+  // under it. See the contract for what escapes.
   template <typename Op>
-  auto readLoop(Op&& op, IterHint* hint, SlotCheck slotCheck = SlotCheck::always) const
-      -> decltype(op());
+  auto readLoop(Op&& op, IterHint* hint) const -> decltype(op());
   void resetAnchor() const { slots_.anchor().reset(); }
   // Unmaps both files after a re-format under this reader.
   void letGoOfReformattedFiles() const;
@@ -192,7 +173,6 @@ class MirakReader : public MirakInterface<OpsT> {
   mutable Value buffer_{};
   RetryHook retryHook_;
   mutable bool reformatSeen_ = false;
-  mutable uint32_t lookupsSinceSlotCheck_ = 0;
 };
 
 // ---------------------------------------------------------------------------
@@ -294,29 +274,21 @@ void MirakReader<OpsT>::detach(bool) {
   FMTRACE(handler_, 1, "MirakReader", "{} detached", rootPath_);
 }
 
-// SlotCheck::onRetry, the way of lookups: the slot header's `numSlots` lies
-// in one cache line with `runtimeFlags`, `occupiedSlots` and `freeSlots`
-// (offsets 512..575), which the writer stores on every write, so asking it
-// after every lookup costs a line from the writer's cache whenever a writer
-// is busy. A lookup's answer does not need it: a slot a grow added is beyond
-// the private capacity and raises "out-of-range index" (and the catch below
-// remaps); a compaction moves rows by the link and word protocol, which the
-// walk checks on its own; and a mapping once valid stays readable, because
-// the file is never made shorter. The bucket count is still asked: absence
-// must not be reported on a bucket count that the header has left. Once in
-// kSlotCheckEvery keys a lookup asks the slot header too, so that the
-// mapping still follows a shrink in a reader that only looks up. Walks
-// (first, next) and getValue keep the full check: their hints and slot
-// numbers are held across calls and must be judged under today's capacity.
+// Every operation asks both headers after it completed. The slot header's
+// is the one that tells a re-format: the writer publishes the new kestor
+// and size version before it formats a single slot, so a lookup that read a
+// slot while it was being formatted finds numSlots moved here and retries.
+// Skipping the question on lookups (it shares a line with counters that
+// every write stores) let a reader return a value torn by a re-format in a
+// reliability run, so it is asked every time.
 template <TablePolicy OpsT>
 template <typename Op>
-auto MirakReader<OpsT>::readLoop(Op&& op, IterHint* hint, SlotCheck slotCheck) const
-    -> decltype(op()) {
+auto MirakReader<OpsT>::readLoop(Op&& op, IterHint* hint) const -> decltype(op()) {
   auto& bucketReader = map_.bucketReader();
   for (;;) {
     try {
       auto result = op();
-      bool const slotChanged = slotCheck == SlotCheck::always && slots_.doResize();
+      bool const slotChanged = slots_.doResize();
       bool const bucketChanged = bucketReader.resize();
       if (!slotChanged && !bucketChanged) return result;
       if (bucketChanged) counters_->bucketResizes++;
@@ -357,7 +329,7 @@ auto MirakReader<OpsT>::lookup(Key const& keyIn, bool& found, void* buffer) cons
   Key const key = keyIn;
   bool hit = false;
   Value const* const p =
-      readLoop([&] { return map_.lookup(key, hit, buffer); }, nullptr, lookupSlotCheck(1));
+      readLoop([&] { return map_.lookup(key, hit, buffer); }, nullptr);
   found = hit;
   if (hit) return p;
   resetAnchor();
@@ -374,8 +346,8 @@ uint32_t MirakReader<OpsT>::lookupBulk(Key const* keys, uint32_t count, Value* v
   uint32_t hits = 0;
   for (uint32_t at = 0; at < count; at += Map::kBulkMax) {
     uint32_t const group = std::min(Map::kBulkMax, count - at);
-    uint64_t const mask = readLoop([&] { return map_.lookupBulk(keys + at, group, values + at); },
-                                   nullptr, lookupSlotCheck(group));
+    uint64_t const mask =
+        readLoop([&] { return map_.lookupBulk(keys + at, group, values + at); }, nullptr);
     for (uint32_t i = 0; i < group; i++) {
       bool const hit = (mask >> i) & 1;
       found[at + i] = hit;
