@@ -1,6 +1,7 @@
 #include "Mem/Local.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -42,6 +43,16 @@ void* Local::resize(uint64_t size) {
   base_ = p;
   size_ = size;
   return base_;
+}
+
+bool Local::prefault(uint64_t from, uint64_t to) {
+#ifndef MADV_POPULATE_WRITE
+  constexpr int MADV_POPULATE_WRITE = 23;  // Linux 5.14
+#endif
+  if (!base_ || from >= to || to > size_) return false;
+  uint64_t const page = uint64_t(::sysconf(_SC_PAGESIZE));
+  uint64_t const start = from / page * page;
+  return ::madvise(static_cast<char*>(base_) + start, to - start, MADV_POPULATE_WRITE) == 0;
 }
 
 void Local::detach() {

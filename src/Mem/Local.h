@@ -26,6 +26,11 @@ class Local {
   // (the old block then stays mapped and valid).
   void* resize(uint64_t size);
   void detach();
+  // Maps in the pages of bytes [from, to) of the block now, in one call, so
+  // that the writes that follow take no page fault each (a fresh block costs
+  // one fault per page on first touch). A speed hint only: false if the
+  // kernel cannot, and the pages then come on first touch as before.
+  bool prefault(uint64_t from, uint64_t to);
 
   void* base() const { return base_; }
   uint64_t size() const { return size_; }

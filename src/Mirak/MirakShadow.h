@@ -110,6 +110,9 @@ class MirakShadow : public MirakShadowBase, public MirakInterface<OpsT> {
   void doFlushSlot(unsigned slot) override {
     if (store_) store_->doFlushSlot(slot);
   }
+  void prefetch(Tessel::BasicSlot slot) override {
+    if (store_) store_->prefetch(slot);
+  }
   void syncComplete() override;
   void flushComplete() override;
   void handleDisconnect() override;

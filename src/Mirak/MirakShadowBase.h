@@ -88,6 +88,9 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   // True: taken in; false: rejected because the queue entry no longer counts
   // (see TesselReader).
   bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override = 0;
+  // A slot that a queue entry a few places ahead names: a derived shadow may
+  // start the loads its doSlot will make. A hint only.
+  void prefetch(Tessel::BasicSlot) override {}
   virtual void doFlushSlot(unsigned slot) = 0;
   // The end of a sync sweep: sequence() holds the sweep's head already.
   virtual void syncComplete() = 0;

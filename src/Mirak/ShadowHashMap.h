@@ -16,6 +16,10 @@
 //
 // Load: one entry per bucket on average. The array doubles when members pass
 // numBuckets and halves when they fall to a quarter, never below 2 buckets.
+// A copy about to take in a whole table reserves its size first: one resize
+// instead of a doubling at each power of 2 on the way, each over all entries.
+// Only a new key is hashed: a slot rewritten with its own key keeps its place
+// (rewrite).
 //
 // Invariants: every live slot is in exactly one chain and its `prev` points to
 // the location that points to it; a chain's first slot's `prev` is its bucket
@@ -116,6 +120,50 @@ class ShadowHashMap {
     if (counters_.members > numBuckets_) grow();
     return true;
   }
+
+  // `slot` already holds its key, in its chain under `slotIndex` (its value
+  // may be new): the index needs no change, so neither the hash nor the
+  // chain is looked at. What write() yields for that case.
+  bool rewrite(uint32_t slotIndex, Slot const& slot, bool updated) {
+    counters_.shadowWrites++;
+    FMTRACE(handler_, 8, "ShadowHashMap", "slotIndex:{} key:{} no index update needed",
+            slotIndex, Ops::keyText(slot.key()));
+    return updated;
+  }
+
+  // Makes room for `members` entries at the load limit: doubles the array
+  // until they fit, so that entering them grows nothing. A copy that is to
+  // take in a table of n rows does this once before, instead of doubling
+  // about log2(n) times while it fills, each time over all entries so far.
+  void reserve(uint32_t members) {
+    uint32_t target = numBuckets_;
+    while (target < members && target < kMaxBuckets) target *= 2;
+    if (target == numBuckets_) return;
+    if (counters_.members != 0) {
+      // Entries are in: each doubling splits the chains in order.
+      while (numBuckets_ < target) grow();
+      return;
+    }
+    // Empty: one resize to the size, all entries null.
+    uint32_t const from = numBuckets_;
+    FMTRACE(handler_, 2, "ShadowHashMap", "buckets growing from:{} to:{}", from, target);
+    auto* const bigger = static_cast<Slot**>(mem_.resize(uint64_t(target) * sizeof(Slot*)));
+    if (!bigger) {
+      throw Lomi::MemoryResourceException("failed to resize {} from {} to {} buckets : {}",
+                                          "private memory", from, target, mem_.lastError());
+    }
+    buckets_ = bigger;
+    std::memset(buckets_, 0, uint64_t(target) * sizeof(Slot*));
+    while (numBuckets_ < target) {
+      numBuckets_ *= 2;
+      bucketFactor_++;
+      counters_.shadowBucketGrows++;
+    }
+  }
+
+  // Starts the load of the bucket entry that `hash` falls in (a hint: a key
+  // still to be entered, whose hash may be stale).
+  void prefetchBucket(uint32_t hash) const { __builtin_prefetch(&buckets_[bucketOf(hash)], 1); }
 
   // Unlinks `slot`. False for a dead slot. Halves the buckets at a load of
   // a quarter.
@@ -281,6 +329,10 @@ class ShadowHashMap {
     FMTRACE(handler_, 2, "ShadowHashMap", "shrunk to numBuckets_:{} bucketFactor_:{}", numBuckets_,
             bucketFactor_);
   }
+
+  // 2^31 buckets of 8 bytes: more than any slot count (u32) can fill at a
+  // load of 1, and the largest power of 2 a u32 count holds.
+  static constexpr uint32_t kMaxBuckets = 1u << 31;
 
   Lomi::Platform::DebugHandler& handler_;
   Ops const& ops_;

@@ -42,6 +42,17 @@
 // other key goes by the index (the new key is not written yet); while changeFn
 // or keyFn runs, lookup of the changed key answers the new value.
 //
+// Cost. The hot case, a change of a live row that keeps its key, reads the
+// table's slot, compares, copies and calls back: the index is not touched
+// (the slot keeps its place and its stored hash). The queue walk names the
+// slot of an entry a few places ahead (prefetch), so the table's slot and
+// the copy's are on their way before doSlot reads them. A sweep fills a
+// fresh copy: the slot array takes the table's capacity with its pages
+// faulted in by one call, the index takes the table's member count at once,
+// and each slot's bucket is prefetched a few slots ahead from the table's
+// stored rhash (a hint; the key's own hash places the entry, so a damaged
+// rhash cannot misplace it).
+//
 // Thread safety: one thread, the shadow's event thread; no locks. The writer
 // changes table slots all the while: each read is consistent by the slot's
 // version word, and validateNotif comes after the read, so a compaction that
@@ -50,6 +61,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -87,6 +99,9 @@ class ShadowStoreBase {
   // One step of a flush: drops the local entry of `slot`, with keyDelFn when
   // the store notifies on flush.
   virtual void doFlushSlot(unsigned slot) = 0;
+  // A change of `slot` is a few entries ahead in the queue: starts the loads
+  // of the table's slot and of the copy's. A hint; changes nothing.
+  virtual void prefetch(uint32_t slot) const = 0;
   virtual uint64_t shadowMappedSize() const = 0;
   virtual uint64_t kestorMappedSize() const = 0;
   // Reads through the copy; past it, straight from the table.
@@ -149,6 +164,11 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
 
   bool doSlot(Tessel::BasicSlot slotIndex, Tessel::Sequence seq, bool compare) override;
   void doFlushSlot(unsigned slotIndex) override;
+  void prefetch(uint32_t slotIndex) const override {
+    auto const& table = reader_.slotTable().slots();
+    if (slotIndex < table.count) prefetchLines(&table.base[slotIndex], false);
+    if (slotIndex < numSlots_) prefetchLines(&slots_[slotIndex], true);
+  }
 
   Value const* lookup(Key const& key, bool& found, void* out) const override;
   Value const* directLookup(Key const& key, bool& found, void* out) const override {
@@ -262,6 +282,32 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
       a.base = base;
     }
     return a.current();
+  }
+
+  // Both ends of an object of a slot's size: its lines, whatever its place.
+  template <typename T>
+  static void prefetchLines(T const* p, bool forWrite) {
+    char const* const first = reinterpret_cast<char const*>(p);
+    char const* const last = first + sizeof(T) - 1;
+    if (forWrite) {
+      __builtin_prefetch(first, 1);
+      __builtin_prefetch(last, 1);
+    } else {
+      __builtin_prefetch(first, 0);
+      __builtin_prefetch(last, 0);
+    }
+  }
+  // How far ahead of its slot a sweep prefetches the bucket of a slot.
+  static constexpr uint32_t kSweepAhead = 8;
+  // A sweep reads the slots in order (the hardware prefetches those) and
+  // enters each key at a random place of the bucket array. The rhash of
+  // table slot `ahead`, read without its version word, names that place
+  // early: a hint only, a wrong or stale one costs a useless prefetch; the
+  // entry itself is placed by the hash of the key that was read.
+  void prefetchBucketOf(uint32_t ahead) const {
+    auto const& table = reader_.slotTable().slots();
+    if (ahead >= table.count) return;
+    hashMap_.prefetchBucket(Mem::loadRelaxed(table.base[ahead].rhash));
   }
 
   // doSlot at relocation depth `depth`.
@@ -392,9 +438,10 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool co
       return true;
     }
   }
+  bool const real = seq != Tessel::noSequence;
+  if (!real) prefetchBucketOf(slotIndex + kSweepAhead);
   Slot& slot = slots_[slotIndex];
   bool const wasDead = slot.dead();
-  bool const real = seq != Tessel::noSequence;
   Key const oldKey = slot.key();
   cacheAnchor_.reset();
 
@@ -419,7 +466,8 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool co
     return true;  // the copy never had it
   }
   Mem::VersionAnchor const anchor = *readerAnchor_;
-  if (!wasDead && (!found || !Ops::keyEqual(Ops::key(*target), oldKey))) {
+  bool const sameKey = !wasDead && found && Ops::keyEqual(Ops::key(*target), oldKey);
+  if (!wasDead && !sameKey) {
     // The slot's entry went: removed, or moved by a compaction. Only a queue
     // entry that still counts may destroy it.
     if (real && !entryCounts(seq)) return false;
@@ -459,7 +507,12 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool co
     slot.slotKey = Ops::key(valueBuffer_);
   }
   cacheAnchor_ = anchor;
-  if (hashMap_.write(slotIndex, slot, updated)) {
+  // A live slot that kept its key stays where it is in the index: its hash
+  // is the one stored when it was entered, and the chain walk would only
+  // find the slot itself. Only a new key is hashed and placed.
+  bool const tell = sameKey ? hashMap_.rewrite(slotIndex, slot, updated)
+                            : hashMap_.write(slotIndex, slot, updated);
+  if (tell) {
     if constexpr (Slot::keepsValue) {
       notify_.changeFn(slot.value);
     } else {
@@ -527,11 +580,19 @@ bool ShadowStore<SlotT>::grow(uint32_t slotIndex) {
                                         slotsMem_.lastError());
   }
   slots_ = grown;
+  // The new slots are written at once below: fault their pages in one call
+  // rather than one trap per page (a hint; on failure the writes fault).
+  slotsMem_.prefault(uint64_t(numSlots_) * sizeof(Slot), uint64_t(capacity) * sizeof(Slot));
   for (uint32_t i = numSlots_; i < capacity; i++) slots_[i].makeDead();
   numSlots_ = capacity;
   if (old && grown != old) {
     hashMap_.patch(reinterpret_cast<char*>(grown) - reinterpret_cast<char*>(old));
   }
+  // The index takes the table's member count now, once, rather than
+  // doubling its way there as the copy fills. The header's count is only a
+  // size hint; bounded by the capacity, a damaged one cannot ask for more
+  // than the slots just mapped.
+  hashMap_.reserve(std::min(reader_.members(), capacity));
   counters_.shadowSlotGrows++;
   FMTRACE(handler_, 5, "ShadowStore", "complete.");
   return true;

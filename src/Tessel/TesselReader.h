@@ -41,12 +41,20 @@ class TesselReader {
     // `compare`: the local copy may hold this state already; report nothing
     // if it does.
     virtual bool doSlot(Slot slot, Sequence seq, bool compare) = 0;
+    // A slot that an entry a few places ahead names: the client may start
+    // the loads its doSlot will make (a hint; the entry may turn out stale).
+    virtual void prefetch(Slot) {}
 
    protected:
     ~Client() = default;
   };
 
   enum class Walk { caughtUp, yielded, overrun, reformatted };
+
+  // How far ahead of the entry in hand the walk names a slot to prefetch:
+  // a few doSlot calls' time covers a cache miss of the table and one of
+  // the copy.
+  static constexpr uint32_t kPrefetchAhead = 8;
 
   TesselReader(std::string dir, Lomi::Platform::DebugHandler& handler)
       : handler_(handler), view_(std::move(dir), handler) {}
@@ -98,6 +106,9 @@ class TesselReader {
         return Walk::caughtUp;
       }
       FMTRACE(handler_, 9, "TesselReader", "seq:{} slot:{}", e.sequence, e.slot);
+      if (uint32_t const ahead = view_.peekSlot(kPrefetchAhead); ahead != tombstoneSlot) {
+        client.prefetch(Slot(ahead));
+      }
       bool const used = client.doSlot(e.slot, e.sequence, true);
       // The client may have detached us.
       if (!view_.attached()) return Walk::caughtUp;

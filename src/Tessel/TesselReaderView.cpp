@@ -260,4 +260,19 @@ bool TesselReaderView::validateNotif() {
   return slot != tombstoneSlot;
 }
 
+uint32_t TesselReaderView::peekSlot(uint32_t ahead) const {
+  if (!hdr_ || !positioned_) return tombstoneSlot;
+  Mem::ParcelWrapper const& w = tables_[table_];
+  auto const* th = static_cast<TesselTableHeader const*>(w.base());
+  if (!th) return tombstoneSlot;
+  uint64_t const at = uint64_t{pos_} + ahead;
+  // Within the count and within what this process has mapped: an entry
+  // beyond either is not read at all.
+  if (at >= Mem::loadAcquire(th->count) ||
+      sizeof(TesselTableHeader) + (at + 1) * sizeof(TesselEntry) > w.fileSize()) {
+    return tombstoneSlot;
+  }
+  return Mem::loadRelaxed(tableEntries(th)[at].slot);
+}
+
 }  // namespace Tessel

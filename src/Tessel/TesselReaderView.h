@@ -94,6 +94,11 @@ class TesselReaderView {
   // Lomi::CorruptionDetectedException "out-of-range index:{} max:{}" if the
   // position is not below the table's count.
   bool validateNotif();
+  // The slot named by the entry `ahead` places past the one next() stands
+  // on, as the table holds it now, without the generation check: a hint for
+  // a prefetch, never a change. tombstoneSlot when there is no such entry
+  // (past the count or the mapping, or no place found).
+  uint32_t peekSlot(uint32_t ahead) const;
 
   Sequence lastConsumed() const { return lastConsumed_; }
   bool reformatted() const { return reformatted_; }

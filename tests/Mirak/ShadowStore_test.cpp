@@ -9,12 +9,15 @@
 // FLOWTABLES_SHADOW_SEEDS=N runs N seeds per kind (default: a CI-sized run).
 #include "Mirak/ShadowStore.h"
 
+#include <bit>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -124,6 +127,8 @@ class Follower : public Tessel::TesselReader<>::Client {
   bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
     return store_->doSlot(slot, seq, compare);
   }
+  // The store's prefetch runs on every hint the walk gives, stale or not.
+  void prefetch(Tessel::BasicSlot slot) override { store_->prefetch(slot); }
 
   // "" when the store, its walk and the replayed callbacks equal `model`.
   std::string differences(std::map<uint32_t, uint64_t> const& model) {
@@ -349,6 +354,119 @@ TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid
               seeds, (unsigned long long)compactions, (unsigned long long)reformats,
               (unsigned long long)moves, (unsigned long long)bucketShrinks,
               (unsigned long long)slotShrinks, (unsigned long long)failed);
+}
+
+// A fresh copy sizes its index for the table once, when its slot array first
+// takes the table's capacity, and is the table after the sweep; an index that
+// already holds entries when the table grows under it is enlarged in order.
+TYPED_TEST(ShadowStoreModel, ASweepSizesTheIndexForTheTableAndEqualsIt) {
+  TempRoot root;
+  for (uint32_t rows : {0u, 1u, 2u, 3u, 100u, 3000u}) {
+    SCOPED_TRACE("rows " + std::to_string(rows));
+    auto w = makeWriter();
+    ASSERT_TRUE(w);
+    std::map<uint32_t, uint64_t> model;
+    for (uint32_t id = 0; id < rows; id++) {
+      w->write(row(id, id + 100), true);
+      model[id] = id + 100;
+    }
+    Follower<TypeParam> f;
+    f.attach();
+    EXPECT_EQ(f.store().numBuckets(), std::max(2u, std::bit_ceil(rows)));
+    EXPECT_EQ(f.differences(model), "");
+    // The table grows under a filled copy: its capacity, then its index.
+    for (uint32_t id = rows; id < 3 * rows + 40; id++) {
+      w->write(row(id, id + 100), true);
+      model[id] = id + 100;
+    }
+    f.follow();
+    EXPECT_EQ(f.differences(model), "");
+    EXPECT_GE(f.store().numBuckets(), std::bit_ceil(uint32_t(model.size())));
+    w->cleanup();
+  }
+}
+
+// An overwrite of a row that keeps its key leaves the index as it is: no key
+// is hashed on the way from the queue to the callback. A slot that takes
+// another key is hashed and placed.
+TYPED_TEST(ShadowStoreModel, AnOverwriteInPlaceHashesNoKey) {
+  TempRoot root;
+  auto w = makeWriter();
+  ASSERT_TRUE(w);
+  std::map<uint32_t, uint64_t> model;
+  for (uint32_t id = 0; id < 500; id++) {
+    w->write(row(id, 1), true);
+    model[id] = 1;
+  }
+  Follower<TypeParam> f;
+  f.attach();
+  for (auto& [id, count] : model) w->write(row(id, count = 2), true);
+  uint64_t hashes = 0;
+  testKeyHashHook = [&](TestKey const&) { hashes++; };
+  f.follow();
+  testKeyHashHook = nullptr;
+  EXPECT_EQ(hashes, 0u);
+  EXPECT_EQ(f.differences(model), "");
+
+  // Row 10 goes and a new key takes a free slot (its own, or one above).
+  TestValue gone;
+  w->remove(key(10), gone);
+  model.erase(10);
+  w->write(row(1000, 3), true);
+  model[1000] = 3;
+  testKeyHashHook = [&](TestKey const&) { hashes++; };
+  f.follow();
+  testKeyHashHook = nullptr;
+  EXPECT_GE(hashes, 1u);
+  EXPECT_EQ(f.differences(model), "");
+  w->cleanup();
+}
+
+// The walk names, with each entry it hands over, the slot of the entry
+// kPrefetchAhead places further on, while the table holds one; every entry
+// still reaches doSlot once, in order.
+template <typename Store>
+class Hinted : public Follower<Store> {
+ public:
+  bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
+    if (seq != Tessel::noSequence) handed.push_back(slot);
+    return Follower<Store>::doSlot(slot, seq, compare);
+  }
+  void prefetch(Tessel::BasicSlot slot) override {
+    hints.emplace_back(handed.size(), slot);
+    Follower<Store>::prefetch(slot);
+  }
+  std::vector<Tessel::BasicSlot> handed;
+  // (entries handed before the hint, the slot hinted)
+  std::vector<std::pair<size_t, Tessel::BasicSlot>> hints;
+};
+
+TYPED_TEST(ShadowStoreModel, AWalkHintsTheSlotsOfTheEntriesAhead) {
+  TempRoot root;
+  auto w = makeWriter();
+  ASSERT_TRUE(w);
+  std::map<uint32_t, uint64_t> model;
+  for (uint32_t id = 0; id < 300; id++) {
+    w->write(row(id, 1), true);
+    model[id] = 1;
+  }
+  Hinted<TypeParam> f;
+  f.attach();
+  // Distinct rows in a scattered order: each change is a live entry.
+  std::vector<uint32_t> order;
+  for (uint32_t i = 0; i < 300; i++) order.push_back(i * 7 % 300);
+  for (uint32_t id : order) w->write(row(id, model[id] = 2), true);
+  f.follow();
+  EXPECT_EQ(f.differences(model), "");
+  ASSERT_EQ(f.handed.size(), order.size());
+  constexpr uint32_t ahead = Tessel::TesselReader<>::kPrefetchAhead;
+  // One hint before each entry that has one kPrefetchAhead places on.
+  ASSERT_EQ(f.hints.size(), order.size() - ahead);
+  for (auto const& [before, slot] : f.hints) {
+    ASSERT_LT(before + ahead, f.handed.size());
+    EXPECT_EQ(slot, f.handed[before + ahead]) << "hint before entry " << before;
+  }
+  w->cleanup();
 }
 
 }  // namespace
