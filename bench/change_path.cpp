@@ -98,6 +98,7 @@
 #include "Lomi/Rdtsc.h"
 #include "Lomi/Trace.h"
 #include "Mem/Atomics.h"
+#include "Mem/Local.h"
 #include "Mem/RootPath.h"
 #include "Mem/Notify.h"
 #include "Mirak/MirakShadowBase.h"
@@ -155,6 +156,8 @@ struct Options {
   uint32_t resyncRepeats = 3;
   // Where the steady-rate latencies go for the CDF plot; empty: nowhere.
   std::string cdfFile;
+  // Only the fan-out phase (resync and followers), for profiling it.
+  bool fanOnly = false;
 };
 
 // What goes through the shared mapping. Every field is stored by one side
@@ -189,6 +192,9 @@ struct FollowerFigures {
   // The first write of every cache line of a fresh private block as large
   // as the copy: the page faults any new copy pays.
   uint64_t firstTouchNs;
+  // The same, its pages faulted in by one call before the writes (what the
+  // store does for a new slot array).
+  uint64_t prefaultTouchNs;
   uint64_t copyBytes;
   uint64_t caughtUpNs;
   // CPU time (user + system) the follower spent from the start of a run
@@ -271,16 +277,51 @@ int failWith(char (&error)[N], int replies, std::string const& why) {
 }
 
 // ---------------------------------------------------------------------------
+// What the reader and the followers share: a shadow over a MirakReader of
+// `table` that records how its connection and sweeps went instead of acting
+// on them. What a slot's change does is the derived class's (doSlot).
+
+class RecordingShadow : public Mirak::MirakShadowBase {
+ public:
+  RecordingShadow(char const* table, uint32_t shadowFlags)
+      : MirakShadowBase(handler(), Mem::NaoRootPath(handler(), table, false), shadowFlags),
+        reader_(handler(), table, Ops(0)) {}
+
+  // Synced, walking the queue, caught up and asleep on the wake-up socket.
+  bool following() const {
+    return synced() && syncFromTessel() && tesselReader().quiesced() && ruskSm().connected();
+  }
+  void syncComplete() override {
+    syncedIs(true);
+    maybeEnableTessel();
+  }
+  void flushComplete() override {}
+  void handleDisconnect() override { disconnected = true; }
+  void handleQuiesced(bool) override {}
+  void corruptionDetected(std::string const& m) override { corruption = m; }
+  uint32_t sweepSlots() const override {
+    reader_.resize();
+    return std::max(reader_.capacity(), localSlots());
+  }
+
+  bool disconnected = false;
+  std::string corruption;
+
+ protected:
+  // Slots of a local copy that a sweep must visit beyond the table's.
+  virtual uint32_t localSlots() const { return 0; }
+
+  Reader reader_;
+};
+
+// ---------------------------------------------------------------------------
 // The reader process.
 
 // A shadow that keeps a plain copy of each slot and stamps the latency
 // samples it is handed.
-class ProbeShadow : public Mirak::MirakShadowBase {
+class ProbeShadow : public RecordingShadow {
  public:
-  explicit ProbeShadow(uint64_t* seen)
-      : MirakShadowBase(handler(), Mem::NaoRootPath(handler(), kTable, false), 0),
-        reader_(handler(), kTable, FlowTracking::HoIpFlowConfigOps(0)),
-        seen_(seen) {}
+  explicit ProbeShadow(uint64_t* seen) : RecordingShadow(kTable, 0), seen_(seen) {}
 
   bool start() {
     if (!reader_.initialize("bench")) return false;
@@ -290,9 +331,6 @@ class ProbeShadow : public Mirak::MirakShadowBase {
   void stop() {
     detachTessel();
     reader_.detach(false);
-  }
-  bool following() const {
-    return synced() && syncFromTessel() && tesselReader().quiesced() && ruskSm().connected();
   }
 
   bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool) override {
@@ -332,18 +370,6 @@ class ProbeShadow : public Mirak::MirakShadowBase {
   void doFlushSlot(unsigned slot) override {
     if (slot < copy_.size()) copy_[slot] = Value();
   }
-  void syncComplete() override {
-    syncedIs(true);
-    maybeEnableTessel();
-  }
-  void flushComplete() override {}
-  void handleDisconnect() override { disconnected = true; }
-  void handleQuiesced(bool) override {}
-  void corruptionDetected(std::string const& m) override { corruption = m; }
-  uint32_t sweepSlots() const override {
-    reader_.resize();
-    return reader_.capacity();
-  }
 
   // Samples [first, last) of the ours kind are stamped from now on.
   void stampingIs(bool on, uint32_t first = 0, uint32_t last = 0) {
@@ -363,11 +389,8 @@ class ProbeShadow : public Mirak::MirakShadowBase {
   }
 
   uint64_t entries = 0, sweepVisits = 0, duplicates = 0, stamped = 0;
-  bool disconnected = false;
-  std::string corruption;
 
  private:
-  Reader reader_;
   uint64_t* seen_;
   std::vector<Value> copy_;
   bool stamping_ = false;
@@ -616,17 +639,14 @@ class ReaderProcess {
 // the library's own store (a value shadow or a keyshadow) and hears every
 // change through the client callback, as an agent's shadow does.
 
-class FollowerShadow : public Mirak::MirakShadowBase {
+class FollowerShadow : public RecordingShadow {
  public:
   using Key = Ops::Key;
   using ValueStore = Mirak::ShadowStore<Mirak::ValueShadowSlot<Ops>>;
   using KeyStore = Mirak::KeyShadowStore<Ops>;
 
   explicit FollowerShadow(bool keyOnly)
-      : MirakShadowBase(handler(), Mem::NaoRootPath(handler(), kFanTable, false),
-                        keyOnly ? Mirak::shadowFlagKeyOnly : 0),
-        reader_(handler(), kFanTable, Ops(0)),
-        keyOnly_(keyOnly) {
+      : RecordingShadow(kFanTable, keyOnly ? Mirak::shadowFlagKeyOnly : 0), keyOnly_(keyOnly) {
     notify_.changeFn = [this](Value const&) { callbacks++; };
     notify_.keyFn = [this](Key const&) { callbacks++; };
     notify_.keyDelFn = [this](Key const&) { callbacks++; };
@@ -647,27 +667,13 @@ class FollowerShadow : public Mirak::MirakShadowBase {
     store_.reset();
     reader_.detach(false);
   }
-  bool following() const {
-    return synced() && syncFromTessel() && tesselReader().quiesced() && ruskSm().connected();
-  }
 
   bool doSlot(Tessel::BasicSlot slot, Tessel::Sequence seq, bool compare) override {
     if (seq != Tessel::noSequence) entries++;
     return store_->doSlot(slot, seq, compare);
   }
   void doFlushSlot(unsigned slot) override { store_->doFlushSlot(slot); }
-  void syncComplete() override {
-    syncedIs(true);
-    maybeEnableTessel();
-  }
-  void flushComplete() override {}
-  void handleDisconnect() override { disconnected = true; }
-  void handleQuiesced(bool) override {}
-  void corruptionDetected(std::string const& m) override { corruption = m; }
-  uint32_t sweepSlots() const override {
-    reader_.resize();
-    return std::max(reader_.capacity(), store_->numSlots());
-  }
+  void prefetch(Tessel::BasicSlot slot) override { store_->prefetch(slot); }
   // Private bytes of the copy: its slot array and buckets.
   uint64_t copyBytes() const { return store_->shadowMappedSize(); }
   Tessel::Sequence caughtUpTo() const {
@@ -694,11 +700,11 @@ class FollowerShadow : public Mirak::MirakShadowBase {
 
   uint64_t callbacks = 0, entries = 0;
   mutable uint64_t membersSeen = 0;
-  bool disconnected = false;
-  std::string corruption;
+
+ protected:
+  uint32_t localSlots() const override { return store_->numSlots(); }
 
  private:
-  Reader reader_;
   bool keyOnly_;
   Mem::Notify<Key, Value> notify_;
   std::unique_ptr<Mirak::ShadowStoreBase<Key, Value>> store_;
@@ -768,14 +774,16 @@ class FollowerProcess {
   }
 
   bool touchFreshMemory(uint64_t bytes) {
-    void* map = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (map == MAP_FAILED) return fail("cannot map fresh memory") == 0;
-    auto* p = static_cast<volatile char*>(map);
-    uint64_t const start = nowNs();
-    for (uint64_t i = 0; i < bytes; i += 64) p[i] = 1;
-    f_.firstTouchNs = nowNs() - start;
+    for (bool prefault : {false, true}) {
+      Mem::Local fresh;
+      if (!fresh.attach(bytes)) return fail("cannot map fresh memory") == 0;
+      auto* p = static_cast<volatile char*>(fresh.base());
+      uint64_t const start = nowNs();
+      if (prefault && !fresh.prefault(0, bytes)) return fail("MADV_POPULATE_WRITE refused") == 0;
+      for (uint64_t i = 0; i < bytes; i += 64) p[i] = 1;
+      (prefault ? f_.prefaultTouchNs : f_.firstTouchNs) = nowNs() - start;
+    }
     f_.copyBytes = bytes;
-    ::munmap(map, bytes);
     return true;
   }
 
@@ -942,10 +950,12 @@ class WriterProcess {
     command({Command::attach, kOurs, 0, 0});
     expect('d', "the reader attached");
 
-    latency();
-    steady();
-    throughput();
-    notifyCost();
+    if (!o_.fanOnly) {
+      latency();
+      steady();
+      throughput();
+      notifyCost();
+    }
 
     command({Command::stop, kOurs, 0, 0});
     expect('d', "the reader stopped");
@@ -996,6 +1006,7 @@ class WriterProcess {
     // Sweeps of a fresh shadow: value shadow, keyshadow (median of runs),
     // and the same follower's plain read of the slot file.
     std::vector<double> resyncValueMs, resyncKeyMs, slotReadMs, touchValueMs, touchKeyMs;
+    std::vector<double> prefaultValueMs, prefaultKeyMs;
     uint64_t tableBytes = 0, copyValueBytes = 0, copyKeyBytes = 0;
     std::vector<FanRun> runs;
   } fan;
@@ -1235,6 +1246,8 @@ class WriterProcess {
         fan.tableBytes = one.figures->tableBytes;
         (mode == 0 ? fan.touchValueMs : fan.touchKeyMs)
             .push_back(double(one.figures->firstTouchNs) / 1e6);
+        (mode == 0 ? fan.prefaultValueMs : fan.prefaultKeyMs)
+            .push_back(double(one.figures->prefaultTouchNs) / 1e6);
         (mode == 0 ? fan.copyValueBytes : fan.copyKeyBytes) = one.figures->copyBytes;
         tell(one, {FollowerCommand::detach, 0, 0, 0});
         expectFrom(one, 'd', "detach after the resync");
@@ -1394,7 +1407,7 @@ void usage() {
   std::fprintf(stderr,
                "usage: change_path [--quick] [--samples N] [--rounds N] [--writes N] [--keys N]\n"
                "                   [--steady-samples N] [--rate N] [--fan-rows N] [--cdf FILE]\n"
-               "                   [--timeout SECONDS]\n"
+               "                   [--timeout SECONDS] [--fan-only]\n"
                "  --quick    a smoke run: 2,000 samples, 100,000 writes over 10,000 keys,\n"
                "             2,000 steady samples, 100,000 fan-out rows\n"
                "  --samples  latency samples of each kind (default 100,000)\n"
@@ -1405,7 +1418,8 @@ void usage() {
                "  --rate     changes per second of the steady-rate run (default 10,000)\n"
                "  --fan-rows rows of the fan-out table (default 1,000,000)\n"
                "  --cdf FILE write the steady-rate latency CDF for gnuplot\n"
-               "  --timeout  seconds any one step may take before the run fails (default 10)\n");
+               "  --timeout  seconds any one step may take before the run fails (default 10)\n"
+               "  --fan-only only the fan-out phase: resync and followers\n");
 }
 
 std::optional<Options> parse(int argc, char** argv) {
@@ -1442,6 +1456,8 @@ std::optional<Options> parse(int argc, char** argv) {
       if (!number(o.steadySamples)) return std::nullopt;
     } else if (a == "--rate") {
       if (!number(o.rate)) return std::nullopt;
+    } else if (a == "--fan-only") {
+      o.fanOnly = true;
     } else if (a == "--fan-rows") {
       if (!number(o.fanRows)) return std::nullopt;
     } else if (a == "--cdf") {
@@ -1460,6 +1476,9 @@ std::optional<Options> parse(int argc, char** argv) {
   return o;
 }
 
+void printPath(Options const& o, WriterProcess const& w);
+void printFanout(WriterProcess const& w);
+
 void printResults(Options const& o, WriterProcess const& w, std::string const& when) {
   struct utsname u;
   ::uname(&u);
@@ -1469,6 +1488,11 @@ void printResults(Options const& o, WriterProcess const& w, std::string const& w
              firstLine("/proc/cpuinfo", "model name"), ::sysconf(_SC_NPROCESSORS_ONLN), u.release,
              firstLine("/proc/loadavg"));
 
+  if (!o.fanOnly) printPath(o, w);
+  printFanout(w);
+}
+
+void printPath(Options const& o, WriterProcess const& w) {
   Percentiles p[kKinds];
   for (uint32_t k = 0; k < kKinds; k++) p[k] = w.latencyOf(Kind(k));
   fmt::print(
@@ -1540,7 +1564,9 @@ void printResults(Options const& o, WriterProcess const& w, std::string const& w
   fmt::print("| WriterRuskSm::notify alone, one connected reader awake | {:.1f} |\n",
              c.notifyAwakeNs);
   fmt::print("| of which its clock: Lomi::Rdtsc::now() alone | {:.1f} |\n", c.rdtscNs);
+}
 
+void printFanout(WriterProcess const& w) {
   auto const& f = w.fan;
   double const mib = double(f.tableBytes) / (1024.0 * 1024.0);
   fmt::print("\n| fan-out table: {} rows, filled at | {:.0f} rows/s |\n|---|---|\n", f.rows,
@@ -1555,6 +1581,9 @@ void printResults(Options const& o, WriterProcess const& w, std::string const& w
              double(f.copyValueBytes) / 1048576.0, median(f.touchValueMs));
   fmt::print("| the same for a keyshadow's copy ({:.0f} MiB), ms | {:.1f} |\n",
              double(f.copyKeyBytes) / 1048576.0, median(f.touchKeyMs));
+  fmt::print("| the value shadow's, its pages faulted in by one call first (MADV_POPULATE_WRITE), ms | {:.1f} |\n",
+             median(f.prefaultValueMs));
+  fmt::print("| the keyshadow's, the same way, ms | {:.1f} |\n", median(f.prefaultKeyMs));
   double rate0 = 0;
   int zeros = 0;
   for (auto const& r : f.runs) {
@@ -1752,7 +1781,7 @@ int main(int argc, char** argv) {
       throw Failure(fmt::format("the reader process ended with status {:#x}", status));
     }
     printResults(o, w, "started " + started);
-    if (!o.cdfFile.empty()) writeCdf(o, w);
+    if (!o.cdfFile.empty() && !o.fanOnly) writeCdf(o, w);
   } catch (std::exception const& e) {
     std::fprintf(stderr, "change_path: FAILED: %s\n", e.what());
     ::kill(reader, SIGKILL);
