@@ -2,10 +2,10 @@
 // reader that waits on its placeholder and attaches by itself through its
 // sentry and the default event loop, re-attach after a re-mount, tryAttach,
 // owner, and the writer sentry's validation on a reader's marker. Real files
-// in a temp base; the second writer is a real process. (Counter tables
-// refused as shadows: tests/FlowTracking/Mounting_test.cpp, with the words.)
+// in a temp base. (A second live writer refused: tests/Parcel/WriterLock and
+// tests/FlowTracking/WriterLifecycle; counter tables refused as shadows:
+// tests/FlowTracking/Mounting_test.cpp, with the words.)
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,7 +28,6 @@
 #include "Mirak/Util.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/OwnerFile.h"
-#include "Parcel/ProcessTestUtil.h"
 
 namespace {
 
@@ -278,30 +277,6 @@ TEST_F(Mounting, AWriterMadeByInitIsHandedTheSettingsOfTheFrontObject) {
     EXPECT_EQ(log.yieldTime, 0.25);
     EXPECT_TRUE(log.notifying);
   }
-}
-
-TEST_F(Mounting, ASecondLiveWriterIsRefusedAndTheCollectionCanMountLater) {
-  ParcelTest::Pipe toChild, toParent;
-  ParcelTest::Child first([&] {
-    ConfigMap w;
-    w.init(desc(MirakType::writer));
-    toParent.send("ready");
-    return toChild.receive() ? 0 : 1;
-  });
-  ASSERT_EQ(toParent.receive().value_or(""), "ready");
-  ConfigMap m;
-  std::string const msg = initError([&] { m.init(desc(MirakType::writer)); });
-  EXPECT_NE(msg.find("is owned by a live writer, pid " + std::to_string(first.pid())),
-            std::string::npos)
-      << msg;
-  EXPECT_FALSE(m.initialized());
-  EXPECT_EQ(m.mounter(), nullptr);
-  EXPECT_EQ(m.mountStatus(), 0u);
-  toChild.send("go");
-  std::optional<int> st = first.wait();
-  EXPECT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
-  m.init(desc(MirakType::writer));
-  EXPECT_TRUE(m.initialized());
 }
 
 TEST_F(Mounting, AReaderSentryFailureIsIgnoredOnlyUnderQ7Chroot) {
