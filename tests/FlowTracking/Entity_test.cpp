@@ -14,6 +14,7 @@
 
 #include "FlowTracking/Factories.h"
 #include "FlowTracking/TableRows.h"
+#include "Lomi/Thrown.h"
 #include "Mirak/ScriptedBackEnd.h"
 #include "Thrum/Thrum.h"
 
@@ -282,12 +283,8 @@ TYPED_TEST(EntityCollection, PrivateTableBeforeTheParentIsEmptiedByIt) {
   EXPECT_TRUE(this->present(v.key()));
 
   auto other = hoFlowStatusFactory("other");
-  try {
-    e.parentIs(other.get());
-    FAIL() << "a second parent was accepted";
-  } catch (Lomi::InvalidInitializeException const& x) {
-    EXPECT_EQ(x.msg(), "Entity ent already initialized");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::InvalidInitializeException>([&] { e.parentIs(other.get()); }),
+            "Entity ent already initialized");
 }
 
 TYPED_TEST(EntityCollection, AnOrphanStandsOnAPlaceholder) {

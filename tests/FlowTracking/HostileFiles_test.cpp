@@ -20,6 +20,7 @@
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Mem/BusGuard.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Util.h"
@@ -63,23 +64,17 @@ class HostileFiles : public ::testing::Test {
 TEST_F(HostileFiles, AWriterRefusesALinkPlantedForItsSlotFileOrItsDirectory) {
   fs::create_directories(dir_);
   fs::create_symlink(victim_, dir_ + "/slots");
-  try {
-    makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
-    ADD_FAILURE() << "the writer started on a planted link";
-  } catch (Lomi::Exception const& e) {
-    EXPECT_NE(e.msg().find(dir_ + "/slots is a symbolic link"), std::string::npos) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Lomi::Exception>(
+      [&] { makeSharedWriter<Record>(kTable, sharedDescriptor(1000)); });
+  EXPECT_NE(msg.find(dir_ + "/slots is a symbolic link"), std::string::npos) << msg;
   fs::remove_all(dir_);
   std::string const elsewhere = root_.path() + "/elsewhere";
   fs::create_directories(elsewhere);
   fs::create_symlink(elsewhere, dir_);
-  try {
-    makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
-    ADD_FAILURE() << "the writer started in a linked directory";
-  } catch (Lomi::Exception const& e) {
-    EXPECT_NE(e.msg().find(dir_), std::string::npos) << e.msg();
-    EXPECT_NE(e.msg().find("is a symbolic link"), std::string::npos) << e.msg();
-  }
+  std::string const msg2 = LomiTest::thrown<Lomi::Exception>(
+      [&] { makeSharedWriter<Record>(kTable, sharedDescriptor(1000)); });
+  EXPECT_NE(msg2.find(dir_), std::string::npos) << msg2;
+  EXPECT_NE(msg2.find("is a symbolic link"), std::string::npos) << msg2;
   EXPECT_TRUE(fs::is_empty(elsewhere)) << "nothing was made through the linked directory";
 }
 
@@ -117,12 +112,9 @@ TEST_F(HostileFiles, AWriterRefusesDirectoriesAndFilesAnotherUserCouldChange) {
     fs::remove_all(parent);
     fs::create_directories(dir_);
     c.prepare(dir_, parent);
-    try {
-      makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
-      ADD_FAILURE() << "the writer took " << c.what;
-    } catch (Lomi::Exception const& e) {
-      EXPECT_NE(e.msg().find(c.message), std::string::npos) << c.what << ": " << e.msg();
-    }
+    std::string const msg = LomiTest::thrown<Lomi::Exception>(
+        [&] { makeSharedWriter<Record>(kTable, sharedDescriptor(1000)); });
+    EXPECT_NE(msg.find(c.message), std::string::npos) << c.what << ": " << msg;
   }
   // A sticky directory that anyone may write into is fine, as /dev/shm is.
   fs::remove_all(parent);

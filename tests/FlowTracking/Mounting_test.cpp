@@ -18,6 +18,7 @@
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 #include "Lomi/EventLoop.h"
+#include "Lomi/Thrown.h"
 #include "Mem/WatchHub.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/TempRoot.h"
@@ -362,13 +363,9 @@ void expectRefusedAsShadow(Control& control, std::string const& name, bool synch
   for (MirakType type : {MirakType::shadow, MirakType::keyshadow}) {
     MapDescriptor d = descriptor(type, 0);
     d.synchronous = synchronous;
-    try {
-      control.init(d);
-      ADD_FAILURE() << "no exception for " << name;
-    } catch (Lomi::InvalidInitializeException const& e) {
-      EXPECT_EQ(e.msg(), "cannot initialize collection " + name + " with DummyTesselWriter not " +
-                             "supported in " + Mirak::formatMirakType(type) + " mode");
-    }
+    EXPECT_EQ(LomiTest::thrown<Lomi::InvalidInitializeException>([&] { control.init(d); }),
+              "cannot initialize collection " + name + " with DummyTesselWriter not " +
+                  "supported in " + Mirak::formatMirakType(type) + " mode");
   }
 }
 

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "FlowTracking/ReaderTestUtil.h"
+#include "Lomi/Thrown.h"
 #include "Mem/VersionAnchor.h"
 #include "Mirak/TempRoot.h"
 
@@ -127,12 +128,9 @@ TEST(ReaderBulkDamageTest, ADamagedChainReachesTheCallerAsFromASingleLookup) {
   Key keys[3] = {keyOf<Key>(1), keyOf<Key>(3), keyOf<Key>(5)};
   Value values[3];
   bool hits[3];
-  try {
-    reader->lookupBulk(keys, 3, values, hits);
-    FAIL() << "a linked slot that is not occupied must be reported";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_NE(e.msg().find("not marked as occupied key:"), std::string::npos) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Lomi::CorruptionDetectedException>(
+      [&] { reader->lookupBulk(keys, 3, values, hits); });
+  EXPECT_NE(msg.find("not marked as occupied key:"), std::string::npos) << msg;
   EXPECT_EQ(reader->readerCounters().corruptionsDetected, 1u);
 }
 

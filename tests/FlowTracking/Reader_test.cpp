@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "FlowTracking/ReaderTestUtil.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Util.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/Util.h"
@@ -77,18 +78,11 @@ TEST(ReaderTest, RefusesWrites) {
   auto reader = makeReader<Record>(kTable);
   ASSERT_TRUE(reader->initialize("test"));
   Value removed;
-  try {
-    reader->write(rowOf(1), true);
-    FAIL() << "a reader must refuse a write";
-  } catch (Lomi::NoPermissionException const& e) {
-    EXPECT_EQ(e.msg(), "write to read-only Mirak table");
-  }
-  try {
-    reader->remove(rowOf(1).fwkKey(), removed);
-    FAIL() << "a reader must refuse a remove";
-  } catch (Lomi::NoPermissionException const& e) {
-    EXPECT_EQ(e.msg(), "remove to read-only Mirak table");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::NoPermissionException>([&] { reader->write(rowOf(1), true); }),
+            "write to read-only Mirak table");
+  EXPECT_EQ(LomiTest::thrown<Lomi::NoPermissionException>(
+                [&] { reader->remove(rowOf(1).fwkKey(), removed); }),
+            "remove to read-only Mirak table");
   EXPECT_EQ(reader->type(), Mirak::MirakType::reader);
   EXPECT_EQ(reader->mountStatus(), Mem::mountStatusMounted);
 }
@@ -146,12 +140,9 @@ TEST(ReaderTest, DamageWithoutAResizeReachesTheCaller) {
   // slot linked: a chain that leads to a free slot.
   auto* word = reinterpret_cast<uint32_t*>(writer->slotTable().base() + offset);
   *word &= ~Mirak::SlotTable::OCCUPIED;
-  try {
-    reader->lookup(rowOf(3).fwkKey(), found, nullptr);
-    FAIL() << "a linked slot that is not occupied must be reported";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_NE(e.msg().find("not marked as occupied key:"), std::string::npos) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Lomi::CorruptionDetectedException>(
+      [&] { reader->lookup(rowOf(3).fwkKey(), found, nullptr); });
+  EXPECT_NE(msg.find("not marked as occupied key:"), std::string::npos) << msg;
   EXPECT_EQ(reader->readerCounters().corruptionsDetected, 1u);
 }
 

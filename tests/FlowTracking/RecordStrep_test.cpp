@@ -8,6 +8,7 @@
 #include <string>
 
 #include "FlowTracking/RandomValues.h"
+#include "Lomi/Thrown.h"
 
 namespace FlowTracking {
 namespace {
@@ -127,14 +128,11 @@ TYPED_TEST(StrepTest, MalformedTextsThrow) {
 TEST(StrepErrors, StatusReadAsIp6StatusFailsAtTheFirstLiteral) {
   Rng rng(kSeed);
   Zeb::String const text = valueToStrep(Random<HoIpFlowStatus>::make(rng));
-  try {
-    Zeb::strepToValue(text, static_cast<HoIp6FlowStatus*>(nullptr));
-    FAIL() << "parsed an IPv4 status as IPv6";
-  } catch (Zeb::RangeException const& e) {
-    EXPECT_NE(e.msg().find("\"Value('FlowTracking::HoIp6FlowStatus', ** {\" at offset 0"),
-              std::string::npos)
-        << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Zeb::RangeException>(
+      [&] { Zeb::strepToValue(text, static_cast<HoIp6FlowStatus*>(nullptr)); });
+  EXPECT_NE(msg.find("\"Value('FlowTracking::HoIp6FlowStatus', ** {\" at offset 0"),
+            std::string::npos)
+      << msg;
   // And the other way round.
   Zeb::String const text6 = valueToStrep(Random<HoIp6FlowStatus>::make(rng));
   EXPECT_THROW(Zeb::strepToValue(text6, static_cast<HoIpFlowStatus*>(nullptr)),
@@ -148,12 +146,9 @@ void expectFailurePath(std::string const& from, std::string const& to, std::stri
   size_t const at = text.find(from);
   ASSERT_NE(at, std::string::npos) << text;
   text.replace(at, from.size(), to);
-  try {
-    Zeb::strepToValue(Zeb::String(text), static_cast<T*>(nullptr));
-    FAIL() << "parsed " << text;
-  } catch (Zeb::RangeException const& e) {
-    EXPECT_EQ(e.msg().rfind(path, 0), 0u) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Zeb::RangeException>(
+      [&] { Zeb::strepToValue(Zeb::String(text), static_cast<T*>(nullptr)); });
+  EXPECT_EQ(msg.rfind(path, 0), 0u) << msg;
 }
 
 TEST(StrepErrors, AFieldFailureNamesItsPath) {

@@ -22,6 +22,7 @@
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 #include "FlowTracking/TableWriters.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Mirak/StartOutcome.h"
 #include "Mirak/TempRoot.h"
@@ -379,13 +380,10 @@ TEST(OwnershipTest, ASecondWriterIsRefusedWhileTheOwnerLivesAndKeepsTheMarker) {
   char c;
   ASSERT_TRUE(ready.receive(c));
   ASSERT_TRUE(Mirak::Util::writeCorruptionFile(handler(), path, "a reader saw damage"));
-  try {
-    startWriter();
-    FAIL() << "a second writer was let in";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_NE(e.msg().find(kTable), std::string::npos) << e.msg();
-    EXPECT_NE(e.msg().find(fmt::format("pid {}", pid)), std::string::npos) << e.msg();
-  }
+  std::string const msg =
+      LomiTest::thrown<Lomi::InvalidInitializeException>([&] { startWriter(); });
+  EXPECT_NE(msg.find(kTable), std::string::npos) << msg;
+  EXPECT_NE(msg.find(fmt::format("pid {}", pid)), std::string::npos) << msg;
   EXPECT_TRUE(std::filesystem::exists(marker)) << "removed by a start that failed";
   ::kill(pid, SIGKILL);
   reap(pid);

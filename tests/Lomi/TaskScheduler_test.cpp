@@ -10,6 +10,7 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/TaskScheduler.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/TraceCapture.h"
 
 namespace {
@@ -106,12 +107,9 @@ TEST(TaskScheduler, FailingTaskIsLoggedCountedAndTheRunGoesOn) {
 
 TEST(TaskScheduler, RefusesAnEmptyTask) {
   Scheduler s;
-  try {
-    Handle h = s.criticalTaskIs("nothing", Scheduler::Task());
-    FAIL() << "an empty task was registered";
-  } catch (Lomi::RuntimeException const& e) {
-    EXPECT_EQ(e.msg(), "critical task nothing has no function to run");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::RuntimeException>(
+                [&] { Handle h = s.criticalTaskIs("nothing", Scheduler::Task()); }),
+            "critical task nothing has no function to run");
   EXPECT_EQ(s.criticalTasks(), 0u);
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 
@@ -43,14 +44,11 @@ TEST(FileSizeHelper, RaisesWhenTheSizeDoesNotFitIn32Bits) {
   uint64_t const page = Lomi::Util::pageSize();
   uint64_t const largest = (uint64_t{1} << 32) - page;
   EXPECT_EQ(Lomi::Util::fileSizeHelper(1, largest, 0), largest);
-  try {
-    (void)Lomi::Util::fileSizeHelper(1, largest + 1, 0);
-    FAIL() << "a size that rounds past 2^32 was accepted";
-  } catch (Lomi::RuntimeException const& e) {
-    EXPECT_EQ(e.msg(), fmt::format("file size for 1 slots of {} bytes after a 0 byte header "
-                                   "exceeds 4294967295",
-                                   largest + 1));
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::RuntimeException>(
+                [&] { (void)Lomi::Util::fileSizeHelper(1, largest + 1, 0); }),
+            fmt::format("file size for 1 slots of {} bytes after a 0 byte header "
+                        "exceeds 4294967295",
+                        largest + 1));
   // Products that overflow 64 bits are caught too, not wrapped round.
   EXPECT_THROW((void)Lomi::Util::fileSizeHelper(uint64_t{1} << 40, uint64_t{1} << 40, 0),
                Lomi::RuntimeException);

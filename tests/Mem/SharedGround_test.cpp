@@ -76,16 +76,6 @@ TEST_F(SharedGround, WhatIsPlantedUnderAFileNameIsRefusedWithoutBlocking) {
   }
 }
 
-TEST_F(SharedGround, ADirectoryThatIsALinkIsRefused) {
-  std::string const linked = root_.path() + "/linked";
-  fs::create_symlink(dir_, linked);
-  std::ofstream(dir_ + "/kestor") << "1";
-  std::string error;
-  EXPECT_EQ(Mem::openSharedFile(linked + "/kestor", O_RDONLY, 0, error), -1);
-  EXPECT_NE(error.find(linked + " is a symbolic link"), std::string::npos) << error;
-  EXPECT_EQ(Mem::openSharedDirectory(linked, 0, error), -1);
-}
-
 TEST_F(SharedGround, AMissingFileIsENOENTAndARegularFileOpens) {
   std::string error;
   EXPECT_EQ(Mem::openSharedFile(dir_ + "/none", O_RDONLY, 0, error), -1);
@@ -115,18 +105,6 @@ TEST_F(SharedGround, ReplaceWritesThroughNoPlantedNameAndLeavesNoTemporary) {
   EXPECT_EQ(slurp(owner), "writer 2");
   auto const entries = std::distance(fs::directory_iterator(dir_), fs::directory_iterator());
   EXPECT_EQ(entries, 3) << "the owner file and the two planted links, no temporary";
-}
-
-TEST_F(SharedGround, CreateIsExclusiveAndFollowsNoLink) {
-  std::string const marker = dir_ + "/corruption-detected";
-  std::string error;
-  ASSERT_TRUE(Mem::createSharedFile(marker, "first", 0644, error)) << error;
-  EXPECT_FALSE(Mem::createSharedFile(marker, "second", 0644, error));
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_EQ(slurp(marker), "first");
-  fs::remove(marker);
-  fs::create_symlink(victim_, marker);
-  EXPECT_FALSE(Mem::createSharedFile(marker, "through the link", 0644, error));
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 
 #include "Lomi/Rdtsc.h"
 #include "Lomi/TaskScheduler.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/TraceCapture.h"
 #include "Mirak/MirakWriter.h"
 #include "Mirak/TempRoot.h"
@@ -312,15 +313,11 @@ TEST(CompactionEdges, AFreeListThatDoesNotAddUpIsCorruptionAndNothingMoves) {
   uint32_t const second = slots[head].link.next;
   slots[second].link.next = kNoSlot;
   TestValue removed;
-  try {
-    w->remove(key(768), removed);
-    FAIL() << "no exception";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    // The removed slot joined the list: 3 on it, 255 in use.
-    EXPECT_EQ(e.msg(),
-              "numSlots mismatch, length of freeList: 3, occupiedSlots: 255 do not add up to "
-              "numSlots: 1024");
-  }
+  // The removed slot joined the list: 3 on it, 255 in use.
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>(
+                [&] { w->remove(key(768), removed); }),
+            "numSlots mismatch, length of freeList: 3, occupiedSlots: 255 do not add up to "
+            "numSlots: 1024");
   EXPECT_EQ(w->capacity(), 1024u);
   EXPECT_EQ(w->writerCounters().slotsMoved, 0u);
   EXPECT_TRUE(w->slotTable().inCriticalSection()) << "the table may be half-changed";

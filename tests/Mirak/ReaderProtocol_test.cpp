@@ -380,11 +380,15 @@ TEST(ReaderProtocol, ATableReformattedUnderAnAttachedReaderReadsAsDetachedNeverA
   EXPECT_FALSE(fresh->reformatted());
 }
 
-TEST(ReaderProtocol, AWriterAnchorAfterDetachIsNoLongerCurrent) {
+TEST(ReaderProtocol, AWriterAnchorAfterAnOverwriteOrDetachIsNoLongerCurrent) {
   TempRoot root;
   auto writer = makeWriter();
   writer->write(row(1), true);
   bool found = false;
+  writer->lookup(key(1), found, nullptr);
+  ASSERT_TRUE(writer->validateVersionAnchor());
+  writer->write(row(1, 2), true);
+  EXPECT_THROW(writer->validateVersionAnchor(), Mem::VersionMismatchException);
   writer->lookup(key(1), found, nullptr);
   ASSERT_TRUE(writer->validateVersionAnchor());
   writer->detach(false);

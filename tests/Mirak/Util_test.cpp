@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Parcel/ProcessTestUtil.h"
 
@@ -33,31 +34,21 @@ class MirakUtilTest : public ::testing::Test {
 TEST_F(MirakUtilTest, ValidateFileNamesWhatIsWrong) {
   root_.createDirectories();
   std::string const slots = root_.filePath("slots");
-  try {
-    Mirak::Util::validateFile(handler(), slots, 10);
-    FAIL() << "a missing file passed";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(
-        e.msg().rfind(
-            fmt::format("Mirak file {} is not usable: stat {}: No such file", slots, slots), 0),
-        0u)
-        << e.msg();
-  }
-  try {
-    Mirak::Util::validateFile(handler(), root_.path(), 0);
-    FAIL() << "a directory passed";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_NE(e.msg().find("is not a regular file"), std::string::npos) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Lomi::CorruptionDetectedException>(
+      [&] { Mirak::Util::validateFile(handler(), slots, 10); });
+  EXPECT_EQ(
+      msg.rfind(fmt::format("Mirak file {} is not usable: stat {}: No such file", slots, slots), 0),
+      0u)
+      << msg;
+  std::string const msg2 = LomiTest::thrown<Lomi::CorruptionDetectedException>(
+      [&] { Mirak::Util::validateFile(handler(), root_.path(), 0); });
+  EXPECT_NE(msg2.find("is not a regular file"), std::string::npos) << msg2;
   std::ofstream(slots) << std::string(100, 'x');
   EXPECT_NO_THROW(Mirak::Util::validateFile(handler(), slots, 100));
   EXPECT_NO_THROW(Mirak::Util::validateFile(handler(), slots, 0));
-  try {
-    Mirak::Util::validateFile(handler(), slots, 101);
-    FAIL() << "a short file passed";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), fmt::format("Mirak file {} is 100 bytes, shorter than 101", slots));
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>(
+                [&] { Mirak::Util::validateFile(handler(), slots, 101); }),
+            fmt::format("Mirak file {} is 100 bytes, shorter than 101", slots));
 }
 
 TEST_F(MirakUtilTest, SwitchesAreOnOnlyForOne) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Lomi/Util.h"
 #include "MirakCore/BucketTestUtil.h"
@@ -179,12 +180,8 @@ TEST_P(BucketDamage, ValidateFileComplainsAndAttachReformats) {
   ::close(fd);
 
   Writer w(handler(), dir.path());
-  try {
-    w.validateFile();
-    ADD_FAILURE() << "validateFile passed a damaged file";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), path + ": " + GetParam().message);
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { w.validateFile(); }),
+            path + ": " + GetParam().message);
   ASSERT_EQ(w.attach(kKestor), Mem::attachReformatted);
   std::string error;
   EXPECT_TRUE(w.validate(kKestor, error)) << error;
@@ -215,21 +212,13 @@ TEST_F(BucketWriterTest, IndexOutOfRange) {
   w.initialNumBucketsIs(8);
   ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   EXPECT_NO_THROW(w[7]);
-  try {
-    w[8];
-    ADD_FAILURE() << "index 8 of 8 buckets passed";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), "out-of-range, index:8 max:7");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { w[8]; }),
+            "out-of-range, index:8 max:7");
   Writer const& cw = w;
   EXPECT_THROW(cw[0xffffffffu], Lomi::CorruptionDetectedException);
   w.detach();
-  try {
-    w[0];
-    ADD_FAILURE() << "a detached table answered";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), "out-of-range, index:0 max:-1");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { w[0]; }),
+            "out-of-range, index:0 max:-1");
 }
 
 class BucketResize : public ::testing::TestWithParam<bool> {
@@ -319,13 +308,9 @@ TEST_F(BucketWriterTest, ResizeRejectsBadCountsAndKeepsTheTable) {
   ASSERT_EQ(w.attach(kKestor), Mem::attachNew);
   growEmpty(w);
   for (uint32_t bad : {0u, 3u, 12u, 0x80000001u}) {
-    try {
-      w.resize(bad);
-      ADD_FAILURE() << "resize to " << bad << " passed";
-    } catch (Lomi::RuntimeException const& e) {
-      EXPECT_EQ(e.msg(), fmt::format("{}: resize: {} buckets is not a power of two up to {}",
-                                     path(), bad, 0x80000000u));
-    }
+    EXPECT_EQ(LomiTest::thrown<Lomi::RuntimeException>([&] { w.resize(bad); }),
+              fmt::format("{}: resize: {} buckets is not a power of two up to {}", path(), bad,
+                          0x80000000u));
   }
   // A power of two whose file would not fit the format's 32-bit sizes.
   EXPECT_THROW(w.resize(1u << 30), Lomi::RuntimeException);
@@ -338,26 +323,20 @@ TEST_F(BucketWriterTest, ResizeRejectsBadCountsAndKeepsTheTable) {
 TEST_F(BucketWriterTest, ErrorsNameThePath) {
   std::string const missing = dir.file("no-such-dir");
   Writer w(handler(), missing);
-  try {
-    w.attach(kKestor);
-    ADD_FAILURE() << "attach in a missing directory passed";
-  } catch (Lomi::MemoryResourceException const& e) {
-    EXPECT_NE(e.msg().find(missing + "/buckets"), std::string::npos) << e.msg();
-    EXPECT_NE(e.msg().find("No such file or directory"), std::string::npos) << e.msg();
-  }
+  std::string const msg =
+      LomiTest::thrown<Lomi::MemoryResourceException>([&] { w.attach(kKestor); });
+  EXPECT_NE(msg.find(missing + "/buckets"), std::string::npos) << msg;
+  EXPECT_NE(msg.find("No such file or directory"), std::string::npos) << msg;
   EXPECT_THROW(w.validateFile(), Lomi::CorruptionDetectedException);
 
   // A "directory" that is a plain file: fails for every user, root included.
   std::string const plain = dir.file("plain");
   std::ofstream(plain) << "x";
   Writer p(handler(), plain);
-  try {
-    p.attach(kKestor);
-    ADD_FAILURE() << "attach under a plain file passed";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_NE(e.msg().find(plain + "/buckets"), std::string::npos) << e.msg();
-    EXPECT_NE(e.msg().find("Not a directory"), std::string::npos) << e.msg();
-  }
+  std::string const msg2 =
+      LomiTest::thrown<Lomi::InvalidInitializeException>([&] { p.attach(kKestor); });
+  EXPECT_NE(msg2.find(plain + "/buckets"), std::string::npos) << msg2;
+  EXPECT_NE(msg2.find("Not a directory"), std::string::npos) << msg2;
 }
 
 TEST_F(BucketWriterTest, CleanupRemovesTheFile) {
@@ -367,12 +346,9 @@ TEST_F(BucketWriterTest, CleanupRemovesTheFile) {
   EXPECT_FALSE(w.attached());
   EXPECT_EQ(w.numBuckets(), 0u);
   EXPECT_FALSE(std::filesystem::exists(path()));
-  try {
-    w.validateFile();
-    ADD_FAILURE() << "validateFile passed a removed file";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_NE(e.msg().find(path()), std::string::npos) << e.msg();
-  }
+  std::string const msg =
+      LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { w.validateFile(); });
+  EXPECT_NE(msg.find(path()), std::string::npos) << msg;
   EXPECT_NO_THROW(w.cleanup()) << "cleanup of an absent file";
   EXPECT_EQ(w.attach(kKestor), Mem::attachNew);
 }

@@ -1,6 +1,7 @@
 // Ovie::VlanTag: default bytes, field accessors over the tag word, equality
 // over the five value bytes, and a text form that parses back.
 #include "Ovie/VlanTag.h"
+#include "Lomi/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -86,12 +87,9 @@ TEST(VlanTag, BadTexts) {
   }
   Zeb::String const s("VlanTag(tpid=0x8100,pcp=9,dei=0,vid=1,flags=0x00)");
   auto it = s.begin();
-  try {
-    Zeb::deserializeAttr<VlanTag>(it, s.end(), "dot1qVlanTag");
-    FAIL();
-  } catch (Zeb::RangeException const& e) {
-    EXPECT_EQ(e.msg().rfind("field 'dot1qVlanTag': bad VLAN tag: ", 0), 0u) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Zeb::RangeException>(
+      [&] { Zeb::deserializeAttr<VlanTag>(it, s.end(), "dot1qVlanTag"); });
+  EXPECT_EQ(msg.rfind("field 'dot1qVlanTag': bad VLAN tag: ", 0), 0u) << msg;
   EXPECT_TRUE(it == s.begin());
 }
 

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Parcel/ProcessTestUtil.h"
 
@@ -67,12 +68,8 @@ TEST_F(KestorFileTest, ValidationNamesTheFileAndBothIds) {
   k.write(KestorId(5, 2));
   EXPECT_FALSE(k.validate(KestorId(5, 3), error));
   EXPECT_EQ(error, fmt::format("kestor file {} holds kestor 5:2, wanted 5:3", k.path()));
-  try {
-    k.validate(KestorId(5, 3));
-    FAIL() << "validate of a wrong id did not throw";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_EQ(e.msg(), error);
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::InvalidInitializeException>([&] { k.validate(KestorId(5, 3)); }),
+            error);
   EXPECT_NO_THROW(k.validate(KestorId(5, 2)));
 }
 
@@ -188,13 +185,10 @@ TEST_F(KestorFileTest, ConcurrentReaderNeverSeesATornRecord) {
 TEST_F(KestorFileTest, WriteWithoutDirectoryNamesTheFile) {
   Mem::NaoRootPath absent(handler(), "tables/absent", false);
   KestorFile k(handler(), absent, false);
-  try {
-    k.write(KestorId(1, 1));
-    FAIL() << "write into a missing directory did not throw";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_NE(e.msg().find(k.path()), std::string::npos) << e.msg();
-    EXPECT_NE(e.msg().find("No such file or directory"), std::string::npos) << e.msg();
-  }
+  std::string const msg =
+      LomiTest::thrown<Lomi::InvalidInitializeException>([&] { k.write(KestorId(1, 1)); });
+  EXPECT_NE(msg.find(k.path()), std::string::npos) << msg;
+  EXPECT_NE(msg.find("No such file or directory"), std::string::npos) << msg;
 }
 
 TEST_F(KestorFileTest, LocalRecordIsSharedByNameAndTouchesNoFile) {

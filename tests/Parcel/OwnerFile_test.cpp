@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Parcel/ProcessTestUtil.h"
 
@@ -56,12 +57,7 @@ TEST_F(OwnerFileTest, MissingRecordIsInvalidAndNamesTheFile) {
   EXPECT_TRUE(o.tunnetInfo().empty());
   EXPECT_FALSE(o.record().has_value());
   EXPECT_EQ(o.headerToString(), fmt::format("owner file {}: missing", o.path()));
-  try {
-    o.validateFile();
-    FAIL() << "validateFile of a missing record did not throw";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), error);
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { o.validateFile(); }), error);
 }
 
 TEST_F(OwnerFileTest, FieldsRoundTripAndNameThisProcess) {
@@ -175,12 +171,9 @@ TEST_F(OwnerFileTest, SetterOnDamagedRecordStartsAfresh) {
 TEST_F(OwnerFileTest, OversizedNamesAreRefusedWithTheTable) {
   OwnerFile o(handler(), root_, false);
   o.lock();
-  try {
-    o.typeNameIs(std::string(OwnerFile::kTypeNameMax + 1, 'x'));
-    FAIL() << "an oversized type name was accepted";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_NE(e.msg().find(root_.path()), std::string::npos) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<Lomi::InvalidInitializeException>(
+      [&] { o.typeNameIs(std::string(OwnerFile::kTypeNameMax + 1, 'x')); });
+  EXPECT_NE(msg.find(root_.path()), std::string::npos) << msg;
   EXPECT_NO_THROW(o.typeNameIs(std::string(OwnerFile::kTypeNameMax, 'x')));
   EXPECT_THROW(o.tunnetInfoIs(TunnetInfo(std::string(OwnerFile::kSocketNameMax + 1, 's'), 1)),
                Lomi::InvalidInitializeException);

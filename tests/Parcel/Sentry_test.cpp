@@ -17,12 +17,13 @@
 
 #include "Lomi/EventLoop.h"
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
-#include "Parcel/ReaderSentry.h"
 #include "Mem/RootPath.h"
-#include "Parcel/WriterSentry.h"
 #include "Mirak/TempRoot.h"
 #include "Parcel/KestorFile.h"
+#include "Parcel/ReaderSentry.h"
+#include "Parcel/WriterSentry.h"
 #include "Thrum/Thrum.h"
 
 namespace {
@@ -366,12 +367,8 @@ TEST_F(ReaderSentryTest, ACollectionMayDestroyItsSentryFromItsAttach) {
 
 TEST_F(ReaderSentryTest, BadUsesAreRefusedWithTheTableInTheMessage) {
   auto s = start();
-  try {
-    s->event("bogus", false);
-    FAIL() << "no exception";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_EQ(e.msg(), "reader sentry of " + root.path() + ": unknown event \"bogus\"");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::InvalidInitializeException>([&] { s->event("bogus", false); }),
+            "reader sentry of " + root.path() + ": unknown event \"bogus\"");
   Mem::NaoRootPath local(handler(), "agent/local", true);
   EXPECT_THROW(Parcel::ReaderSentry(handler(), local, &coll, loop), Lomi::InvalidInitializeException);
 
@@ -379,13 +376,10 @@ TEST_F(ReaderSentryTest, BadUsesAreRefusedWithTheTableInTheMessage) {
   // appear, and init says so.
   std::ofstream(base.path() + "/agent").put('x');
   Parcel::ReaderSentry blocked(handler(), root, &coll, loop);
-  try {
-    blocked.event(Mem::Sentry::eventInit, false);
-    FAIL() << "no exception";
-  } catch (Lomi::InvalidInitializeException const& e) {
-    EXPECT_EQ(e.msg(), "cannot watch Mirak table " + root.path() + ": " + base.path() +
-                           "/agent is in the way and is not a directory");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::InvalidInitializeException>(
+                [&] { blocked.event(Mem::Sentry::eventInit, false); }),
+            "cannot watch Mirak table " + root.path() + ": " + base.path() +
+                "/agent is in the way and is not a directory");
 }
 
 // --- writer sentry ---------------------------------------------------------

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Lomi/Thrown.h"
 #include "Tessel/DummyTesselWriter.h"
 #include "Tessel/TesselReaderView.h"
 #include "TesselTestUtil.h"
@@ -463,13 +464,9 @@ TEST_F(TesselValidate, OpenCorralWithCurrentEntriesFailsClosedOnePasses) {
 TEST_F(TesselValidate, FileChecks) {
   EXPECT_TRUE(w.validateFile());
   writeAt<uint32_t>(table0(dir), 8, 100000);  // count beyond capacity and file
-  try {
-    w.validateFile();
-    FAIL() << "no exception";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_NE(e.msg().find(table0(dir) + " of 4096 bytes is no table"), std::string::npos)
-        << e.msg();
-  }
+  std::string const msg =
+      LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { w.validateFile(); });
+  EXPECT_NE(msg.find(table0(dir) + " of 4096 bytes is no table"), std::string::npos) << msg;
   std::filesystem::remove(dir.file("tessel"));
   EXPECT_THROW(w.validateFile(), Lomi::CorruptionDetectedException);
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 
 namespace {
 
@@ -54,12 +55,8 @@ TYPED_TEST(WendLocal, ResizeKeepsContentAndFillsTheRest) {
 TYPED_TEST(WendLocal, OutOfRangeIndexThrowsWithTheIndex) {
   Wend::Local<TypeParam> a(4);
   EXPECT_NO_THROW(a[3]);
-  try {
-    a[4];
-    FAIL() << "index 4 of 4 accepted";
-  } catch (Lomi::CorruptionDetectedException const& e) {
-    EXPECT_EQ(e.msg(), "local array index 4 is out of range, size 4");
-  }
+  EXPECT_EQ(LomiTest::thrown<Lomi::CorruptionDetectedException>([&] { a[4]; }),
+            "local array index 4 is out of range, size 4");
   Wend::Local<TypeParam> const& c = a;
   EXPECT_THROW(c.at(size_t(-1)), Lomi::CorruptionDetectedException);
   Wend::Local<TypeParam> none;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "Lomi/Thrown.h"
 #include "Zeb/Module.h"
 #include "Zeb/Strep.h"
 
@@ -88,12 +89,8 @@ TEST_F(ZebModule, TypesByNameAndIndex) {
   EXPECT_EQ(Zeb::findType("ZebTest::Nope"), nullptr);
   EXPECT_EQ(Zeb::typeOf(Zeb::FwkType{}), nullptr);
   EXPECT_EQ(Zeb::typeOf(Zeb::FwkType{&testModule, 3}), nullptr);
-  try {
-    Zeb::typeByName("ZebTest::Nope");
-    FAIL();
-  } catch (Zeb::UnknownTypeException const& e) {
-    EXPECT_EQ(e.msg(), "unknown type ZebTest::Nope: no module registered it");
-  }
+  EXPECT_EQ(LomiTest::thrown<Zeb::UnknownTypeException>([&] { Zeb::typeByName("ZebTest::Nope"); }),
+            "unknown type ZebTest::Nope: no module registered it");
   EXPECT_EQ(p.attribute("y")->id, 3u);
   EXPECT_EQ(p.attribute(2)->name, std::string("x"));
   EXPECT_EQ(p.attribute(4), nullptr);

@@ -1,6 +1,7 @@
 // The strep helpers: literals, numbers, times, enumerations, the end check,
 // printf formatting and the attribute-naming rethrow.
 #include "Zeb/Strep.h"
+#include "Lomi/Thrown.h"
 
 #include <gtest/gtest.h>
 
@@ -28,12 +29,8 @@ TEST(NeedString, ConsumesExactlyTheLiteral) {
   needString(it, s.end(), "Value('X', ** {");
   EXPECT_EQ(it.rest(s.end()), "rest");
   // A mismatch leaves the iterator where it was and says what it wanted where.
-  try {
-    needString(it, s.end(), "rust");
-    FAIL();
-  } catch (RangeException const& e) {
-    EXPECT_EQ(e.msg(), "expected \"rust\" at offset 15, found 'rest'");
-  }
+  EXPECT_EQ(LomiTest::thrown<RangeException>([&] { needString(it, s.end(), "rust"); }),
+            "expected \"rust\" at offset 15, found 'rest'");
   EXPECT_EQ(it.rest(s.end()), "rest");
   EXPECT_THROW(needString(it, s.end(), "rest!"), RangeException);
   needString(it, s.end(), "");
@@ -62,12 +59,9 @@ TEST(DeserializeAttr, UnsignedBounds) {
 TEST(DeserializeAttr, FailureIsNamedByTheAttributePath) {
   String const s("x");
   auto it = s.begin();
-  try {
-    deserializeAttr<unsigned int>(it, s.end(), "hoFlows");
-    FAIL();
-  } catch (RangeException const& e) {
-    EXPECT_EQ(e.msg().rfind("field 'hoFlows': expected ", 0), 0u) << e.msg();
-  }
+  std::string const msg = LomiTest::thrown<RangeException>(
+      [&] { deserializeAttr<unsigned int>(it, s.end(), "hoFlows"); });
+  EXPECT_EQ(msg.rfind("field 'hoFlows': expected ", 0), 0u) << msg;
   try {
     try {
       rethrowFromDeserializeAttr(RangeException("inner problem"), "srcAddr");
@@ -132,12 +126,8 @@ TEST(StrepToValue, TheWholeTextAndNothingAfterIt) {
   String const s("12x");
   auto it = s.begin();
   EXPECT_EQ(deserializeAttr<unsigned int>(it, s.end(), "n"), 12u);
-  try {
-    strepToValueEnd(s, it);
-    FAIL();
-  } catch (RangeException const& e) {
-    EXPECT_EQ(e.msg(), "unexpected text after the value at offset 2: 'x'");
-  }
+  EXPECT_EQ(LomiTest::thrown<RangeException>([&] { strepToValueEnd(s, it); }),
+            "unexpected text after the value at offset 2: 'x'");
   ++it;
   strepToValueEnd(s, it);
   EXPECT_EQ(strepToValue(String("42"), static_cast<unsigned int*>(nullptr)), 42u);

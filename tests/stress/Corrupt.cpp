@@ -93,8 +93,30 @@ struct Flip {
   bool inValue;
 };
 
-// Flips 1..8 bytes of one file; half the time inside its first 512 bytes,
-// where every file keeps its header.
+// Flips 1..8 bytes of `file` in `dir`, half the time within its first
+// `headerBytes` (where every file keeps its header); returns the offsets.
+std::vector<uint64_t> flipBytes(std::string const& dir, std::string const& file,
+                                uint64_t headerBytes, std::mt19937_64& rng) {
+  std::string const path = dir + "/" + file;
+  uint64_t const size = fs::file_size(path);
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  std::vector<uint64_t> offsets;
+  uint32_t const n = 1 + static_cast<uint32_t>(rng() % 8);
+  bool const header = rng() % 2 == 0;
+  for (uint32_t i = 0; i < n; i++) {
+    uint64_t const off = header ? rng() % std::min(size, headerBytes) : rng() % size;
+    f.seekg(static_cast<std::streamoff>(off));
+    char c = 0;
+    f.read(&c, 1);
+    c = static_cast<char>(c ^ (1 + rng() % 255));
+    f.seekp(static_cast<std::streamoff>(off));
+    f.write(&c, 1);
+    offsets.push_back(off);
+  }
+  return offsets;
+}
+
+// Flips bytes of one file of the table, its first 512 bytes half the time.
 std::vector<Flip> damage(std::string const& dir, std::mt19937_64& rng) {
   std::vector<std::string> files;
   for (auto const& e : fs::directory_iterator(dir)) {
@@ -111,28 +133,14 @@ std::vector<Flip> damage(std::string const& dir, std::mt19937_64& rng) {
   } else {
     file = files[rng() % files.size()];
   }
-  std::string const path = dir + "/" + file;
-  uint64_t const size = fs::file_size(path);
-  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
-  std::vector<Flip> flips;
-  uint32_t const n = 1 + static_cast<uint32_t>(rng() % 8);
-  bool const header = rng() % 2 == 0;
   using Geometry = Mirak::SlotGeometry<CValue>;
-  for (uint32_t i = 0; i < n; i++) {
-    uint64_t const off = header ? rng() % std::min<uint64_t>(size, 512) : rng() % size;
-    f.seekg(static_cast<std::streamoff>(off));
-    char c = 0;
-    f.read(&c, 1);
-    c = static_cast<char>(c ^ (1 + rng() % 255));
-    f.seekp(static_cast<std::streamoff>(off));
-    f.write(&c, 1);
+  using Slot = Mirak::SlotTable::Slot<CValue>;
+  std::vector<Flip> flips;
+  for (uint64_t off : flipBytes(dir, file, 512, rng)) {
     // Whether the byte is inside the value of a slot (or the lookaside
     // slot, which is laid out the same way at the header's end).
-    bool inValue = false;
-    if (file == "slots" && off >= Geometry::headerSize) {
-      uint64_t const inSlot = (off - Geometry::headerSize) % sizeof(Mirak::SlotTable::Slot<CValue>);
-      inValue = inSlot >= offsetof(Mirak::SlotTable::Slot<CValue>, value);
-    }
+    bool const inValue = file == "slots" && off >= Geometry::headerSize &&
+                         (off - Geometry::headerSize) % sizeof(Slot) >= offsetof(Slot, value);
     flips.push_back(Flip{file, off, inValue});
   }
   return flips;
@@ -250,20 +258,8 @@ std::string damageQueue(std::string const& dir, std::mt19937_64& rng) {
     fs::resize_file(path, to);
     return fmt::format("{} cut to {} of {} bytes", file, to, size);
   }
-  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
-  bool const header = rng() % 2 == 0;
-  uint32_t const n = 1 + static_cast<uint32_t>(rng() % 8);
   std::string where = file;
-  for (uint32_t i = 0; i < n; i++) {
-    uint64_t const off = header ? rng() % std::min<uint64_t>(size, 128) : rng() % size;
-    f.seekg(static_cast<std::streamoff>(off));
-    char c = 0;
-    f.read(&c, 1);
-    c = static_cast<char>(c ^ (1 + rng() % 255));
-    f.seekp(static_cast<std::streamoff>(off));
-    f.write(&c, 1);
-    where += fmt::format(" @{}", off);
-  }
+  for (uint64_t off : flipBytes(dir, file, 128, rng)) where += fmt::format(" @{}", off);
   return where;
 }
 

@@ -23,17 +23,29 @@ set(FUZZ_SECONDS 8 CACHE STRING "Seconds each fuzz.* test runs its target")
 add_custom_target(fuzz)
 add_dependencies(fuzz stress)
 
+# A target and its short run (long runs are in README "Reliability"). With
+# SEEDED, its seed corpus is committed beside it (corpus/<name>/) and new
+# inputs go to the build's corpus directory, named first, so the source tree
+# is never written; without, `stress corpus` writes the seeds (fixture).
 function(flowtables_fuzz_target name)
-  add_executable(${name} ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "SEEDED" "" "")
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_compile_options(${name} PRIVATE -fsanitize=fuzzer,address)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer,address)
   target_link_libraries(${name} PRIVATE flowtables GTest::gtest)
   add_dependencies(fuzz ${name})
-  # A short run from the seed corpus; long runs are in README "Reliability".
+  set(corpora ${FUZZ_CORPUS}/${name})
+  if(ARG_SEEDED)
+    file(MAKE_DIRECTORY ${FUZZ_CORPUS}/${name})
+    list(APPEND corpora ${FUZZ_DIR}/corpus/${name})
+  endif()
   add_test(NAME fuzz.${name}
-           COMMAND ${name} -max_total_time=${FUZZ_SECONDS} -max_len=4096 ${FUZZ_CORPUS}/${name})
-  set_tests_properties(fuzz.${name} PROPERTIES FIXTURES_REQUIRED fuzz_corpus TIMEOUT 120)
+           COMMAND ${name} -max_total_time=${FUZZ_SECONDS} -max_len=4096 ${corpora})
+  set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 120)
+  if(NOT ARG_SEEDED)
+    set_tests_properties(fuzz.${name} PROPERTIES FIXTURES_REQUIRED fuzz_corpus)
+  endif()
 endfunction()
 
 foreach(type IN LISTS FUZZ_STREP_TYPES)
@@ -42,27 +54,10 @@ foreach(type IN LISTS FUZZ_STREP_TYPES)
 endforeach()
 flowtables_fuzz_target(fuzz_reader_attach ${FUZZ_DIR}/reader_fuzz.cpp
                        ${PROJECT_SOURCE_DIR}/tests/stress/Stress.cpp)
-
-# Targets whose seed corpora are committed beside them (corpus/<target>/):
-# new inputs go to the build's corpus directory, named first, so the source
-# tree is never written.
-function(flowtables_fuzz_seeded_target name)
-  add_executable(${name} ${ARGN})
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
-  target_compile_options(${name} PRIVATE -fsanitize=fuzzer,address)
-  target_link_options(${name} PRIVATE -fsanitize=fuzzer,address)
-  target_link_libraries(${name} PRIVATE flowtables GTest::gtest)
-  add_dependencies(fuzz ${name})
-  file(MAKE_DIRECTORY ${FUZZ_CORPUS}/${name})
-  add_test(NAME fuzz.${name}
-           COMMAND ${name} -max_total_time=${FUZZ_SECONDS} -max_len=4096 ${FUZZ_CORPUS}/${name}
-                   ${FUZZ_DIR}/corpus/${name})
-  set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 120)
-endfunction()
 # The change queue's reader over damaged queue files.
-flowtables_fuzz_seeded_target(fuzz_queue_reader ${FUZZ_DIR}/queue_fuzz.cpp)
+flowtables_fuzz_target(fuzz_queue_reader SEEDED ${FUZZ_DIR}/queue_fuzz.cpp)
 # The wake-up socket's messages, reassembled from a real socket.
-flowtables_fuzz_seeded_target(fuzz_rusk_wire ${FUZZ_DIR}/wire_fuzz.cpp)
+flowtables_fuzz_target(fuzz_rusk_wire SEEDED ${FUZZ_DIR}/wire_fuzz.cpp)
 
 add_test(NAME fuzz.corpus COMMAND stress corpus --dir ${FUZZ_CORPUS})
 set_tests_properties(fuzz.corpus PROPERTIES FIXTURES_SETUP fuzz_corpus)

@@ -13,25 +13,18 @@
 // whether to cut it (bit 7: the file is truncated at the offset, the rest of
 // the input is ignored); bytes 1..4 the offset (little endian, modulo the
 // file's size); the rest is written there, clipped at the file's end.
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <map>
 #include <string>
-#include <vector>
 
 #include "FlowTracking/ReaderTestUtil.h"
 #include "Lomi/Exception.h"
-#include "Mem/RootPath.h"
 #include "Tessel/TesselFormat.h"
 #include "Tessel/TesselReaderView.h"
+#include "stress/fuzz/GoldenFiles.h"
 
 namespace {
 
@@ -40,12 +33,11 @@ constexpr char const* kFiles[] = {"tessel", "tessel.0", "tessel.1"};
 using Record = FlowTracking::HoIpFlowStatus;
 
 struct State {
-  std::string dir;
   uint32_t kestor = 0;
   // The damaged header's mostSlots: no entry yielded may name a slot at or
   // beyond it.
   uint32_t mostSlots = 0;
-  std::map<std::string, std::vector<char>> golden;
+  FuzzTest::GoldenFiles golden;
 };
 
 State& state() {
@@ -83,10 +75,7 @@ uint64_t walk(Tessel::TesselReaderView& view, Tessel::Sequence after, uint64_t b
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char tmpl[] = "/tmp/flowtables-fuzz-XXXXXX";
-  char const* base = ::mkdtemp(tmpl);
-  if (!base) std::abort();
-  Mem::RootPath::baseIs(base);
+  std::string const base = FuzzTest::makeBase();
   {
     auto w =
         FlowTrackingTest::makeSharedWriter<Record>(kTable, FlowTrackingTest::sharedDescriptor(512));
@@ -103,11 +92,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     }
     state().kestor = w->kestorId().value();
   }
-  state().dir = std::string(base) + "/" + kTable;
-  for (char const* name : kFiles) {
-    std::ifstream in(state().dir + "/" + name, std::ios::binary);
-    state().golden[name] = std::vector<char>(std::istreambuf_iterator<char>(in), {});
-    if (state().golden[name].empty()) std::abort();
+  state().golden.keep(base + "/" + kTable, kFiles);
+  for (auto const& [name, bytes] : state().golden.bytes) {
+    if (bytes.empty()) std::abort();
   }
   return 0;
 }
@@ -117,18 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   std::string const target = kFiles[(data[0] & 3) % std::size(kFiles)];
   bool const cut = (data[0] & 0x80) != 0;
   uint64_t bound = 0;
-  for (auto const& [name, bytes] : state().golden) {
-    std::vector<char> copy = bytes;
-    if (name == target) {
-      uint32_t const at = (uint32_t(data[1]) | uint32_t(data[2]) << 8 | uint32_t(data[3]) << 16 |
-                           uint32_t(data[4]) << 24) %
-                          copy.size();
-      if (cut) {
-        copy.resize(at);
-      } else {
-        for (size_t i = 5; i < size && at + (i - 5) < copy.size(); i++) copy[at + i - 5] = data[i];
-      }
-    }
+  state().golden.restore(target, cut, data, size, [&](std::string const& name, auto const& copy) {
     // A walk yields each entry of a table at most once per re-find, and a
     // static file re-finds at most once per table: twice the entries the
     // two files can hold, plus slack, bounds a sound walk.
@@ -137,10 +113,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
                   sizeof(uint32_t));
     }
     if (name != "tessel") bound += 2 * (copy.size() / sizeof(Tessel::TesselEntry)) + 16;
-    std::ofstream out(state().dir + "/" + name, std::ios::binary | std::ios::trunc);
-    out.write(copy.data(), static_cast<std::streamsize>(copy.size()));
-  }
-  Tessel::TesselReaderView view(state().dir, FlowTrackingTest::readerTestHandler());
+  });
+  Tessel::TesselReaderView view(state().golden.dir, FlowTrackingTest::readerTestHandler());
   std::string error;
   if (!view.attach(state().kestor, error)) {
     if (error.empty()) finding("attach refused without a reason");

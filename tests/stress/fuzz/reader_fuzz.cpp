@@ -7,43 +7,28 @@
 // Input: byte 0 picks the file (slots, buckets, kestor, tessel, owner), bytes
 // 1..4 the offset (little endian, taken modulo the file's size), the rest is
 // written there, clipped at the file's end.
-#include <stdlib.h>
-
-#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "FlowTracking/ReaderTestUtil.h"
-#include "Mem/RootPath.h"
 #include "stress/Stress.h"
+#include "stress/fuzz/GoldenFiles.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 constexpr char kTable[] = "fuzz/attach";
 constexpr char const* kFiles[] = {"slots", "buckets", "kestor", "tessel", "owner"};
 
-std::string& tableDir() {
-  static std::string dir;
-  return dir;
-}
-std::map<std::string, std::vector<char>>& golden() {
-  static std::map<std::string, std::vector<char>> files;
+FuzzTest::GoldenFiles& golden() {
+  static FuzzTest::GoldenFiles files;
   return files;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char tmpl[] = "/tmp/flowtables-fuzz-XXXXXX";
-  char const* base = ::mkdtemp(tmpl);
-  if (!base) std::abort();
-  Mem::RootPath::baseIs(base);
+  std::string const base = FuzzTest::makeBase();
   {
     auto w = FlowTrackingTest::makeSharedWriter<Stress::Record>(kTable,
                                                                 Stress::workloadDescriptor(4096));
@@ -51,27 +36,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     Stress::Value removed;
     for (uint32_t i = 100; i < 150; i++) w->remove(FlowTrackingTest::ipFlowKey(i), removed);
   }
-  tableDir() = std::string(base) + "/" + kTable;
-  for (char const* name : kFiles) {
-    std::ifstream in(tableDir() + "/" + name, std::ios::binary);
-    golden()[name] = std::vector<char>(std::istreambuf_iterator<char>(in), {});
-  }
+  golden().keep(base + "/" + kTable, kFiles);
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   if (size < 5) return 0;
-  for (auto const& [name, bytes] : golden()) {
-    std::ofstream out(tableDir() + "/" + name, std::ios::binary | std::ios::trunc);
-    std::vector<char> copy = bytes;
-    if (name == kFiles[data[0] % std::size(kFiles)] && !copy.empty()) {
-      uint32_t const at = (uint32_t(data[1]) | uint32_t(data[2]) << 8 | uint32_t(data[3]) << 16 |
-                           uint32_t(data[4]) << 24) %
-                          copy.size();
-      for (size_t i = 5; i < size && at + (i - 5) < copy.size(); i++) copy[at + i - 5] = data[i];
-    }
-    out.write(copy.data(), static_cast<std::streamsize>(copy.size()));
-  }
+  golden().restore(kFiles[data[0] % std::size(kFiles)], false, data, size, [](auto&&, auto&&) {});
   auto reader = FlowTrackingTest::makeReader<Stress::Record>(kTable);
   try {
     if (!reader->initialize("fuzz")) return 0;
