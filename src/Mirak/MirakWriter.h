@@ -179,7 +179,7 @@ class MirakWriter : public MirakInterface<OpsT> {
   // What the last start did with the files it found: new, adopted, salvaged
   // (with the records left behind, by reason) or re-formatted, and why the
   // files were not adopted. Kind none before the first start.
-  StartOutcome const& startOutcome() const { return startOutcome_; }
+  StartOutcome startOutcome() const override { return startOutcome_; }
 
   // --- data operations ---------------------------------------------------
   Value const* write(Value const& value, bool overwrite) override;

@@ -39,14 +39,19 @@
 //        - the stored rhash must be the reversed hash of the record's key
 //          under the old seed.
 //      Readers are not disturbed: nothing is stored into the files.
-//   2. the re-format below, unchanged: new kestor, new seed, files formatted
+//   2. the records go whole to the side file "salvage" (SalvageFile.h gives
+//      the store order that makes a salvage crash-safe, and what a start that
+//      finds the file does with it: a killed salvage is taken up from it).
+//   3. the re-format below, unchanged: new kestor, new seed, files formatted
 //      in place with the kestor and size version published first, so readers
 //      of the old generation answer as detached, re-attach and resweep.
-//   3. the records go into the new generation by the insert path (without
+//   4. the records are built into the new generation in bulk (carrySalvage:
+//      sized once, slots in walk order, chains linked in one pass), without
 //      queue notifications: readers and shadows re-read the new generation
-//      whole), lowest old slot first; a second copy of a key (a slot move
-//      stopped between its copy and its retire) is dropped, so the copy in
-//      the lower slot, the move's target, is kept.
+//      whole. A second copy of a key (a slot move stopped between its copy
+//      and its retire) is dropped, so the copy in the lower slot, the move's
+//      target, is kept.
+//   5. after the kestor file names the new generation, the side file goes.
 //   The one write in flight is thus kept whole or lost, never half kept. A
 //   slot file that the attach did not keep (its header failed, another
 //   kestor) has nothing to read: the start ends in an empty re-format.
