@@ -50,9 +50,10 @@
 //  38  directUpdate(key)               throws "write to read-only Mirak table"
 //  39  directCommit()                  throws "write to read-only Mirak table"
 //  40  directLookup(key, found, buf)   calls lookup through the table
+//  41  startOutcome()                  kind none: no writer started here
 //
 // Slots 2 to 31 do not depend on the table's types and are declared by
-// MirakInterfaceBase; 32 to 40 by MirakInterface<Ops>. Since a derived class
+// MirakInterfaceBase; 32 to 41 by MirakInterface<Ops>. Since a derived class
 // appends its virtuals after its base's, the table of a MirakInterface<Ops>
 // is exactly the order above.
 //
@@ -81,6 +82,7 @@
 #include "Mirak/IterHint.h"
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/Operations.h"
+#include "Mirak/StartOutcome.h"
 #include "Parcel/KestorId.h"
 #include "Tessel/Sequence.h"
 
@@ -178,6 +180,8 @@ class MirakInterface : public MirakInterfaceBase {
   virtual Value* directUpdate(Key const& key);
   virtual void directCommit();
   virtual Value const* directLookup(Key const& key, bool& found, void* buffer) const;
+  // 41: what the last start of a writer did with the files it found.
+  virtual StartOutcome startOutcome() const { return StartOutcome(); }
 };
 
 template <TablePolicy OpsT>

@@ -449,8 +449,7 @@ Writer::Counters MirakMap<OpsT>::writerCounters() const {
 
 template <TablePolicy OpsT>
 StartOutcome MirakMap<OpsT>::startOutcome() const {
-  auto const* writer = dynamic_cast<MirakWriter<OpsT> const*>(back_.get());
-  return writer ? writer->startOutcome() : StartOutcome();
+  return back_ ? back_->startOutcome() : StartOutcome();
 }
 
 template <TablePolicy OpsT>

@@ -83,6 +83,7 @@
 #include "Mirak/MapDescriptor.h"
 #include "Mirak/MirakInterface.h"
 #include "Mirak/Operations.h"
+#include "Mirak/SalvageFile.h"
 #include "Mirak/SlotCompaction.h"
 #include "Mirak/SlotStore.h"
 #include "Mirak/SlotTable.h"
@@ -178,7 +179,7 @@ class MirakWriter : public MirakInterface<OpsT> {
   // What the last start did with the files it found: new, adopted, salvaged
   // (with the records left behind, by reason) or re-formatted, and why the
   // files were not adopted. Kind none before the first start.
-  StartOutcome const& startOutcome() const { return startOutcome_; }
+  StartOutcome startOutcome() const override { return startOutcome_; }
 
   // --- data operations ---------------------------------------------------
   Value const* write(Value const& value, bool overwrite) override;
@@ -262,12 +263,21 @@ class MirakWriter : public MirakInterface<OpsT> {
   // are find's. Returns the slot; the caller announces it.
   uint32_t insertNew(Value const& value, uint32_t hash, Link* prev, Link* curr);
   // SALVAGE, the start's third way (see MirakWriterAttach.h): copies the
-  // complete records of the attached, refused slot file into salvageRows_,
-  // before the re-format reuses the file. False, with the reason in
-  // startOutcome_, when the slot file was not kept by the attach.
+  // complete records of the attached, refused slot file into salvageImage_
+  // and then into the side file, before the re-format reuses the files.
+  // False, with the reason in startOutcome_, when the slot file was not kept
+  // by the attach.
   bool collectSalvage();
-  // Writes salvageRows_ into the freshly formatted generation and frees them.
+  // A side file left by a salvaging start that did not finish: true if it
+  // is the salvage of this start (loaded into salvageImage_, its target
+  // raised, kestorId_ set so that the re-format goes past it); a stale,
+  // refused or unwanted one is removed.
+  bool resumeSalvage();
+  // Builds salvageImage_ into the freshly formatted generation in bulk and
+  // frees it.
   void carrySalvage();
+  // Removes the side file (salvage store order step 5); a failure is traced.
+  void removeSalvageFile();
   // Steps 1-3 of the insert: a free slot, its rhash, off the free list.
   // `prev` and `curr` are rebuilt if a grow moved the mapping.
   uint32_t allocSlot(uint32_t hash, Link*& prev, Link*& curr);
@@ -316,9 +326,11 @@ class MirakWriter : public MirakInterface<OpsT> {
   int slotsAttach_ = 0;
   bool salvage_;
   StartOutcome startOutcome_;
-  // The records a salvage carries over, between collectSalvage and
-  // carrySalvage; empty otherwise.
-  std::vector<Value> salvageRows_;
+  // The records a salvage carries over, between collectSalvage (or
+  // resumeSalvage) and carrySalvage; empty otherwise.
+  SalvageImage<Value> salvageImage_;
+  // A side file of this start's salvage is in the directory.
+  bool salvageFile_ = false;
   Parcel::KestorId kestorId_;
   uint32_t directSlot_ = kNoSlot;
   Link* directPrevLink_ = nullptr;

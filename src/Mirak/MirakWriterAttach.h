@@ -39,14 +39,19 @@
 //        - the stored rhash must be the reversed hash of the record's key
 //          under the old seed.
 //      Readers are not disturbed: nothing is stored into the files.
-//   2. the re-format below, unchanged: new kestor, new seed, files formatted
+//   2. the records go whole to the side file "salvage" (SalvageFile.h gives
+//      the store order that makes a salvage crash-safe, and what a start that
+//      finds the file does with it: a killed salvage is taken up from it).
+//   3. the re-format below, unchanged: new kestor, new seed, files formatted
 //      in place with the kestor and size version published first, so readers
 //      of the old generation answer as detached, re-attach and resweep.
-//   3. the records go into the new generation by the insert path (without
+//   4. the records are built into the new generation in bulk (carrySalvage:
+//      sized once, slots in walk order, chains linked in one pass), without
 //      queue notifications: readers and shadows re-read the new generation
-//      whole), lowest old slot first; a second copy of a key (a slot move
-//      stopped between its copy and its retire) is dropped, so the copy in
-//      the lower slot, the move's target, is kept.
+//      whole. A second copy of a key (a slot move stopped between its copy
+//      and its retire) is dropped, so the copy in the lower slot, the move's
+//      target, is kept.
+//   5. after the kestor file names the new generation, the side file goes.
 //   The one write in flight is thus kept whole or lost, never half kept. A
 //   slot file that the attach did not keep (its header failed, another
 //   kestor) has nothing to read: the start ends in an empty re-format.
@@ -75,10 +80,12 @@
 
 #include "Mem/CloneControl.h"
 #include "Mirak/MirakWriter.h"
+#include "Mirak/SalvageFile.h"
 #include "Mirak/Util.h"
 #include "Mirak/Validator.h"
 #include "Parcel/KestorFile.h"
 #include "Parcel/OwnerFile.h"
+#include "MirakCore/BitReverse.h"
 
 namespace Mirak {
 
@@ -190,8 +197,11 @@ void MirakWriter<OpsT>::attach() {
   // Start step 5.
   ownerFile.typeNameIs(typeName_);
   ownerFile.parcelTypeIs(Parcel::ParcelType::mirak);
-  // Start step 6.
-  if (!attachAndValidate(reformat, ownerFile, tunnetInfo)) {
+  // Start step 6. A salvage that a killed start left unfinished comes
+  // first: its side file holds every record, the files only some.
+  if (!localMem_ && resumeSalvage()) {
+    attachAndValidate(true, ownerFile, tunnetInfo);
+  } else if (!attachAndValidate(reformat, ownerFile, tunnetInfo)) {
     FMASSERT(!reformat, handler_, "MirakWriter", "failed to attach to and validate new files");
     attachAndValidate(true, ownerFile, tunnetInfo);
   }
@@ -207,9 +217,15 @@ void MirakWriter<OpsT>::attach() {
   startOutcome_.rows = members();
   FMTRACE(handler_, 1, "MirakWriter", "start of {}: {}", rootPath_, startOutcome_.toString());
   writeStartOutcome(handler_, rootPath_, startOutcome_);
+  if (salvageFile_) step(MirakCore::WriteStep::salvageCarried);
   // Start step 9, the last of the file work: a writer that dies before it
   // leaves a kestor file that doesn't match the files, or none.
   kestorFile.write(kestorId_);
+  // Salvage store order step 5: the new generation is the table of record.
+  if (salvageFile_) {
+    step(MirakCore::WriteStep::salvageSettled);
+    removeSalvageFile();
+  }
   // Start step 10.
   if (!localMem_) {
     FMTRACE(handler_, 1, "MirakWriter", "success {} capacity:{} kestorId:{} mtime:{} tunnetInfo:{}",
@@ -265,7 +281,7 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
     attach(kestorId_);
     // Re-format step 4.
     if (!validate(kestorId_, error, false)) {
-      salvageRows_ = std::vector<Value>();
+      salvageImage_.clear();
       throw Lomi::InvalidInitializeException("failed validation of new files of {}: {}", rootPath_,
                                              error);
     }
@@ -321,7 +337,7 @@ bool MirakWriter<OpsT>::attach(Parcel::KestorId kestor) {
 
 template <TablePolicy OpsT>
 bool MirakWriter<OpsT>::collectSalvage() {
-  salvageRows_ = std::vector<Value>();
+  salvageImage_.clear();
   SlotTable::Header const* const h = slots_.header();
   if (slotsAttach_ != Mem::attachKept || !h) {
     startOutcome_.reason += "; the slot file was not kept, nothing to salvage";
@@ -342,7 +358,7 @@ bool MirakWriter<OpsT>::collectSalvage() {
     occupied += (Mem::loadAcquire(slots[i].versionFlags) & SlotTable::OCCUPIED) != 0;
   }
   try {
-    salvageRows_.reserve(occupied);
+    salvageImage_.reset(static_cast<uint32_t>(occupied), typeName_);
   } catch (std::bad_alloc const&) {
     startOutcome_.reason += "; no memory to salvage";
     return false;
@@ -370,39 +386,249 @@ bool MirakWriter<OpsT>::collectSalvage() {
       startOutcome_.badHash++;
       continue;
     }
-    if (salvageRows_.size() == occupied) break;  // never beyond the first pass's count
-    salvageRows_.push_back(*v);
+    if (salvageImage_.count() == occupied) break;  // never beyond the first pass's count
+    salvageImage_.push(static_cast<uint32_t>(i), *v);
   }
   startOutcome_.kind = StartOutcome::Kind::salvaged;
-  FMTRACE(handler_, 1, "MirakWriter", "salvaging {} records of {} slots from {}", salvageRows_.size(),
-          n, rootPath_);
+  FMTRACE(handler_, 1, "MirakWriter", "salvaging {} records of {} slots from {}",
+          salvageImage_.count(), n, rootPath_);
+  if (localMem_) return true;
+  // Salvage step 2 (store order of SalvageFile.h): the records go to the side
+  // file, whole, before anything is formatted.
+  SalvageHeader& sh = salvageImage_.header();
+  sh.sourceKestor = kestorId_.value();
+  sh.slotsRead = static_cast<uint32_t>(n);
+  sh.unfinished = startOutcome_.unfinished;
+  sh.torn = startOutcome_.torn;
+  sh.badHash = startOutcome_.badHash;
+  sh.targetKestor = kestorId_.reformatted().value();
+  std::string error;
+  salvageFile_ = writeSalvageFile(rootPath_.path(), salvageImage_.seal(), error);
+  if (!salvageFile_) {
+    // The salvage goes on from private memory: a crash before its end then
+    // loses the records, as it would without the salvage.
+    FMTRACE(handler_, 0, "MirakWriter", "no side file for the salvage of {}: {}", rootPath_, error);
+    startOutcome_.reason += "; no side file: " + error;
+  }
+  step(MirakCore::WriteStep::salvageCollected);
   return true;
 }
 
 template <TablePolicy OpsT>
+bool MirakWriter<OpsT>::resumeSalvage() {
+  std::vector<uint64_t> bytes;
+  uint64_t length = 0;
+  std::string error;
+  std::string const dir = rootPath_.path();
+  SalvageFileState const state = readSalvageFile(dir, bytes, length, error);
+  if (state == SalvageFileState::absent) {
+    // A temporary that a start killed while writing the side file left.
+    if (!removeSalvageFiles(dir, error)) {
+      FMTRACE(handler_, 0, "MirakWriter", "cannot remove a salvage temporary of {}: {}", rootPath_,
+              error);
+    }
+    return false;
+  }
+  SalvageImage<Value> image;
+  bool usable = false;
+  if (state == SalvageFileState::refused) {
+    FMTRACE(handler_, 0, "MirakWriter", "ignoring the salvage side file of {}: {}", rootPath_,
+            error);
+  } else {
+    if (!image.adopt(std::move(bytes), length, typeName_, error)) {
+      FMTRACE(handler_, 0, "MirakWriter", "ignoring a damaged salvage side file of {}: {}",
+              rootPath_, error);
+    } else if (Parcel::KestorId(image.header().targetKestor) == kestorId_) {
+      // Its carry ended and the kestor file names the new generation: stale.
+      FMTRACE(handler_, 1, "MirakWriter", "removing the stale salvage side file of {}", rootPath_);
+    } else if (!salvage_) {
+      FMTRACE(handler_, 1, "MirakWriter",
+              "salvage is off: dropping the {} records of an unfinished salvage of {}",
+              image.count(), rootPath_);
+    } else {
+      usable = true;
+    }
+  }
+  if (!usable) {
+    if (!removeSalvageFiles(dir, error)) {
+      FMTRACE(handler_, 0, "MirakWriter", "cannot remove the salvage side file of {}: {}",
+              rootPath_, error);
+    }
+    return false;
+  }
+  // The re-format goes past every generation this salvage formatted: the
+  // target is raised in the file before anything is formatted under it.
+  Parcel::KestorId const was(image.header().targetKestor);
+  if (!salvageTargetIs(dir, was.reformatted(), error)) {
+    throw Lomi::InvalidInitializeException("cannot take up the salvage of {}: {}", rootPath_,
+                                           error);
+  }
+  kestorId_ = was;
+  SalvageHeader const& h = image.header();
+  startOutcome_.kind = StartOutcome::Kind::salvaged;
+  startOutcome_.unfinished = h.unfinished;
+  startOutcome_.torn = h.torn;
+  startOutcome_.badHash = h.badHash;
+  startOutcome_.reason = fmt::format(
+      "a salvage of {} records (read under kestor {}) that did not finish, taken up from its side "
+      "file",
+      h.count, Parcel::KestorId(h.sourceKestor));
+  FMTRACE(handler_, 1, "MirakWriter", "start of {}: {}", rootPath_, startOutcome_.reason);
+  salvageImage_ = std::move(image);
+  salvageFile_ = true;
+  return true;
+}
+
+template <TablePolicy OpsT>
+void MirakWriter<OpsT>::removeSalvageFile() {
+  std::string error;
+  if (!removeSalvageFiles(rootPath_.path(), error)) {
+    // The next start finds it stale (its target is the kestor file's id).
+    FMTRACE(handler_, 0, "MirakWriter", "cannot remove the salvage side file of {}: {}",
+            rootPath_, error);
+  }
+  salvageFile_ = false;
+}
+
+// The bulk build of a salvage (salvage step 3). The new generation is read by
+// nobody until the kestor file names it (a reader validates both headers
+// against the kestor file's id, and the old generation's readers find the
+// kestor moved), so the build stores slots in order and links each chain in
+// one pass, with no rewrite protocol and no queue notification: readers and
+// shadows re-read the new generation whole. The critical bit is up
+// throughout all the same, so a build cut short never validates.
+//   1. every record's hash under the new seed; the records sorted by
+//      (rhash, key), records of equal keys kept once (the lowest old slot,
+//      a slot move's target);
+//   2. the capacity the insert path would have grown to (a fixed-size table
+//      keeps the records of the lowest old slots that fit), and the bucket
+//      count it would have doubled to (one bucket per record, a power of two);
+//   3. slots [0, kept) in walk order: slot j holds the j-th record, linked to
+//      j + 1 within its bucket, else to the next bucket of the walk; the rest
+//      threaded on the free list (SlotWriterTable::buildLayoutIs);
+//   4. each bucket head: its first slot, or an empty chain naming the next
+//      bucket; then the bucket count.
+// The result is exactly a table the insert path could have built: what the
+// validator proves before any reader sees it (MirakWriter::validate runs on
+// it in the tests).
+template <TablePolicy OpsT>
 void MirakWriter<OpsT>::carrySalvage() {
-  // Salvage step 3, into the new generation that nobody reads yet but
-  // through a re-attach.
-  size_t i = 0;
-  try {
-    for (; i < salvageRows_.size(); i++) {
-      Value const& value = salvageRows_[i];
-      Key const key = Ops::key(value);
-      uint32_t const hash = ops_.hash(key);
-      typename Slots::CriticalSectionAnchor anchor(&slots_);
-      Link* prev;
-      Link* curr;
-      if (map_.find(key, map_.bucketOf(hash), &prev, &curr, hash)) {
+  uint32_t const count = salvageImage_.count();
+  // Build step 1: (rhash << 32 | record) sorted by a stable LSD radix sort on
+  // the rhash; records are in old slot order, so ties stay in it.
+  std::vector<uint64_t> order(count);
+  for (uint32_t i = 0; i < count; i++) {
+    uint32_t const hash = ops_.hash(Ops::key(salvageImage_.value(i)));
+    order[i] = uint64_t(Lomi::Util::reverse(hash)) << 32 | i;
+  }
+  {
+    std::vector<uint64_t> spare(count);
+    for (uint32_t shift = 32; shift < 64; shift += 8) {
+      uint32_t counts[257] = {};
+      for (uint64_t x : order) counts[((x >> shift) & 0xff) + 1]++;
+      for (uint32_t d = 0; d < 256; d++) counts[d + 1] += counts[d];
+      for (uint64_t x : order) spare[counts[(x >> shift) & 0xff]++] = x;
+      order.swap(spare);
+    }
+  }
+  auto const keyOf = [this](uint64_t x) -> Key {
+    return Ops::key(salvageImage_.value(static_cast<uint32_t>(x)));
+  };
+  uint32_t kept = 0;
+  for (uint32_t a = 0; a < count;) {
+    uint32_t b = a + 1;
+    while (b < count && (order[b] >> 32) == (order[a] >> 32)) b++;
+    // Equal rhash: the chain orders by key; equal keys stay in slot order.
+    if (b - a > 1) {
+      std::stable_sort(order.begin() + a, order.begin() + b,
+                       [&](uint64_t x, uint64_t y) { return keyOf(x) < keyOf(y); });
+    }
+    for (uint32_t j = a; j < b; j++) {
+      if (j > a && Ops::keyEqual(keyOf(order[j]), keyOf(order[kept - 1]))) {
         startOutcome_.duplicates++;
         continue;
       }
-      insertNew(value, hash, prev, curr);
+      order[kept++] = order[j];
     }
-  } catch (TableFullException const&) {
-    // A fixed-size table smaller than the old one: the rest stays behind.
-    startOutcome_.noRoom += static_cast<uint32_t>(salvageRows_.size() - i);
+    a = b;
   }
-  salvageRows_ = std::vector<Value>();
+  // Build step 2.
+  uint32_t const oldCapacity = slots_.capacity();
+  uint32_t capacity = oldCapacity;
+  if (kept > capacity) {
+    if (slots_.fixedSize()) {
+      // The records of the lowest old slots stay, as the insert path, which
+      // took them in slot order, would have kept them.
+      std::vector<uint32_t> rows(kept);
+      for (uint32_t j = 0; j < kept; j++) rows[j] = static_cast<uint32_t>(order[j]);
+      std::nth_element(rows.begin(), rows.begin() + (capacity - 1), rows.end());
+      uint32_t const last = rows[capacity - 1];
+      uint32_t k = 0;
+      for (uint32_t j = 0; j < kept; j++) {
+        if (static_cast<uint32_t>(order[j]) <= last) order[k++] = order[j];
+      }
+      startOutcome_.noRoom += kept - k;
+      kept = k;
+    } else {
+      while (capacity < kept) capacity = Slots::nextCapacity(capacity, slots_.maxSlots());
+    }
+  }
+  auto& buckets = map_.bucketWriter();
+  uint32_t const numBuckets = std::max(buckets.numBuckets(), std::bit_ceil(std::max(kept, 1u)));
+  typename Slots::CriticalSectionAnchor anchor(&slots_);
+  if (numBuckets > buckets.numBuckets()) buckets.resize(numBuckets);
+  // Build step 3.
+  slots_.buildLayoutIs(capacity, kept);
+  (void)tessel_.mostSlotsIs(slots_.header()->mostSlots);
+  uint32_t const bits = buckets.bucketFactor();
+  uint32_t const mask = numBuckets - 1;
+  auto const successor = [&](uint32_t bucket) {
+    return bucket == numBuckets - 1 ? Link::kEndOfTable
+                                    : Link::endOfChainTo(MirakCore::bitReversePermute(bucket, bits));
+  };
+  auto const bucketAt = [&](uint32_t j) {
+    return Lomi::Util::reverse(static_cast<uint32_t>(order[j] >> 32)) & mask;
+  };
+  SlotT* const slots = slots_.slots().base;
+  constexpr uint32_t kAhead = 8;
+  for (uint32_t j = 0; j < kept; j++) {
+    if (j + kAhead < kept) {
+      __builtin_prefetch(&salvageImage_.value(static_cast<uint32_t>(order[j + kAhead])));
+    }
+    if constexpr (kStepHook) {
+      if (j == kept / 2) step(MirakCore::WriteStep::salvageCarrying);
+    }
+    SlotT& s = slots[j];
+    uint32_t const bucket = bucketAt(j);
+    uint32_t const next = j + 1 < kept && bucketAt(j + 1) == bucket ? j + 1 : successor(bucket);
+    uint32_t const word = slots_.firstWord(j, oldCapacity);
+    uint32_t const linkVersion = j < oldCapacity ? s.link.version : 0;
+    Mem::storeRelease(s.link, Link{linkVersion + Link::kVersionStep, next});
+    Mem::storeRelease(s.rhash, static_cast<uint32_t>(order[j] >> 32));
+    std::memcpy(static_cast<void*>(&s.value), &salvageImage_.value(static_cast<uint32_t>(order[j])),
+                sizeof(Value));
+    Mem::storeRelease(s.versionFlags, (word + 4) | SlotTable::OCCUPIED);
+  }
+  // Build step 4, in walk order: position p is bucket reverse(p) in `bits`.
+  uint32_t j = 0;
+  for (uint32_t p = 0; p < numBuckets; p++) {
+    uint32_t const bucket = bits ? Lomi::Util::reverse(p) >> (32 - bits) : 0;
+    Link& head = buckets[bucket];
+    uint32_t next = successor(bucket);
+    if (j < kept && bucketAt(j) == bucket) {
+      next = j;
+      while (j < kept && bucketAt(j) == bucket) j++;
+    }
+    Mem::storeRelease(head, Link{head.version + Link::kVersionStep, next});
+  }
+  auto& countPair = buckets.header()->numBuckets;
+  if (countPair.value != numBuckets) {
+    Mem::storeRelease(countPair, Mem::VersionedRef<unsigned int>{countPair.version + 1, numBuckets});
+  }
+  map_.thresholdsIs();
+  counters_.slotsAllocated += kept;
+  counters_.inserts += kept;
+  salvageImage_.clear();
 }
 
 template <TablePolicy OpsT>
@@ -473,6 +699,10 @@ void MirakWriter<OpsT>::cleanup() {
   }
   Parcel::KestorFile(handler_, rootPath_, localMem_).remove();
   if (!localMem_) {
+    std::string error;
+    if (!removeSalvageFiles(rootPath_.path(), error)) {
+      throw Lomi::InvalidInitializeException("{}", error);
+    }
     for (char const* name : {Mem::Util::Clone::CONTROL_FILENAME, Parcel::WriterLock::kLifetimeFile,
                               START_OUTCOME_FILENAME}) {
       std::string const path = rootPath_.filePath(name);

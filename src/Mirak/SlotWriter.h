@@ -22,6 +22,7 @@
 //     on an older, longer mapping.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
@@ -184,6 +185,21 @@ class SlotWriterTable {
     SlotWriterTable* table_;
   };
 
+  // The slot side of a salvage's bulk build (MirakWriter::carrySalvage), on a
+  // freshly formatted generation that no reader reads (its kestor file is not
+  // written yet), inside the caller's critical section:
+  //   1. the mapping grows to `n` slots (n >= capacity), and the slots beyond
+  //      the old capacity and at or above `occupied` are formatted at the
+  //      regrowth floor, as a grow formats them;
+  //   2. slots [occupied, n) are threaded on the free list;
+  //   3. occupiedSlots = `occupied`, mostSlots, and the count published.
+  // The caller stores slots [0, occupied) whole: link, rhash, value, word;
+  // firstWord(i) is the word slot i holds before that (the format's, or the
+  // floor for a slot the mapping just gained).
+  void buildLayoutIs(uint32_t n, uint32_t occupied);
+  uint32_t firstWord(uint32_t index, uint32_t oldCapacity) const {
+    return index < oldCapacity ? slots_.base[index].versionFlags : header_->regrowthFloor();
+  }
   // Threads slots [start, end) on the free list, lowest index first.
   // Precondition: the free list is empty. The caller sets freeSlots.
   void addFreeSlots(uint32_t start, uint32_t end);
@@ -399,6 +415,37 @@ bool SlotWriterTable<Value>::grow() {
   refresh();
   counters_.slotGrows++;
   return true;
+}
+
+template <typename Value>
+void SlotWriterTable<Value>::buildLayoutIs(uint32_t n, uint32_t occupied) {
+  uint32_t const c = capacity_;
+  FMASSERT(n >= c && occupied <= n && header_->occupiedSlots == 0, handler_, "SlotWriterTable",
+           "bulk build of {} slots ({} occupied) on a table of {} slots, {} in use", n, occupied, c,
+           header_->occupiedSlots);
+  // Build step 1.
+  if (n > c) {
+    resize(n);
+    header_ = static_cast<SlotTable::Header*>(wrapper_.base());
+    auto* newBase = reinterpret_cast<SlotT*>(base() + Geometry::headerSize);
+    uint32_t const floor = header_->regrowthFloor();
+    for (uint32_t i = std::max(c, occupied); i < n; i++) formatSlot(newBase[i], floor);
+    slots_.base = newBase;
+    slots_.maxIndex = n - 1;
+  }
+  // Build step 2.
+  Mem::storeRelease(header_->freeSlots, kNoSlot);
+  if (occupied < n) addFreeSlots(occupied, n);
+  // Build step 3.
+  Mem::storeRelease(header_->occupiedSlots, occupied);
+  if (header_->mostSlots < n) Mem::storeRelease(header_->mostSlots, n);
+  if (n != c) {
+    Mem::storeRelease(header_->numSlots,
+                      Mem::VersionedRef<unsigned int>{header_->numSlots.version + 1, n});
+  }
+  if (occupied < n) Mem::storeRelease(header_->freeSlots, occupied);
+  refresh();
+  FMTRACE(handler_, 2, "SlotWriterTable", "{} built with {} slots, {} in use", name_, n, occupied);
 }
 
 template <typename Value>

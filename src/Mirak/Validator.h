@@ -401,7 +401,13 @@ bool Validator<Ops, Writer>::walkTesselQueue() {
       auto const n = q.entry(pos);
       uint32_t const slotIndex = n.slot;
       uint64_t const seq = n.sequence;
-      uint32_t const tesselSlot = q.tesselSlots(slotIndex);
+      // A position the chain walk marked was claimed by an occupied slot whose
+      // back reference is `pos` and whose notification here names it
+      // (markOccupied), so its back reference is known without the load: in
+      // a table as its writer left it nearly every position is marked, and
+      // that load, at a random place of the back references, was the walk's
+      // one miss a position.
+      uint32_t const tesselSlot = tesselMarks_[pos] ? pos : q.tesselSlots(slotIndex);
       // Inside a slot compaction's corral, entries were moved and their
       // slots' real positions lie behind it; none may be current here.
       if (start != 0 && seq >= start && (end == 0 || seq <= end)) {

@@ -5,8 +5,10 @@
 // The hook is a static member of the table policy, `Ops::writeStepHook(step)`,
 // found at compile time: a policy without one (every production table)
 // compiles each call site to nothing, so the write path costs the same as
-// without the points. Each point is taken inside the critical section of its
-// operation, where a crash leaves bit 0 of runtimeFlags set.
+// without the points. Each point of a data operation is taken inside its
+// critical section, where a crash leaves bit 0 of runtimeFlags set; the
+// salvage points lie in a salvaging start (Mirak/SalvageFile.h gives its
+// store order).
 #pragma once
 
 #include <cstdint>
@@ -22,6 +24,10 @@ enum class WriteStep : uint8_t {
   slotsGrown,           // slot growth: the file grew, the new slot not yet taken
   bucketsSplitting,     // bucket growth: the new half addressed, the count not published
   moveLinked,           // compaction: an entry reachable at its old and new slot
+  salvageCollected,     // salvage: the side file is in place, nothing formatted yet
+  salvageCarrying,      // salvage: the new generation half built
+  salvageCarried,       // salvage: the new generation built, the kestor file not written
+  salvageSettled,       // salvage: the kestor file written, the side file not removed
 };
 
 template <typename Ops>

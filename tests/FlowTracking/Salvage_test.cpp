@@ -8,11 +8,20 @@
 // value, the one in flight old or new, nothing else is, the table validates,
 // and a reader process reads the same. Then the two ways to an empty
 // re-format: a slot file too damaged to read, and salvage turned off.
+// A salvaging start killed at each point of its own store order (side file in
+// place, half built, built, kestor written) loses nothing either, also when
+// it is killed twice; a damaged or planted side file is refused, never used;
+// and the bulk build of every table is the table the insert path builds.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -23,6 +32,7 @@
 #include "FlowTracking/ReaderTestUtil.h"
 #include "FlowTracking/TableRows.h"
 #include "FlowTracking/Tables.h"
+#include "Mirak/SalvageFile.h"
 #include "Mirak/StartOutcome.h"
 #include "Mirak/TempRoot.h"
 #include "MirakCore/WriteStep.h"
@@ -285,6 +295,219 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(EmptyCase{"damagedSlotHeader", true, true, "nothing to salvage"},
                       EmptyCase{"salvageOff", false, false, "(salvage off)"}),
     [](auto const& info) { return std::string(info.param.name); });
+
+// --- a salvage killed inside its own store order ---------------------------
+
+std::string tableDir() { return Mem::RootPath::base() + "/" + kTable; }
+std::string sideFile() { return tableDir() + "/" + Mirak::SALVAGE_FILENAME; }
+
+// A start of the table in a child that stops at the first pass of `step`
+// (a point of a salvaging start); it must die by SIGKILL.
+void runKilledStart(Step step) {
+  pid_t const pid = forkChild([&]() -> int {
+    killStep = step;
+    killAt = 1;
+    auto w = std::make_unique<Mirak::MirakWriter<KillOps>>(readerTestHandler(), kTable,
+                                                           descriptor(), KillOps(0));
+    w->initialize("test");
+    return 3;
+  });
+  int const status = reap(pid);
+  EXPECT_TRUE(status >= 0 && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+      << "the start was not stopped at its point, status " << status;
+}
+
+struct InterruptCase {
+  char const* name;
+  // The salvaging starts killed one after the other, each at its point.
+  std::vector<Step> kills;
+  // The start that follows: the side file taken up (salvaged) or, after the
+  // kestor file named the new generation, the files adopted.
+  Kind kind;
+};
+
+class SalvageInterruptedTest : public ::testing::TestWithParam<InterruptCase> {
+ protected:
+  MirakTest::TempRoot root_;
+};
+
+TEST_P(SalvageInterruptedTest, KilledSalvageLosesNoCompletedWrite) {
+  InterruptCase const& c = GetParam();
+  EXPECT_EQ(restart()->startOutcome().kind, Kind::created);
+  // The first crash leaves an insert half copied: one unfinished record.
+  uint32_t const done = runKilledWriter(Step::insertRewriting, 1001);
+  ASSERT_GT(done, 0u);
+  for (Step k : c.kills) runKilledStart(k);
+  auto w = restart();
+  Mirak::StartOutcome const& o = w->startOutcome();
+  EXPECT_EQ(o.kind, c.kind) << o.toString();
+  // The counts of the first salvage travel in the side file.
+  if (c.kind == Kind::salvaged) {
+    EXPECT_EQ(o.unfinished, 1u) << o.toString();
+  }
+  EXPECT_EQ(o.torn + o.badHash + o.noRoom + o.duplicates, 0u) << o.toString();
+  std::string error;
+  EXPECT_TRUE(w->validate(w->kestorId(), error, false)) << error;
+  for (auto const& f : checkRows(*w, done)) ADD_FAILURE() << c.name << ": " << f;
+  EXPECT_FALSE(std::filesystem::exists(sideFile())) << "the side file outlived its salvage";
+  expectReaderAgrees(done);
+  uint32_t const members = w->members();
+  w.reset();
+  auto again = restart();
+  EXPECT_EQ(again->startOutcome().kind, Kind::adopted) << again->startOutcome().toString();
+  EXPECT_EQ(again->members(), members);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Points, SalvageInterruptedTest,
+    ::testing::Values(
+        InterruptCase{"collected", {Step::salvageCollected}, Kind::salvaged},
+        InterruptCase{"carrying", {Step::salvageCarrying}, Kind::salvaged},
+        InterruptCase{"carried", {Step::salvageCarried}, Kind::salvaged},
+        InterruptCase{"settled", {Step::salvageSettled}, Kind::adopted},
+        InterruptCase{"carryingTwice", {Step::salvageCarrying, Step::salvageCarrying},
+                      Kind::salvaged},
+        InterruptCase{"carriedThenCollected", {Step::salvageCarried, Step::salvageCarrying},
+                      Kind::salvaged}),
+    [](auto const& info) { return std::string(info.param.name); });
+
+// A side file that does not validate whole, or is not a plain file of ours,
+// is reported and ignored: the start re-formats (the files were half built
+// by the killed salvage) and removes it, and a planted link's target is
+// left alone.
+struct SideFileCase {
+  char const* name;
+  // Changes the side file's bytes; an empty result plants a link instead.
+  void (*damage)(std::string& bytes);
+};
+
+class SalvageSideFileTest : public ::testing::TestWithParam<SideFileCase> {
+ protected:
+  MirakTest::TempRoot root_;
+};
+
+TEST_P(SalvageSideFileTest, IsRefusedNotTrusted) {
+  SideFileCase const& c = GetParam();
+  { restart(); }
+  ASSERT_GT(runKilledWriter(Step::insertRewriting, 1001), 0u);
+  runKilledStart(Step::salvageCarrying);
+  std::string bytes;
+  {
+    std::ifstream in(sideFile(), std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  ASSERT_GT(bytes.size(), sizeof(Mirak::SalvageHeader));
+  std::string const original = bytes;
+  c.damage(bytes);
+  std::string const decoy = root_.path() + "/decoy";
+  std::filesystem::remove(sideFile());
+  if (bytes.empty()) {
+    // The decoy is the sound side file: a start that followed the link would
+    // salvage from it.
+    std::ofstream(decoy, std::ios::binary) << original;
+    ASSERT_EQ(::symlink(decoy.c_str(), sideFile().c_str()), 0);
+  } else {
+    std::ofstream(sideFile(), std::ios::binary) << bytes;
+  }
+  auto w = restart();
+  Mirak::StartOutcome const& o = w->startOutcome();
+  EXPECT_EQ(o.kind, Kind::reformatted) << o.toString();
+  EXPECT_EQ(w->members(), 0u);
+  EXPECT_TRUE(w->validate());
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(sideFile())));
+  if (bytes.empty()) {
+    EXPECT_TRUE(std::filesystem::exists(decoy));
+  }
+}
+
+Mirak::SalvageHeader& headerOf(std::string& bytes) {
+  return *reinterpret_cast<Mirak::SalvageHeader*>(bytes.data());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Damage, SalvageSideFileTest,
+    ::testing::Values(
+        SideFileCase{"recordByteFlipped", [](std::string& b) { b[b.size() - 3] ^= 0x10; }},
+        SideFileCase{"lastRecordCut", [](std::string& b) { b.resize(b.size() - 8); }},
+        // A count beyond the file with a matching header checksum: bounded
+        // by the size before any record is read.
+        SideFileCase{"countBeyondSize",
+                     [](std::string& b) {
+                       Mirak::SalvageHeader& h = headerOf(b);
+                       h.count += 1;
+                       h.headerCheck = Mirak::salvageChecksum(
+                           &h, offsetof(Mirak::SalvageHeader, headerCheck), 0);
+                     }},
+        SideFileCase{"otherValueSize",
+                     [](std::string& b) {
+                       Mirak::SalvageHeader& h = headerOf(b);
+                       h.valueSize += 8;
+                       h.headerCheck = Mirak::salvageChecksum(
+                           &h, offsetof(Mirak::SalvageHeader, headerCheck), 0);
+                     }},
+        SideFileCase{"plantedLink", [](std::string& b) { b.clear(); }}),
+    [](auto const& info) { return std::string(info.param.name); });
+
+// --- the bulk build is the insert path's table -----------------------------
+
+// For every table and a spread of sizes (empty, one, around powers of two,
+// past several slot growths): a salvage builds the capacity and bucket count
+// that inserting the same rows builds, holds every row with its value in
+// one walk, passes the validator, and is adopted by the next start.
+template <typename Record>
+class SalvageBuildTest : public ::testing::Test {
+ protected:
+  MirakTest::TempRoot root_;
+};
+TYPED_TEST_SUITE(SalvageBuildTest, AllRecords);
+
+TYPED_TEST(SalvageBuildTest, BuildsTheTableTheInsertPathBuilds) {
+  using Record = TypeParam;
+  using V = FlowTracking::TableValue<Record>;
+  for (uint32_t n : {0u, 1u, 2u, 3u, 64u, 65u, 255u, 1000u, 5000u}) {
+    if (n > keySpace<Record>()) continue;
+    SCOPED_TRACE(n);
+    std::string const name = "test/build" + std::to_string(n);
+    Mirak::MapDescriptor const d = sharedDescriptor(1u << 16);
+    uint32_t capacity = 0, buckets = 0;
+    {
+      auto w = makeSharedWriter<Record>(name, d);
+      for (uint32_t i = 0; i < n; i++) w->write(row<Record>(i, 7), true);
+      capacity = w->capacity();
+      buckets = w->buckets();
+      // A writer killed inside a critical section leaves this bit.
+      w->slotTable().header()->runtimeFlags |= Mirak::SlotTable::kRuntimeFlagCritical;
+    }
+    auto w = makeSharedWriter<Record>(name, d);
+    EXPECT_EQ(w->startOutcome().kind, Kind::salvaged) << w->startOutcome().toString();
+    EXPECT_EQ(w->members(), n);
+    EXPECT_EQ(w->capacity(), capacity);
+    EXPECT_EQ(w->buckets(), buckets);
+    std::string error;
+    EXPECT_TRUE(w->validate(w->kestorId(), error, false)) << error;
+    uint32_t wrong = 0;
+    for (uint32_t i = 0; i < n; i++) {
+      bool found = false;
+      V const* v = w->lookup(keyOf<typename Record::Key>(i), found, nullptr);
+      wrong += !found || !(*v == row<Record>(i, 7));
+    }
+    EXPECT_EQ(wrong, 0u);
+    V v;
+    Mirak::IterHint hint;
+    uint32_t walked = 0;
+    for (bool more = w->first(v, hint); more && walked <= n; more = w->next(v.fwkKey(), v, hint)) {
+      walked++;
+    }
+    EXPECT_EQ(walked, n);
+    // Writes go on in the built table as in any other.
+    w->write(row<Record>(n, 8), true);
+    EXPECT_TRUE(w->validate());
+    w.reset();
+    auto again = makeSharedWriter<Record>(name, d);
+    EXPECT_EQ(again->startOutcome().kind, Kind::adopted) << again->startOutcome().toString();
+    EXPECT_EQ(again->members(), n + 1);
+  }
+}
 
 }  // namespace
 }  // namespace FlowTrackingTest

@@ -67,6 +67,12 @@ Options parseOptions(int argc, char** argv, int first) {
       o.dir = value;
     } else if (name == "seed") {
       o.seed = parseNumber(name, value);
+    } else if (name == "salvage") {
+      std::string const v = value;
+      if (v != "on" && v != "off") {
+        throw Lomi::RuntimeException("option --salvage: '{}' is not on or off", v);
+      }
+      o.salvage = v == "on";
     } else {
       throw Lomi::RuntimeException("unknown option --{}", name);
     }

@@ -44,6 +44,8 @@ struct Options {
   uint32_t restarts = 3;
   uint64_t seed = 20240611;
   bool verbose = false;
+  // crash: whether the restarted writers salvage (--salvage on|off).
+  bool salvage = true;
   // Output directory of the corpus mode.
   std::string dir;
 };

@@ -1,6 +1,7 @@
 // The reliability harness: `stress <mode> [options]`, one mode per run.
 //   torn     readers against a writer that grows, compacts and shrinks
 //   crash    a writer killed with SIGKILL at random moments, restarted
+//            (--salvage off: the restarts re-format instead of salvaging)
 //   corrupt  table files with random bytes flipped, then a reader and a writer
 //   corpus   the seed corpora of the fuzz targets, into --dir
 //   hints    readers that hold walk hints and version anchors across
@@ -28,7 +29,7 @@ void usage() {
                "[--cases N]\n"
                "              [--readers N] [--ids N] [--high N] [--low N] [--restarts N] "
                "[--seed N]\n"
-               "              [--dir D] [--verbose]\n");
+               "              [--dir D] [--salvage on|off] [--verbose]\n");
 }
 
 }  // namespace
