@@ -73,7 +73,19 @@ void MirakShadowBase::maybeConnect() {
   }
 }
 
+void MirakShadowBase::notQuiesced() {
+  tessel_.quiescedReset();
+  if (quiescedReported_) {
+    quiescedReported_ = false;
+    handleQuiesced(false);
+  }
+}
+
 void MirakShadowBase::resync() {
+  // Until the sweep ends and a walk catches up, the copy is not the table's:
+  // a quiesced() left over from the last walk before a writer's death would
+  // say so while a rejoin's sweep is still finding what the writer changed.
+  notQuiesced();
   // The head first, then the count (see the header).
   sweepHead_ = tessel_.head();
   uint32_t const slots = sweepSlots();
@@ -103,7 +115,10 @@ void MirakShadowBase::flushDone() {
 }
 
 void MirakShadowBase::maybeEnableTessel() {
-  if (!tessel_.attached()) return;
+  // A sweep that ends after the writer's death does not start the walks: the
+  // dead writer's queue says nothing new, and a walk would connect to its
+  // successor without the sweep that a rejoin makes (rejoin() does both).
+  if (!tessel_.attached() || writerLost_) return;
   tesselEnabled_ = true;
   scheduleWalk();
 }
@@ -126,8 +141,11 @@ void MirakShadowBase::writerLostIs() {
           sequence_);
   writerLost_ = true;
   // A sweep under way goes on: it compares states, and the files stay
-  // readable. The walks stop until a writer serves the queue again.
+  // readable. The walks stop until a writer serves the queue again, and the
+  // copy is not caught up with a table whose writer may have changed slots
+  // it never told of.
   tesselEnabled_ = false;
+  notQuiesced();
   rusk_.disconnect();
   armRejoin();
 }

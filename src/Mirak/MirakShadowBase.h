@@ -160,6 +160,9 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   void flushDone() override;
 
   Lomi::EventLoop& loop() const;
+  // The copy is no longer known to be caught up: quiesced() false, and the
+  // owner told if it had heard "quiesced".
+  void notQuiesced();
   void scheduleWalk(double delay = 0);
   void walk();
   // The wake handler: walks at once, in the loop pass that read the Wake.

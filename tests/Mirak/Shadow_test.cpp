@@ -296,6 +296,57 @@ TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAReformatAndANew
   stopWriter();
 }
 
+// A killed writer may have changed slots it never told of, so each shadow's
+// copy is not known to be the table from the writer's death until its rejoin
+// sweep has run and a walk has caught up. quiesced() must not say "caught up"
+// in between: a client waiting for it (as settle() does) would take a copy
+// still being swept, or not yet swept, for the table.
+TEST_F(ShadowFixture, AShadowIsNotQuiescedFromItsWritersDeathUntilItsRejoinSweepCaughtUp) {
+  settle("mounted");
+  round(1);
+  settle("round 1");
+  Collection* const both[] = {&shadow, &keyshadow};
+  // A round this process has not walked yet (its Wake is unread): neither
+  // shadow is caught up, though the keyshadow's walk, which reads values
+  // from the table and passes over keys the table no longer has, may
+  // already look like the table.
+  round(2);
+  for (Collection* c : both) {
+    EXPECT_FALSE(c->shadow()->quiesced()) << formatMirakType(c->mode()) << " before its walk";
+  }
+  settle("round 2");
+  uint64_t sweeps[2];
+  for (int i = 0; i < 2; i++) {
+    ASSERT_TRUE(both[i]->shadow()->quiesced());
+    sweeps[i] = both[i]->shadow()->syncer().sweeps();
+  }
+  ASSERT_TRUE(writer->killAndReap());
+  ASSERT_TRUE(loop().runUntil(
+      [&] { return shadow.shadow()->writerLost() && keyshadow.shadow()->writerLost(); }, kWait));
+  for (Collection* c : both) {
+    EXPECT_FALSE(c->shadow()->quiesced()) << formatMirakType(c->mode()) << " without its writer";
+  }
+  EXPECT_EQ(startWriter(), firstKestor);
+  // At every pass: a shadow that says quiesced again has completed a sweep
+  // since.
+  int early = 0;
+  ASSERT_TRUE(loop().runUntil(
+      [&] {
+        bool all = true;
+        for (int i = 0; i < 2; i++) {
+          auto const* s = both[i]->shadow();
+          bool const caughtUp = s->quiesced() && s->connected();
+          early += caughtUp && s->syncer().sweeps() == sweeps[i];
+          all = all && caughtUp;
+        }
+        return all;
+      },
+      kWait));
+  EXPECT_EQ(early, 0) << "quiesced before the rejoin sweep";
+  round(3);
+  settle("after the adoption");
+}
+
 // A shadow process stopped while the writer goes on: a pruning queue keeps
 // what the shadow has not read for the writer's patience with a silent
 // reader, then drops it; continued, the shadow finds entries gone and sweeps.
