@@ -404,6 +404,28 @@ TEST(ShadowBase, AWakeUpWalksInThePassThatReadsItAndMissesNothing) {
   }
 }
 
+// A slot compaction re-issues its corral's entries under new sequences after
+// its last move. The wake-up layer must know the sequence it ends at: a
+// reader asleep after the last move is woken for the copies only then, or
+// it stays behind the queue's head (its copy right, never caught up) until
+// the next write. A new connection's Hello carries what the layer knows.
+TEST(ShadowBase, TheWakeUpLayerKnowsTheSequenceACompactionEndsAt) {
+  TempRoot root;
+  auto w = makeWriter();
+  // Grown well above its least size, then removals from the low slots up
+  // until one ends in a compaction that moved rows down.
+  for (uint32_t id = 0; id < 400; id++) w->write(row(id, 0), true);
+  TestValue gone;
+  uint32_t id = 0;
+  while (id < 400 && w->writerCounters().slotsMoved == 0) w->remove(key(id++), gone);
+  ASSERT_GT(w->writerCounters().slotsMoved, 0u) << "no compaction moved a row";
+  Rusk::ReaderRuskSm r(handler(), loop());
+  std::string error;
+  ASSERT_TRUE(r.connect(w->socketName(), error)) << error;
+  ASSERT_TRUE(loop().runUntil([&] { return r.writerSequence() != 0; }, 20));
+  EXPECT_EQ(r.writerSequence(), w->tesselWriter().sequence());
+}
+
 // A queue damaged under a still generation: the walk that meets the damage
 // reports it once and sweeps, so the copy comes to the table instead of
 // freezing. A damaged entry behind the sweep's head is passed by the walks
