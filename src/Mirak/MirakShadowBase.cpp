@@ -35,6 +35,7 @@ MirakShadowBase::~MirakShadowBase() {
   // Queued tasks see the token expire and do nothing.
   token_.reset();
   if (rejoinTimer_) loop().timerDel(rejoinTimer_);
+  if (damageTimer_) loop().timerDel(damageTimer_);
   rusk_.disconnect();
 }
 
@@ -73,7 +74,19 @@ void MirakShadowBase::maybeConnect() {
   }
 }
 
+void MirakShadowBase::notQuiesced() {
+  tessel_.quiescedReset();
+  if (quiescedReported_) {
+    quiescedReported_ = false;
+    handleQuiesced(false);
+  }
+}
+
 void MirakShadowBase::resync() {
+  // Until the sweep ends and a walk catches up, the copy is not the table's:
+  // a quiesced() left over from the last walk before a writer's death would
+  // say so while a rejoin's sweep is still finding what the writer changed.
+  notQuiesced();
   // The head first, then the count (see the header).
   sweepHead_ = tessel_.head();
   uint32_t const slots = sweepSlots();
@@ -103,7 +116,10 @@ void MirakShadowBase::flushDone() {
 }
 
 void MirakShadowBase::maybeEnableTessel() {
-  if (!tessel_.attached()) return;
+  // A sweep that ends after the writer's death does not start the walks: the
+  // dead writer's queue says nothing new, and a walk would connect to its
+  // successor without the sweep that a rejoin makes (rejoin() does both).
+  if (!tessel_.attached() || writerLost_) return;
   tesselEnabled_ = true;
   scheduleWalk();
 }
@@ -115,6 +131,11 @@ void MirakShadowBase::detachTessel() {
     loop().timerDel(rejoinTimer_);
     rejoinTimer_ = 0;
   }
+  if (damageTimer_) {
+    loop().timerDel(damageTimer_);
+    damageTimer_ = 0;
+  }
+  damageReported_ = false;
   if (syncer_.mode() == SyncerMode::sync) syncer_.cancel();
   tessel_.detach();
   rusk_.disconnect();
@@ -126,8 +147,11 @@ void MirakShadowBase::writerLostIs() {
           sequence_);
   writerLost_ = true;
   // A sweep under way goes on: it compares states, and the files stay
-  // readable. The walks stop until a writer serves the queue again.
+  // readable. The walks stop until a writer serves the queue again, and the
+  // copy is not caught up with a table whose writer may have changed slots
+  // it never told of.
   tesselEnabled_ = false;
+  notQuiesced();
   rusk_.disconnect();
   armRejoin();
 }
@@ -158,6 +182,37 @@ bool MirakShadowBase::rejoin() {
   rejoins_++;
   resync();
   return true;
+}
+
+void MirakShadowBase::queueDamaged(std::string const& message) {
+  tesselEnabled_ = false;
+  // Reported once until a walk gets through again: a queue that stays
+  // damaged fails every walk, and each would leave the marker again.
+  bool const report = !damageReported_;
+  damageReported_ = true;
+  FMTRACE(handler_, report ? 0 : 1, "MirakShadowBase", "{}: change queue damaged: {}; sweeping",
+          dir(), message);
+  // The queue cannot be followed past the damage, the table can: a sweep
+  // brings the copy to the table, and the walks resume from the head it read
+  // (a re-find by sequence, past the damaged entry if the head is beyond
+  // it). While the damage lasts every walk ends here, so the copy follows the
+  // table by sweeps; after the first one they are kPollSeconds apart.
+  if (report) {
+    resync();
+  } else if (!damageTimer_) {
+    damageTimer_ = loop().timerIs(kPollSeconds, [weak = std::weak_ptr<MirakShadowBase*>(token_)] {
+      if (auto token = weak.lock()) {
+        MirakShadowBase& self = **token;
+        self.damageTimer_ = 0;
+        if (self.tessel_.attached() && !self.writerLost_ && !self.tesselEnabled_ &&
+            self.syncer_.mode() != SyncerMode::sync) {
+          self.resync();
+        }
+      }
+    });
+  }
+  // Last: the owner may detach this shadow when it hears of the damage.
+  if (report) corruptionDetected(message);
 }
 
 void MirakShadowBase::notifyingIs(bool notifying) {
@@ -207,11 +262,10 @@ void MirakShadowBase::walk() {
   try {
     result = tessel_.walk(*this, yieldTime_);
   } catch (Lomi::CorruptionDetectedException const& e) {
-    FMTRACE(handler_, 0, "MirakShadowBase", "corruption detected: {}", e.msg());
-    tesselEnabled_ = false;
-    corruptionDetected(e.msg());
+    queueDamaged(e.msg());
     return;
   }
+  if (result == TesselReader::Walk::caughtUp) damageReported_ = false;
   if (tessel_.lastConsumed() > sequence_) sequence_ = tessel_.lastConsumed();
   switch (result) {
     case TesselReader::Walk::yielded:

@@ -23,6 +23,9 @@
 //      that was re-formatted or removed goes to queueReformatted() (by
 //      default handleDisconnect()): only a new attach with the new kestor
 //      helps, and that is the owner's to do.
+//   4a. A walk that meets a damaged queue reports it (once, until a walk
+//      gets through again) and sweeps, as after an overrun; while the damage
+//      lasts, the copy follows the table by a sweep every kPollSeconds.
 //   5. The end of the wake-up connection (writer exit, kill, restart) calls
 //      handleDisconnect() within the loop turn that sees it.
 //   6. A derived shadow that keeps serving its copy without a writer calls
@@ -163,6 +166,12 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   void flushDone() override;
 
   Lomi::EventLoop& loop() const;
+  // A walk met a damaged queue: reported (once until a walk gets through),
+  // then the copy is swept from the table.
+  void queueDamaged(std::string const& message);
+  // The copy is no longer known to be caught up: quiesced() false, and the
+  // owner told if it had heard "quiesced".
+  void notQuiesced();
   void scheduleWalk(double delay = 0);
   void walk();
   // The wake handler: walks at once, in the loop pass that read the Wake.
@@ -190,6 +199,8 @@ class MirakShadowBase : private Syncer::Client, private Tessel::TesselReader<>::
   bool writerLost_ = false;
   uint64_t rejoinTimer_ = 0;
   uint64_t rejoins_ = 0;
+  bool damageReported_ = false;
+  uint64_t damageTimer_ = 0;
   std::shared_ptr<MirakShadowBase*> token_;
 };
 

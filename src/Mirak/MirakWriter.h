@@ -311,6 +311,13 @@ class MirakWriter : public MirakInterface<OpsT> {
   // wake-up sends nothing when no reader sleeps.
   void announce(uint32_t index) {
     tessel_.notify(index);
+    wakeReaders();
+  }
+  // Sleeping readers hear of the queue's last sequence. Also after a
+  // compaction's corral re-issued its entries: else a reader asleep behind
+  // the re-issued sequences stays behind the queue's head (its copy right,
+  // but never caught up) until the next write.
+  void wakeReaders() {
     if (rusk_) rusk_->notify(tessel_.sequence());
   }
   // The slot compaction, on this writer's pieces.

@@ -194,6 +194,7 @@ void SlotCompaction<Writer>::run(uint32_t threshold) {
   // Step 8.
   corral.open = false;
   tessel.markShrinkEnd();
+  w_.wakeReaders();
   // Steps 9 and 10.
   FMTRACE(handler, 5, "MirakWriter", "newNumSlots:{}", n);
   slots.shrinkTo(n);

@@ -122,8 +122,16 @@ class TesselReader {
 
   // Whether the entry handed to doSlot still counts (see the view).
   bool validateNotif() { return view_.validateNotif(); }
-  // Caught up at the end of the last walk, with nothing pending then.
-  bool quiesced() const { return quiesced_; }
+  // Caught up: the last walk ended at the queue's end, and the writer has
+  // issued no sequence since. The second half matters to an owner asked
+  // between a writer's burst and the walk its wake-up starts (the Wake still
+  // unread in the socket): the copy is behind by the whole burst then. A
+  // keyshadow's walk would not show it, since it reads values from the table
+  // and passes over keys the table no longer has.
+  bool quiesced() const { return quiesced_ && view_.headSequence() <= view_.lastConsumed(); }
+  // The owner's copy is no longer known to be caught up (a sweep starts, the
+  // writer went): quiesced() is false until a walk catches up again.
+  void quiescedReset() { quiesced_ = false; }
   Sequence lastConsumed() const { return view_.lastConsumed(); }
   uint64_t refinds() const { return view_.refinds(); }
   uint64_t primaryMappedSize() const { return view_.primaryMappedSize(); }

@@ -250,6 +250,11 @@ bool TesselReaderView::validateNotif() {
   auto const* th = static_cast<TesselTableHeader const*>(tables_[table_].base());
   uint32_t const size = Mem::loadAcquire(th->count);
   if (standing_ >= size) {
+    // The count fell below the entry read from it: two compactions since the
+    // generation was read above reused this table (a reader descheduled in
+    // between sees that). Damage only if the generation stood.
+    Mem::acquireFence();
+    if (Mem::loadRelaxed(hdr_->generation) != gen_) return false;
     FMTRACE(handler_, 0, "TesselReader::TesselNotifications", "out-of-range index:{} max:{}",
             standing_, size);
     throw Lomi::CorruptionDetectedException("out-of-range index:{} max:{}", standing_, size);

@@ -4,7 +4,11 @@
 // records what a client would hear: removals, sequences, wake-ups.
 #include "Mirak/MirakShadowBase.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
+
+#include <cstddef>
 
 #include <map>
 #include <memory>
@@ -22,6 +26,7 @@
 #include "Mirak/TempRoot.h"
 #include "Mirak/TestPolicy.h"
 #include "Parcel/ProcessTestUtil.h"
+#include "Tessel/TesselFormat.h"
 #include "Tessel/TesselWriter.h"
 
 namespace MirakTest {
@@ -129,7 +134,10 @@ class RecordingShadow : public Mirak::MirakShadowBase {
   void flushComplete() override {}
   void handleDisconnect() override { disconnects++; }
   void handleQuiesced(bool) override {}
-  void corruptionDetected(std::string const& m) override { corruption = m; }
+  void corruptionDetected(std::string const& m) override {
+    corruption = m;
+    corruptions++;
+  }
   uint32_t sweepSlots() const override {
     reader_.resize();
     return std::max(reader_.capacity(), store_->numSlots());
@@ -153,7 +161,7 @@ class RecordingShadow : public Mirak::MirakShadowBase {
   }
 
   std::vector<uint32_t> removed;
-  int outOfOrder = 0, disconnects = 0, sweeps = 0;
+  int outOfOrder = 0, disconnects = 0, sweeps = 0, corruptions = 0;
   std::string corruption;
 
  private:
@@ -392,6 +400,88 @@ TEST(ShadowBase, AWakeUpWalksInThePassThatReadsItAndMissesNothing) {
     commands.send("stop");
     std::optional<int> st = writer.wait();
     ASSERT_TRUE(st && WIFEXITED(*st) && WEXITSTATUS(*st) == 0);
+    shadow.stop();
+  }
+}
+
+// A slot compaction re-issues its corral's entries under new sequences after
+// its last move. The wake-up layer must know the sequence it ends at: a
+// reader asleep after the last move is woken for the copies only then, or
+// it stays behind the queue's head (its copy right, never caught up) until
+// the next write. A new connection's Hello carries what the layer knows.
+TEST(ShadowBase, TheWakeUpLayerKnowsTheSequenceACompactionEndsAt) {
+  TempRoot root;
+  auto w = makeWriter();
+  // Grown well above its least size, then removals from the low slots up
+  // until one ends in a compaction that moved rows down.
+  for (uint32_t id = 0; id < 400; id++) w->write(row(id, 0), true);
+  TestValue gone;
+  uint32_t id = 0;
+  while (id < 400 && w->writerCounters().slotsMoved == 0) w->remove(key(id++), gone);
+  ASSERT_GT(w->writerCounters().slotsMoved, 0u) << "no compaction moved a row";
+  Rusk::ReaderRuskSm r(handler(), loop());
+  std::string error;
+  ASSERT_TRUE(r.connect(w->socketName(), error)) << error;
+  ASSERT_TRUE(loop().runUntil([&] { return r.writerSequence() != 0; }, 20));
+  EXPECT_EQ(r.writerSequence(), w->tesselWriter().sequence());
+}
+
+// A queue damaged under a still generation: the walk that meets the damage
+// reports it once and sweeps, so the copy comes to the table instead of
+// freezing. A damaged entry behind the sweep's head is passed by the walks
+// that follow; damage that fails every walk (the header's mostSlots cut to 0,
+// which the writer does not store again) leaves the copy following the table
+// by sweeps, with no second report.
+TEST(ShadowBase, ADamagedQueueIsReportedOnceAndTheCopyFollowsByASweep) {
+  struct Case {
+    char const* what;
+    bool everyWalkFails;
+  } const cases[] = {{"an entry names a slot beyond mostSlots", false},
+                     {"the header's mostSlots is 0", true}};
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempRoot root;
+    auto w = makeWriter();
+    for (uint32_t id = 0; id < 20; id++) w->write(row(id, 0), true);
+    RecordingShadow shadow;
+    ASSERT_TRUE(shadow.start());
+    auto const caughtUp = [&] {
+      return shadow.synced() && shadow.syncFromTessel() && shadow.tesselReader().quiesced() &&
+             shadow.tesselReader().lastConsumed() >= w->tesselWriter().sequence();
+    };
+    ASSERT_TRUE(loop().runUntil(caughtUp, 20));
+    // The writer's next entry, damaged before the shadow's loop runs again.
+    w->write(row(100, 1), true);
+    Tessel::TesselWriter const& q = w->tesselWriter();
+    std::string const dir = Mem::NaoRootPath(handler(), kTable, false).path();
+    std::string const file = c.everyWalkFails ? Tessel::headerFilePath(dir)
+                                              : Tessel::tableFilePath(dir, q.currentTable());
+    off_t const at = c.everyWalkFails
+                         ? off_t(offsetof(Tessel::TesselHeader, mostSlots))
+                         : off_t(sizeof(Tessel::TesselTableHeader) +
+                                 (q.entryCount() - 1) * sizeof(Tessel::TesselEntry) +
+                                 offsetof(Tessel::TesselEntry, slot));
+    uint32_t const bad = c.everyWalkFails ? 0u : 0xfffffff0u;
+    int const fd = ::open(file.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::pwrite(fd, &bad, sizeof bad, at), ssize_t(sizeof bad));
+    ::close(fd);
+    ASSERT_TRUE(loop().runUntil([&] { return shadow.corruptions > 0 && shadow.sweeps >= 2; }, 20));
+    EXPECT_NE(shadow.corruption.find(dir), std::string::npos) << shadow.corruption;
+    EXPECT_EQ(shadow.differences(), "") << "the sweep brought the copy to the table";
+    // The writer goes on: the copy follows, by walks or by sweeps.
+    TestValue gone;
+    for (uint32_t id = 0; id < 10; id++) w->remove(key(id), gone);
+    for (uint32_t id = 200; id < 230; id++) w->write(row(id, 2), true);
+    ASSERT_TRUE(loop().runUntil([&] { return shadow.differences().empty(); }, 20))
+        << shadow.differences();
+    if (!c.everyWalkFails) {
+      ASSERT_TRUE(loop().runUntil(caughtUp, 20));
+      EXPECT_EQ(shadow.sweeps, 2) << "the walks went on past the damaged entry";
+    } else {
+      EXPECT_GT(shadow.sweeps, 2) << "a queue that fails every walk is followed by sweeps";
+    }
+    EXPECT_EQ(shadow.corruptions, 1) << "one report for one damage";
     shadow.stop();
   }
 }

@@ -11,6 +11,8 @@
 #include <unistd.h>
 #include <sys/epoll.h>
 
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <random>
@@ -27,6 +29,7 @@
 #include "Mirak/MirakWriter.h"
 #include "Mirak/TempRoot.h"
 #include "Mirak/TestPolicy.h"
+#include "Parcel/KestorFile.h"
 #include "Parcel/ProcessTestUtil.h"
 #include "Rusk/WriterRuskSm.h"
 #include "Tessel/TesselWriter.h"
@@ -294,6 +297,106 @@ TEST_F(ShadowFixture, BothModesFollowAWriterThroughRestartsKillsAReformatAndANew
   settle("round 9");
   EXPECT_GT(changedKeys, 300u) << "the rounds changed too little to prove anything";
   stopWriter();
+}
+
+// A killed writer may have changed slots it never told of, so each shadow's
+// copy is not known to be the table from the writer's death until its rejoin
+// sweep has run and a walk has caught up. quiesced() must not say "caught up"
+// in between: a client waiting for it (as settle() does) would take a copy
+// still being swept, or not yet swept, for the table.
+TEST_F(ShadowFixture, AShadowIsNotQuiescedFromItsWritersDeathUntilItsRejoinSweepCaughtUp) {
+  settle("mounted");
+  round(1);
+  settle("round 1");
+  Collection* const both[] = {&shadow, &keyshadow};
+  // A round this process has not walked yet (its Wake is unread): neither
+  // shadow is caught up, though the keyshadow's walk, which reads values
+  // from the table and passes over keys the table no longer has, may
+  // already look like the table.
+  round(2);
+  for (Collection* c : both) {
+    EXPECT_FALSE(c->shadow()->quiesced()) << formatMirakType(c->mode()) << " before its walk";
+  }
+  settle("round 2");
+  uint64_t sweeps[2];
+  for (int i = 0; i < 2; i++) {
+    ASSERT_TRUE(both[i]->shadow()->quiesced());
+    sweeps[i] = both[i]->shadow()->syncer().sweeps();
+  }
+  ASSERT_TRUE(writer->killAndReap());
+  ASSERT_TRUE(loop().runUntil(
+      [&] { return shadow.shadow()->writerLost() && keyshadow.shadow()->writerLost(); }, kWait));
+  for (Collection* c : both) {
+    EXPECT_FALSE(c->shadow()->quiesced()) << formatMirakType(c->mode()) << " without its writer";
+  }
+  EXPECT_EQ(startWriter(), firstKestor);
+  // At every pass: a shadow that says quiesced again has completed a sweep
+  // since.
+  int early = 0;
+  ASSERT_TRUE(loop().runUntil(
+      [&] {
+        bool all = true;
+        for (int i = 0; i < 2; i++) {
+          auto const* s = both[i]->shadow();
+          bool const caughtUp = s->quiesced() && s->connected();
+          early += caughtUp && s->syncer().sweeps() == sweeps[i];
+          all = all && caughtUp;
+        }
+        return all;
+      },
+      kWait));
+  EXPECT_EQ(early, 0) << "quiesced before the rejoin sweep";
+  round(3);
+  settle("after the adoption");
+}
+
+// A shadow that attaches while a re-format stands between its headers and its
+// kestor file (the writer writes the kestor file last) finds the headers' new
+// kestor against the file's old one. It leaves the corruption marker
+// "bad kestor:<new> wanted:<old>" for the writer's sentry, whose validation
+// of the sound table costs a pass and no rows; its client hears of no
+// corruption, and the shadow attaches once the kestor file names the new
+// generation.
+TEST(ShadowReformat, AShadowAttachingBeforeAReformatsKestorFileWaitsForIt) {
+  TempRoot root;
+  MapDescriptor d(256);
+  Parcel::KestorId old, fresh;
+  {
+    Mirak::MirakWriter<QueueOps> w(handler(), kTable, d, QueueOps(0));
+    ASSERT_TRUE(w.initialize("test"));
+    for (uint32_t id = 0; id < 20; id++) w.write(row(id, 1), true);
+    old = w.kestorId();
+  }
+  std::string const dir = root.path() + "/" + kTable;
+  {
+    // A slot header the next start cannot adopt: it re-formats in place.
+    int const fd = ::open((dir + "/slots").c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    uint32_t const occupied = 0x7fffffff;  // the slot header's occupiedSlots, at 552
+    ASSERT_EQ(::pwrite(fd, &occupied, sizeof occupied, 552), ssize_t(sizeof occupied));
+    ::close(fd);
+    Mirak::MirakWriter<QueueOps> w(handler(), kTable, d, QueueOps(0));
+    ASSERT_TRUE(w.initialize("test"));
+    fresh = w.kestorId();
+  }
+  ASSERT_EQ(fresh, old.reformatted());
+  // The files as they stand before the re-format's last step.
+  Mem::NaoRootPath const path(handler(), kTable, false);
+  Parcel::KestorFile(handler(), path, false).write(old);
+  Collection c(MirakType::keyshadow, true);
+  loop().runUntil([] { return false; }, 0.3);
+  EXPECT_EQ(c.shadow(), nullptr) << "attached to headers of another generation";
+  EXPECT_EQ(c.corruptionsDetected(), 0u) << c.lastCorruption();
+  std::ifstream in(dir + "/corruption-detected");
+  std::string const marker((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(marker.find(fmt::format("bad kestor:{} wanted:{}", fresh, old)), std::string::npos)
+      << marker;
+  // The re-format's last step.
+  Parcel::KestorFile(handler(), path, false).write(fresh);
+  ASSERT_TRUE(
+      loop().runUntil([&] { return c.mountStatus() == Mem::mountStatusSynchronized; }, kWait));
+  EXPECT_EQ(c.rows(), tableNow(kTable));
+  EXPECT_EQ(c.corruptionsDetected(), 0u);
 }
 
 // A shadow process stopped while the writer goes on: a pruning queue keeps

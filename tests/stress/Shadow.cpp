@@ -16,24 +16,25 @@
 // writer laps its pruning queue, so that the shadow finds its changes gone
 // and must sweep; or kills a shadow and starts a new one. Then a quiescent
 // point: the writer pauses (still serving its sockets) and every client must,
-// within a bound, come to equal the table (key set and values), and each
+// within a bound, come to equal the table (key set and values; a shadow must
+// also have taken in the writer's last sequence and hold exactly the table's
+// keys in its index, which a keyshadow's walk would not show), and each
 // shadow's callback log replayed onto its copy of the previous point must
 // give the table. Every value a client sees, at any time, must be whole (its
 // checksum) and come from a writer life that has started. A client that
 // crashes, hangs or answers late is a failure; no wait of the harness is
-// unbounded.
+// unbounded. --verbose prints each trial's action and every client's state
+// at each check.
 //
 // A row's value: key from its id; updateTime holds the write counter
 // (life << 32 | n, unique over the run); hoFlowState is made from the
 // counter; createTime holds a 48-bit checksum of key, counter and state.
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 #include <map>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -132,6 +133,8 @@ struct Command {
   uint64_t digest = 0;
   uint64_t members = 0;
   uint64_t counterBound = 0;
+  // The queue's last sequence at the writer's pause.
+  uint64_t sequence = 0;
 };
 
 struct Answer {
@@ -146,6 +149,14 @@ struct Answer {
   uint64_t events = 0;
   uint64_t corruptions = 0;
   uint64_t lookups = 0;
+  // The shadow's state, for the per-trial log and failure texts.
+  uint64_t localMembers = 0;
+  uint64_t dels = 0;
+  uint64_t walks = 0;
+  uint64_t sequence = 0;
+  uint32_t kestor = 0;
+  bool writerLost = false;
+  bool following = false;
   char text[160] = {};
   char lastCorruption[160] = {};
   void note(std::string const& s) { std::snprintf(text, sizeof text, "%s", s.c_str()); }
@@ -259,6 +270,10 @@ int clientProcess(MirakType type, bool synchronous, uint32_t ids, uint64_t seed,
                 !s->quiesced()) {
               return false;
             }
+            // Taken in up to the writer's last sequence, whatever quiesced()
+            // says; and as a keyshadow's walk passes over keys the table no
+            // longer has, its index must hold exactly the table's keys too.
+            if (s->sequence() < cmd.sequence || s->members() != cmd.members) return false;
           } else if (c.mountStatus() == Mem::mountStatusNotMounted) {
             return false;
           }
@@ -269,10 +284,20 @@ int clientProcess(MirakType type, bool synchronous, uint32_t ids, uint64_t seed,
     Answer a;
     a.equal = equal;
     a.members = now.size();
+    if (auto const* s = c.shadow()) {
+      a.localMembers = s->members();
+      a.walks = s->walks();
+      a.sequence = s->sequence();
+      a.kestor = s->kestorId().value();
+      a.writerLost = s->writerLost();
+      a.following = s->syncFromTessel();
+    }
+    for (Client::Event const& e : c.log) a.dels += e.kind == Client::Event::del;
     if (!equal) {
-      a.note(fmt::format("{} holds {} rows (digest {:x}), the table {} (digest {:x}); mount {}",
-                         Mirak::formatMirakType(type), now.size(), digestOf(now), cmd.members,
-                         cmd.digest, c.mountStatus()));
+      a.note(fmt::format("{} holds {} rows (digest {:x}, {} in its index), the table {} (digest "
+                         "{:x}); mount {}",
+                         Mirak::formatMirakType(type), now.size(), digestOf(now), a.localMembers,
+                         cmd.members, cmd.digest, c.mountStatus()));
     }
     if (isShadow && haveLast && equal) {
       Rows const replayed = c.replay(last);
@@ -323,6 +348,8 @@ struct WriterState {
   uint64_t ops = 0;
   uint64_t counter = 0;
   uint64_t pruned = 0;
+  // The queue's last sequence issued.
+  uint64_t sequence = 0;
   uint32_t kestor = 0;
   uint32_t capacity = 0;
   // The writer's counters of this life.
@@ -386,6 +413,7 @@ int writerProcess(Options const& o, uint64_t life, uint64_t seed, RecordPipe con
       while (verb == 'p') {
         st.counter = life << 32 | n;
         st.pruned = w.tesselWriter().pruned();
+        st.sequence = w.tesselWriter().sequence();
         st.capacity = w.capacity();
         Mirak::Writer::Counters const c = w.writerCounters();
         st.slotGrows = c.slotGrows;
@@ -429,10 +457,9 @@ int writerProcess(Options const& o, uint64_t life, uint64_t seed, RecordPipe con
   }
 }
 
-// A child process with its two pipes.
+// A child process and what the harness knows of it.
 struct Proc {
-  pid_t pid = -1;
-  std::unique_ptr<RecordPipe> commands, answers;
+  Child child;
   MirakType type = MirakType::reader;
   bool synchronous = false;
   uint32_t index = 0;
@@ -501,41 +528,30 @@ class Harness {
   }
 
   bool startWriter() {
-    writer_.commands = std::make_unique<RecordPipe>();
-    writer_.answers = std::make_unique<RecordPipe>();
     uint64_t const life = ++life_;
     uint64_t const seed = o_.seed * 1000003 + life;
-    writer_.pid = forkChild([&, life, seed] {
-      return writerProcess(o_, life, seed, *writer_.commands, *writer_.answers);
+    writer_.child.start([&](RecordPipe const& c, RecordPipe const& a) {
+      return writerProcess(o_, life, seed, c, a);
     });
-    writer_.answers->closeWrite();
     WriterState st;
-    if (!writer_.answers->receive(st, kAnswerMs)) {
+    if (!writer_.child.answers().receive(st, kAnswerMs)) {
       fail(fmt::format("writer life {} did not start", life));
       return false;
     }
     if (life > 1) (st.adopted ? fig_.adoptions : fig_.reformats)++;
+    if (o_.verbose) {
+      fmt::print("writer life {} {} kestor {}\n", life,
+                 life == 1 ? "created" : st.adopted ? "adopted" : "re-formatted",
+                 Parcel::KestorId(st.kestor));
+    }
     return true;
   }
 
-  void killWriter() {
-    ::kill(writer_.pid, SIGKILL);
-    reap(writer_.pid, kAnswerMs);
-    writer_.pid = -1;
-  }
-
   void startClient(Proc& p) {
-    p.commands = std::make_unique<RecordPipe>();
-    p.answers = std::make_unique<RecordPipe>();
     uint64_t const seed = o_.seed * 7919 + ++clientStarts_;
-    MirakType const type = p.type;
-    bool const sync = p.synchronous;
-    uint32_t const ids = o_.ids;
-    RecordPipe const& c = *p.commands;
-    RecordPipe const& a = *p.answers;
-    p.pid = forkChild(
-        [&, type, sync, ids, seed] { return clientProcess(type, sync, ids, seed, c, a); });
-    p.answers->closeWrite();
+    p.child.start([&](RecordPipe const& c, RecordPipe const& a) {
+      return clientProcess(p.type, p.synchronous, o_.ids, seed, c, a);
+    });
     p.resyncs = ~0ull;
     p.corruptions = 0;
   }
@@ -547,8 +563,8 @@ class Harness {
     fig_.checks++;
     WriterState st;
     char const pause = 'p';
-    writer_.commands->send(pause);
-    if (!writer_.answers->receive(st, kAnswerMs)) {
+    writer_.child.commands().send(pause);
+    if (!writer_.child.answers().receive(st, kAnswerMs)) {
       fail(fmt::format("{}: the writer did not pause", when));
       return st;
     }
@@ -576,21 +592,21 @@ class Harness {
     // Until the next check the writer may be killed and restarted once:
     // every counter of this life and the next may show up meanwhile.
     cmd.counterBound = (life_ + 1) << 32 | 0xffffffffu;
+    cmd.sequence = st.sequence;
+    if (o_.verbose) {
+      fmt::print("{}: writer life {} kestor {} seq {} ops {}, table {} rows\n", when, life_,
+                 Parcel::KestorId(st.kestor), st.sequence, st.ops, table.size());
+    }
     for (Proc& p : clients_) {
-      if (&p != skip) p.commands->send(cmd);
+      if (&p != skip) p.child.commands().send(cmd);
     }
     for (Proc& p : clients_) {
       if (&p == skip) continue;
       Answer a;
       std::string const who = fmt::format("{} {}{}", Mirak::formatMirakType(p.type), p.index,
                                           p.synchronous ? " (synchronous)" : "");
-      if (!p.answers->receive(a, kAnswerMs + 5000)) {
-        int const status = reap(p.pid, 1);
-        fail(fmt::format("{}: {} gave no answer ({})", when, who,
-                         status == -1          ? "hung"
-                         : WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
-                                               : fmt::format("exit {}", WEXITSTATUS(status))));
-        p.pid = -1;
+      if (!p.child.answers().receive(a, kAnswerMs + 5000)) {
+        fail(fmt::format("{}: {} gave no answer ({})", when, who, p.child.ended(1)));
         continue;
       }
       if (!a.equal) fail(fmt::format("{}: {} diverged: {}", when, who, a.text));
@@ -607,6 +623,13 @@ class Harness {
         }
       }
       p.corruptions = a.corruptions;
+      if (o_.verbose) {
+        fmt::print("  {}: {} rows ({} in the index), events {} ({} removals), sweeps {}, "
+                   "rejoins {}, walks {}, seq {}, kestor {}{}{}\n",
+                   who, a.members, a.localMembers, a.events, a.dels, a.resyncs, a.rejoins, a.walks,
+                   a.sequence, Parcel::KestorId(a.kestor), a.writerLost ? ", writer lost" : "",
+                   a.following ? "" : ", not following");
+      }
       fig_.events += a.events;
       lookups_[p.index] = a.lookups;
       if (p.resyncs == ~0ull || a.resyncs < p.resyncs) {
@@ -640,7 +663,7 @@ class Harness {
 
   void go() {
     char const g = 'g';
-    writer_.commands->send(g);
+    writer_.child.commands().send(g);
   }
 
   void runFor(int ms) { ::poll(nullptr, 0, ms); }
@@ -659,28 +682,30 @@ class Harness {
       Proc& p = clients_[rng_() % o_.readers];
       uint64_t const prunedBefore = check(when + " before a stop").pruned;
       if (!failures_.empty()) return;
-      ::kill(p.pid, SIGSTOP);
+      p.child.signal(SIGSTOP);
+      if (o_.verbose) fmt::print("{}: shadow {} stopped\n", when, p.index);
       fig_.stops++;
       go();
       runFor(1400);
       WriterState const st = check(when + " while a shadow is stopped", &p);
-      ::kill(p.pid, SIGCONT);
+      p.child.signal(SIGCONT);
       if (st.pruned > prunedBefore) {
         fig_.overruns++;
         p.stopped = true;
       }
     } else if (o_.readers > 0 && fig_.trials % 10 == 5) {
       Proc& p = clients_[rng_() % o_.readers];
-      ::kill(p.pid, SIGKILL);
-      reap(p.pid, kAnswerMs);
+      if (o_.verbose) fmt::print("{}: shadow {} killed\n", when, p.index);
+      p.child.kill();
       fig_.shadowKills++;
       startClient(p);
     } else if (pick < 75) {
-      killWriter();
+      if (o_.verbose) fmt::print("{}: writer killed\n", when);
+      writer_.child.kill();
       fig_.writerKills++;
       endOfLife();
       bool attached = true;
-      for (Proc const& p : clients_) attached = attached && p.pid > 0;
+      for (Proc const& p : clients_) attached = attached && p.child.running();
       if (attached) fig_.killsWithShadowsAttached++;
       if (!startWriter()) return;
     }
@@ -691,23 +716,16 @@ class Harness {
     endOfLife();
     for (auto const& [i, n] : lookups_) fig_.lookups += n;
     // Every client ends as asked and exits 0: a crash shows here.
+    Command x;
+    x.verb = 'x';
     for (Proc& p : clients_) {
-      if (p.pid <= 0) continue;
-      Command x;
-      x.verb = 'x';
-      p.commands->send(x);
-      int const status = reap(p.pid, kAnswerMs);
-      if (!exitedWith(status, 0)) {
-        fail(fmt::format("{} {} ended with status {}", Mirak::formatMirakType(p.type), p.index,
-                         status));
+      std::string const end = p.child.running() ? p.child.end(x, kAnswerMs) : "";
+      if (!end.empty()) {
+        fail(fmt::format("{} {} ended: {}", Mirak::formatMirakType(p.type), p.index, end));
       }
     }
-    if (writer_.pid > 0) {
-      char const x = 'x';
-      writer_.commands->send(x);
-      if (!exitedWith(reap(writer_.pid, kAnswerMs), 0))
-        fail("the last writer did not exit cleanly");
-    }
+    std::string const end = writer_.child.running() ? writer_.child.end(x.verb, kAnswerMs) : "";
+    if (!end.empty()) fail("the last writer ended: " + end);
     fmt::print(
         "shadow: trials {}, quiescent checks {}, writer ops {}, most rows {}, capacity {}..{}\n",
         fig_.trials, fig_.checks, fig_.writerOps, fig_.mostRows,

@@ -1,6 +1,9 @@
 // Options, rows and the re-attaching reader loop of the reliability harness.
 #include "stress/Stress.h"
 
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -36,6 +39,35 @@ uint32_t parse32(std::string const& name, char const* text) {
 }
 
 }  // namespace
+
+std::string statusText(int status) {
+  if (status == -1) return "hung";
+  return WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
+                             : fmt::format("exit {}", WEXITSTATUS(status));
+}
+
+void Child::start(std::function<int(Pipe const&, Pipe const&)> const& body) {
+  commands_ = std::make_unique<Pipe>();
+  answers_ = std::make_unique<Pipe>();
+  pid_ = FlowTrackingTest::forkChild([&] { return body(*commands_, *answers_); });
+  answers_->closeWrite();
+}
+
+void Child::kill() {
+  // Never kill(-1, ...): that signals every process.
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  FlowTrackingTest::reap(pid_);
+  pid_ = -1;
+}
+
+std::string Child::ended(int ms) {
+  if (pid_ <= 0) return "not running";
+  int const status = FlowTrackingTest::reap(pid_, ms);
+  if (status == -1) kill();
+  pid_ = -1;
+  return FlowTrackingTest::exitedWith(status, 0) ? "" : statusText(status);
+}
 
 Options parseOptions(int argc, char** argv, int first) {
   Options o;

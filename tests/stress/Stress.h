@@ -7,11 +7,14 @@
 // of another sees a wrong checksum, so torn reads are counted, not guessed.
 #pragma once
 
+#include <signal.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -228,6 +231,40 @@ class TraceCapture {
   std::vector<std::string> lines_;
 };
 
+// "hung" for reap's timeout (-1), else "signal N" or "exit N".
+std::string statusText(int status);
+
+// A child of a mode that takes commands down one pipe and answers up the
+// other; each wait on it is bounded.
+class Child {
+ public:
+  using Pipe = FlowTrackingTest::RecordPipe;
+  // Forks `body(commands, answers)`, dropping any child held before.
+  void start(std::function<int(Pipe const& commands, Pipe const& answers)> const& body);
+  // SIGKILL and reap; nothing if it is not running.
+  void kill();
+  // SIGSTOP or SIGCONT, if it is running.
+  void signal(int sig) const {
+    if (pid_ > 0) ::kill(pid_, sig);
+  }
+  // Sends `bye`, then ended(ms).
+  template <typename T>
+  std::string end(T const& bye, int ms) {
+    commands_->send(bye);
+    return ended(ms);
+  }
+  // Reaps it within `ms`, killing it if it is still running then: "" if it
+  // exited 0, else statusText.
+  std::string ended(int ms);
+  bool running() const { return pid_ > 0; }
+  Pipe const& commands() const { return *commands_; }
+  Pipe const& answers() const { return *answers_; }
+
+ private:
+  pid_t pid_ = -1;
+  std::unique_ptr<Pipe> commands_, answers_;
+};
+
 // The table of the damage modes (corrupt, hostile): the config table, which
 // has the change queue's files as well. Its golden rows: ids 0..599 written,
 // 100..199 removed again (so the free list is long), 0..49 overwritten.
@@ -290,14 +327,8 @@ ChildReport runBounded(std::function<ChildReport()> const& body, int boundMs) {
   bool const got = up.receive(rep, boundMs);
   int const status = reap(pid, got ? kDeadlineMs : 1);
   if (!got) {
-    if (status == -1) {
-      rep.outcome = static_cast<uint32_t>(Outcome::hung);
-      rep.note("no answer within the bound");
-    } else {
-      rep.outcome = static_cast<uint32_t>(Outcome::crashed);
-      rep.note(WIFSIGNALED(status) ? fmt::format("signal {}", WTERMSIG(status))
-                                   : fmt::format("exit status {}", WEXITSTATUS(status)));
-    }
+    rep.outcome = static_cast<uint32_t>(status == -1 ? Outcome::hung : Outcome::crashed);
+    rep.note(status == -1 ? "no answer within the bound" : statusText(status));
   }
   return rep;
 }
