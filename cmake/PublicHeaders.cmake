@@ -67,6 +67,7 @@ set(FLOWTABLES_PUBLIC_HEADERS
     Mirak/SlotReader.h
     Mirak/SlotStore.h
     Mirak/SlotTable.h
+    Mirak/SalvageFile.h
     Mirak/StartOutcome.h
     Mirak/SlotWriter.h
     Mirak/Syncer.h
