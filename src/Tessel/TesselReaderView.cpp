@@ -10,6 +10,8 @@
 
 namespace Tessel {
 
+void (*readerStepHook)(ReaderStep step) = nullptr;
+
 TesselReaderView::TesselReaderView(std::string dir, Lomi::Platform::DebugHandler& handler)
     : dir_(std::move(dir)),
       handler_(handler),
@@ -253,6 +255,7 @@ bool TesselReaderView::validateNotif() {
     // The count fell below the entry read from it: two compactions since the
     // generation was read above reused this table (a reader descheduled in
     // between sees that). Damage only if the generation stood.
+    if (readerStepHook) readerStepHook(ReaderStep::countBelowPosition);
     Mem::acquireFence();
     if (Mem::loadRelaxed(hdr_->generation) != gen_) return false;
     FMTRACE(handler_, 0, "TesselReader::TesselNotifications", "out-of-range index:{} max:{}",

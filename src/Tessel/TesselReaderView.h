@@ -92,7 +92,7 @@ class TesselReaderView {
   // Whether the entry the reader stands on still counts: false if the
   // generation moved or it is a tombstone now. Throws
   // Lomi::CorruptionDetectedException "out-of-range index:{} max:{}" if the
-  // position is not below the table's count.
+  // position is not below the table's count while the generation stood.
   bool validateNotif();
   // The slot named by the entry `ahead` places past the one next() stands
   // on, as the table holds it now, without the generation check: a hint for
@@ -138,5 +138,13 @@ class TesselReaderView {
   Sequence lostSwept_ = 0;
   uint64_t refinds_ = 0;
 };
+
+// A point of the reader's rare path where a test may change the files: the
+// count of the table read was below the position, and the generation has not
+// been asked again yet (what two compactions between the reader's two loads
+// look like). A plain pointer, tested only on that path: the walk's steady
+// path never looks at it.
+enum class ReaderStep { countBelowPosition };
+extern void (*readerStepHook)(ReaderStep step);
 
 }  // namespace Tessel

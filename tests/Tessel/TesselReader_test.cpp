@@ -112,6 +112,52 @@ TEST_F(TesselReaderSteps, ValidateNotifAndRejection) {
   EXPECT_EQ(n, (TesselNotification{3, 6}));
 }
 
+// Two compactions between the reader's load of the generation and its load of
+// the count reuse its table with fewer entries than its position: that is
+// the writer lapping a descheduled reader, not damage (it was reported as
+// "out-of-range index" by shadows under a busy writer). The same count under
+// a generation that stood is damage. The generation the reader first loads
+// is forged back to the one it positioned under; the hook puts the real one
+// back between the two loads.
+TEST_F(TesselReaderSteps, ACountBelowThePositionIsDamageOnlyIfTheGenerationStood) {
+  for (uint32_t i = 0; i < 10; i++) w.notify(i);
+  TesselNotification n;
+  for (uint32_t i = 0; i < 10; i++) {
+    ASSERT_TRUE(r.next(n));
+    if (i < 9) r.consumed();
+  }
+  ASSERT_TRUE(r.validateNotif());
+  std::string const header = dir.file("tessel");
+  uint32_t const stood = TesselTest::readAt<uint32_t>(header, 40);
+  // Slots 2..9 go: two compactions leave a table of a few entries.
+  for (uint32_t slot = 2; slot < 10; slot++) w.tombstone(slot);
+  uint64_t const before = w.compactions();
+  for (uint32_t i = 0; w.compactions() < before + 2; i++) w.notify(i % 2);
+  uint32_t const moved = TesselTest::readAt<uint32_t>(header, 40);
+  ASSERT_NE(moved, stood);
+
+  static std::string const* file;
+  static uint32_t realGeneration;
+  static int calls;
+  file = &header;
+  realGeneration = moved;
+  calls = 0;
+  TesselTest::writeAt<uint32_t>(header, 40, stood);
+  Tessel::readerStepHook = [](Tessel::ReaderStep) {
+    calls++;
+    TesselTest::writeAt<uint32_t>(*file, 40, realGeneration);
+  };
+  bool counts = true;
+  EXPECT_NO_THROW(counts = r.validateNotif());
+  Tessel::readerStepHook = nullptr;
+  EXPECT_EQ(calls, 1) << "the count did not fall below the position";
+  EXPECT_FALSE(counts);
+
+  TesselTest::writeAt<uint32_t>(header, 40, stood);
+  EXPECT_THROW(r.validateNotif(), Lomi::CorruptionDetectedException);
+  TesselTest::writeAt<uint32_t>(header, 40, moved);
+}
+
 TEST_F(TesselReaderSteps, SeekStartsAfterASequence) {
   for (uint32_t i = 0; i < 6; i++) w.notify(i);
   r.seek(4);
