@@ -59,6 +59,12 @@ SalvageFileState readSalvageFile(std::string const& dir, std::vector<uint64_t>& 
     error = fmt::format("{} is owned by uid {}, not by this process's user", path, st.st_uid);
     return SalvageFileState::refused;
   }
+  // Its rows go into the table as they are: a file that another user could
+  // have written is not taken (the writer makes it 0600).
+  if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+    error = fmt::format("{} is writable by others (mode {:o}); chmod go-w", path, st.st_mode & 07777);
+    return SalvageFileState::refused;
+  }
   length = static_cast<uint64_t>(st.st_size);
   if (length > kMaxSalvageFileSize) {
     error = fmt::format("{} has {} bytes, more than any salvage", path, length);

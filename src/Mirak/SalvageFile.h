@@ -33,11 +33,11 @@
 // temporary, removed by the next start): the next start collects again.
 //
 // Trust. The file lies on shared ground: it is opened without following a
-// link, must be a regular file owned by this user, at most the size a
-// salvage of the largest table can have, and validates whole (magic, format
-// version, value size and type, the header's checksum, the count bounded by
-// the size, each record's checksum) or it is reported and ignored; it is
-// never partly used.
+// link, must be a regular file owned by this user that no group or other
+// user may write, at most the size a salvage of the largest table can have,
+// and validates whole (magic, format version, value size and type, the
+// header's checksum, the count bounded by the size, each record's checksum)
+// or it is reported and ignored; it is never partly used.
 #pragma once
 
 #include <cstddef>

@@ -379,6 +379,8 @@ struct SideFileCase {
   char const* name;
   // Changes the side file's bytes; an empty result plants a link instead.
   void (*damage)(std::string& bytes);
+  // The sound bytes in a file that another user could have written.
+  bool othersMayWrite = false;
 };
 
 class SalvageSideFileTest : public ::testing::TestWithParam<SideFileCase> {
@@ -408,6 +410,9 @@ TEST_P(SalvageSideFileTest, IsRefusedNotTrusted) {
     ASSERT_EQ(::symlink(decoy.c_str(), sideFile().c_str()), 0);
   } else {
     std::ofstream(sideFile(), std::ios::binary) << bytes;
+    if (c.othersMayWrite) {
+      ASSERT_EQ(::chmod(sideFile().c_str(), 0666), 0);
+    }
   }
   auto w = restart();
   Mirak::StartOutcome const& o = w->startOutcome();
@@ -445,7 +450,8 @@ INSTANTIATE_TEST_SUITE_P(
                        h.headerCheck = Mirak::salvageChecksum(
                            &h, offsetof(Mirak::SalvageHeader, headerCheck), 0);
                      }},
-        SideFileCase{"plantedLink", [](std::string& b) { b.clear(); }}),
+        SideFileCase{"plantedLink", [](std::string& b) { b.clear(); }},
+        SideFileCase{"writableByOthers", [](std::string&) {}, true}),
     [](auto const& info) { return std::string(info.param.name); });
 
 // --- the bulk build is the insert path's table -----------------------------
