@@ -30,6 +30,21 @@ void* operator new(size_t size) {
 void* operator new[](size_t size) {
   return operator new(size);
 }
+// The nothrow forms too (std::stable_sort's buffer is one): a sanitizer's own
+// would hand out blocks that the replaced delete then frees with free().
+void* operator new(size_t size, std::nothrow_t const&) noexcept {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  return std::malloc(size ? size : 1);
+}
+void* operator new[](size_t size, std::nothrow_t const& tag) noexcept {
+  return operator new(size, tag);
+}
+void operator delete(void* p, std::nothrow_t const&) noexcept {
+  std::free(p);
+}
+void operator delete[](void* p, std::nothrow_t const&) noexcept {
+  std::free(p);
+}
 void operator delete(void* p) noexcept {
   std::free(p);
 }
