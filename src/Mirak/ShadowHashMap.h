@@ -145,14 +145,8 @@ class ShadowHashMap {
       return;
     }
     // Empty: one resize to the size, all entries null.
-    uint32_t const from = numBuckets_;
-    FMTRACE(handler_, 2, "ShadowHashMap", "buckets growing from:{} to:{}", from, target);
-    auto* const bigger = static_cast<Slot**>(mem_.resize(uint64_t(target) * sizeof(Slot*)));
-    if (!bigger) {
-      throw Lomi::MemoryResourceException("failed to resize {} from {} to {} buckets : {}",
-                                          "private memory", from, target, mem_.lastError());
-    }
-    buckets_ = bigger;
+    FMTRACE(handler_, 2, "ShadowHashMap", "buckets growing from:{} to:{}", numBuckets_, target);
+    resizeBuckets(numBuckets_, target);
     std::memset(buckets_, 0, uint64_t(target) * sizeof(Slot*));
     while (numBuckets_ < target) {
       numBuckets_ *= 2;
@@ -253,6 +247,18 @@ class ShadowHashMap {
   }
   uint32_t indexOf(Slot const* s) const { return uint32_t(s - slots_); }
 
+  // The bucket array resized from `from` to `to` entries (the first
+  // min(from, to) kept, the rest unset), its new base in buckets_; on
+  // refusal Lomi::MemoryResourceException, and the old array stays.
+  Slot** resizeBuckets(uint32_t from, uint32_t to) {
+    auto* const resized = static_cast<Slot**>(mem_.resize(uint64_t(to) * sizeof(Slot*)));
+    if (!resized) {
+      throw Lomi::MemoryResourceException("failed to resize {} from {} to {} buckets : {}",
+                                          "private memory", from, to, mem_.lastError());
+    }
+    return buckets_ = resized;
+  }
+
   // Doubles the buckets: old bucket i becomes 2i and 2i + 1, split at the
   // first slot whose new bucket is 2i + 1. Going from the top down lets the
   // array be rewritten in place: entries 2i and 2i + 1 lie above all that is
@@ -261,12 +267,7 @@ class ShadowHashMap {
     uint32_t const from = numBuckets_;
     uint32_t const to = from * 2;
     FMTRACE(handler_, 2, "ShadowHashMap", "buckets growing from:{} to:{}", from, to);
-    auto* const bigger = static_cast<Slot**>(mem_.resize(uint64_t(to) * sizeof(Slot*)));
-    if (!bigger) {
-      throw Lomi::MemoryResourceException("failed to resize {} from {} to {} buckets : {}",
-                                          "private memory", from, to, mem_.lastError());
-    }
-    buckets_ = bigger;
+    resizeBuckets(from, to);
     std::memset(buckets_ + from, 0, from * sizeof(Slot*));
     uint32_t const factor = bucketFactor_ + 1;
     for (uint32_t i = from; i-- > 0;) {
@@ -310,19 +311,15 @@ class ShadowHashMap {
         if (high) high->prev = &buckets_[k];
       }
     }
-    auto* const smaller = static_cast<Slot**>(mem_.resize(uint64_t(to) * sizeof(Slot*)));
-    if (!smaller) {
-      throw Lomi::MemoryResourceException("failed to resize {} from {} to {} buckets : {}",
-                                          "private memory", from, to, mem_.lastError());
-    }
-    if (smaller != buckets_) {
+    Slot** const old = buckets_;
+    Slot** const smaller = resizeBuckets(from, to);
+    if (smaller != old) {
       FMTRACE(handler_, 2, "ShadowHashMap", "base address moved from {} to {}",
-              static_cast<void*>(buckets_), static_cast<void*>(smaller));
+              static_cast<void*>(old), static_cast<void*>(smaller));
       for (uint32_t k = 0; k < to; k++) {
         if (smaller[k]) smaller[k]->prev = &smaller[k];
       }
     }
-    buckets_ = smaller;
     bucketFactor_--;
     numBuckets_ = to;
     counters_.shadowBucketShrinks++;

@@ -137,7 +137,8 @@ class Follower : public Tessel::TesselReader<>::Client {
     Mirak::IterHint hint;
     int steps = 0;
     for (bool ok = store_->first(0, v, hint); ok; ok = store_->next(v.key(), v, hint)) {
-      if (!walked.emplace(v.key().id, v.count).second) return "walk repeats " + std::to_string(v.key().id);
+      if (!walked.emplace(v.key().id, v.count).second)
+        return "walk repeats " + std::to_string(v.key().id);
       if (++steps > 1'000'000) return "walk does not end";
     }
     if (walked != model) {
@@ -150,7 +151,8 @@ class Follower : public Tessel::TesselReader<>::Client {
       if (!found || p->count != count) return "lookup of " + std::to_string(id);
     }
     bool absentFound = true;
-    if (store_->lookup(TestKey{0xfffffff0u, 0}, absentFound, nullptr)->count != TestRecord().count ||
+    if (store_->lookup(TestKey{0xfffffff0u, 0}, absentFound, nullptr)->count !=
+            TestRecord().count ||
         absentFound) {
       return "an absent key does not answer the default value";
     }
@@ -195,8 +197,29 @@ int seedsPerKind() {
   return env ? std::max(1, std::atoi(env)) : 600;
 }
 
+// The set-up the cases share: a table on a fresh root, its model, and the
+// writer that fills both.
 template <typename Store>
-class ShadowStoreModel : public ::testing::Test {};
+class ShadowStoreModel : public ::testing::Test {
+ protected:
+  // A new table (the last one's files go) of rows 0 .. rows-1, row id at
+  // count `base + id`: distinct values, so a copy that mixes rows differs.
+  void newTable(uint32_t rows = 0, uint64_t base = 1) {
+    if (w) w->cleanup();
+    w = makeWriter();
+    ASSERT_TRUE(w);
+    model.clear();
+    for (uint32_t id = 0; id < rows; id++) write(id, base + id);
+  }
+  void write(uint32_t id, uint64_t count) { w->write(row(id, model[id] = count), true); }
+  void TearDown() override {
+    if (w) w->cleanup();
+  }
+
+  TempRoot root;
+  std::unique_ptr<Writer> w;
+  std::map<uint32_t, uint64_t> model;
+};
 using StoreKinds = ::testing::Types<ValueStore, KeyStore>;
 struct KindName {
   template <typename T>
@@ -207,7 +230,8 @@ struct KindName {
 TYPED_TEST_SUITE(ShadowStoreModel, StoreKinds, KindName);
 
 TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid) {
-  TempRoot root;
+  auto& w = this->w;
+  auto& model = this->model;
   int const seeds = seedsPerKind();
   uint64_t compactions = 0, reformats = 0, moves = 0, bucketShrinks = 0, slotShrinks = 0,
            failed = 0;
@@ -215,9 +239,7 @@ TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     auto pick = [&](uint32_t n) { return uint32_t(rng() % n); };
-    auto w = makeWriter();
-    ASSERT_TRUE(w);
-    std::map<uint32_t, uint64_t> model;
+    ASSERT_NO_FATAL_FAILURE(this->newTable());
     uint32_t nextId = 0;
     uint64_t count = 100;
     auto insert = [&](uint32_t n) {
@@ -317,10 +339,7 @@ TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid
         case 2:
           if (pick(4) == 0) {
             // Re-format: the table starts anew under a new kestor and seed.
-            w->cleanup();
-            w = makeWriter();
-            ASSERT_TRUE(w);
-            model.clear();
+            ASSERT_NO_FATAL_FAILURE(this->newTable());
             insert(pick(30));
             EXPECT_EQ(f.follow(), Walk::reformatted);
             f.attach();
@@ -339,7 +358,6 @@ TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid
     bucketShrinks += c.shadowBucketShrinks;
     slotShrinks += c.shadowSlotShrinks;
     failed += c.failedNotifications;
-    w->cleanup();
   }
   // A run that never met what it is for proves nothing.
   EXPECT_GT(compactions, 0u);
@@ -349,40 +367,30 @@ TYPED_TEST(ShadowStoreModel, EqualsTheTableAtEveryQuietPointWhateverTheWriterDid
   if (seeds >= 50) {
     EXPECT_GT(reformats, 0u);
   }
-  std::printf("%d seeds: %llu with compactions, %llu re-formats, %llu key moves, %llu bucket shrinks, "
-              "%llu slot shrinks, %llu entries that no longer counted\n",
-              seeds, (unsigned long long)compactions, (unsigned long long)reformats,
-              (unsigned long long)moves, (unsigned long long)bucketShrinks,
-              (unsigned long long)slotShrinks, (unsigned long long)failed);
+  std::printf(
+      "%d seeds: %llu with compactions, %llu re-formats, %llu key moves, %llu bucket shrinks, "
+      "%llu slot shrinks, %llu entries that no longer counted\n",
+      seeds, (unsigned long long)compactions, (unsigned long long)reformats,
+      (unsigned long long)moves, (unsigned long long)bucketShrinks, (unsigned long long)slotShrinks,
+      (unsigned long long)failed);
 }
 
 // A fresh copy sizes its index for the table once, when its slot array first
 // takes the table's capacity, and is the table after the sweep; an index that
 // already holds entries when the table grows under it is enlarged in order.
 TYPED_TEST(ShadowStoreModel, ASweepSizesTheIndexForTheTableAndEqualsIt) {
-  TempRoot root;
   for (uint32_t rows : {0u, 1u, 2u, 3u, 100u, 3000u}) {
     SCOPED_TRACE("rows " + std::to_string(rows));
-    auto w = makeWriter();
-    ASSERT_TRUE(w);
-    std::map<uint32_t, uint64_t> model;
-    for (uint32_t id = 0; id < rows; id++) {
-      w->write(row(id, id + 100), true);
-      model[id] = id + 100;
-    }
+    ASSERT_NO_FATAL_FAILURE(this->newTable(rows, 100));
     Follower<TypeParam> f;
     f.attach();
     EXPECT_EQ(f.store().numBuckets(), std::max(2u, std::bit_ceil(rows)));
-    EXPECT_EQ(f.differences(model), "");
+    EXPECT_EQ(f.differences(this->model), "");
     // The table grows under a filled copy: its capacity, then its index.
-    for (uint32_t id = rows; id < 3 * rows + 40; id++) {
-      w->write(row(id, id + 100), true);
-      model[id] = id + 100;
-    }
+    for (uint32_t id = rows; id < 3 * rows + 40; id++) this->write(id, id + 100);
     f.follow();
-    EXPECT_EQ(f.differences(model), "");
-    EXPECT_GE(f.store().numBuckets(), std::bit_ceil(uint32_t(model.size())));
-    w->cleanup();
+    EXPECT_EQ(f.differences(this->model), "");
+    EXPECT_GE(f.store().numBuckets(), std::bit_ceil(uint32_t(this->model.size())));
   }
 }
 
@@ -390,14 +398,9 @@ TYPED_TEST(ShadowStoreModel, ASweepSizesTheIndexForTheTableAndEqualsIt) {
 // is hashed on the way from the queue to the callback. A slot that takes
 // another key is hashed and placed.
 TYPED_TEST(ShadowStoreModel, AnOverwriteInPlaceHashesNoKey) {
-  TempRoot root;
-  auto w = makeWriter();
-  ASSERT_TRUE(w);
-  std::map<uint32_t, uint64_t> model;
-  for (uint32_t id = 0; id < 500; id++) {
-    w->write(row(id, 1), true);
-    model[id] = 1;
-  }
+  ASSERT_NO_FATAL_FAILURE(this->newTable(500, 10));
+  auto& w = this->w;
+  auto& model = this->model;
   Follower<TypeParam> f;
   f.attach();
   for (auto& [id, count] : model) w->write(row(id, count = 2), true);
@@ -419,7 +422,6 @@ TYPED_TEST(ShadowStoreModel, AnOverwriteInPlaceHashesNoKey) {
   testKeyHashHook = nullptr;
   EXPECT_GE(hashes, 1u);
   EXPECT_EQ(f.differences(model), "");
-  w->cleanup();
 }
 
 // The walk names, with each entry it hands over, the slot of the entry
@@ -442,20 +444,14 @@ class Hinted : public Follower<Store> {
 };
 
 TYPED_TEST(ShadowStoreModel, AWalkHintsTheSlotsOfTheEntriesAhead) {
-  TempRoot root;
-  auto w = makeWriter();
-  ASSERT_TRUE(w);
-  std::map<uint32_t, uint64_t> model;
-  for (uint32_t id = 0; id < 300; id++) {
-    w->write(row(id, 1), true);
-    model[id] = 1;
-  }
+  ASSERT_NO_FATAL_FAILURE(this->newTable(300, 10));
+  auto& model = this->model;
   Hinted<TypeParam> f;
   f.attach();
   // Distinct rows in a scattered order: each change is a live entry.
   std::vector<uint32_t> order;
   for (uint32_t i = 0; i < 300; i++) order.push_back(i * 7 % 300);
-  for (uint32_t id : order) w->write(row(id, model[id] = 2), true);
+  for (uint32_t id : order) this->write(id, 2);
   f.follow();
   EXPECT_EQ(f.differences(model), "");
   ASSERT_EQ(f.handed.size(), order.size());
@@ -466,7 +462,6 @@ TYPED_TEST(ShadowStoreModel, AWalkHintsTheSlotsOfTheEntriesAhead) {
     ASSERT_LT(before + ahead, f.handed.size());
     EXPECT_EQ(slot, f.handed[before + ahead]) << "hint before entry " << before;
   }
-  w->cleanup();
 }
 
 }  // namespace
