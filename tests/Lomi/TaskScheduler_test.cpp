@@ -18,18 +18,6 @@ namespace {
 using Scheduler = Lomi::TaskSchedulerRoot;
 using Handle = Scheduler::CriticalTask;
 
-TEST(TaskScheduler, RunsEachRegisteredTaskOnceInOrder) {
-  Scheduler s;
-  std::vector<int> ran;
-  Handle a = s.criticalTaskIs("a", [&] { ran.push_back(1); });
-  Handle b = s.criticalTaskIs("b", [&] { ran.push_back(2); });
-  EXPECT_EQ(s.criticalTasks(), 2u);
-  s.runCriticalPriorityTasks();
-  s.runCriticalPriorityTasks();
-  EXPECT_EQ(ran, (std::vector<int>{1, 2, 1, 2}));
-  EXPECT_EQ(s.runs(), 2u);
-}
-
 TEST(TaskScheduler, HandleUnregistersOnResetDestructionAndMoveAssignment) {
   Scheduler s;
   std::vector<int> ran;

@@ -9,27 +9,24 @@
 #include <string>
 
 #include "Lomi/Exception.h"
+#include "Lomi/Thrown.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
 #include "Mirak/TempRoot.h"
 
 namespace {
 
+// The message of the InvalidInitializeException `f` throws.
+template <typename F>
+std::string refusal(F&& f) {
+  return LomiTest::thrown<Lomi::InvalidInitializeException>(f);
+}
+
 class RootPathTest : public ::testing::Test {
  protected:
   static bool isDirectory(std::string const& p) {
     struct stat st;
     return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-  }
-
-  template <typename F>
-  static std::string invalidInitializeText(F&& f) {
-    try {
-      f();
-    } catch (Lomi::InvalidInitializeException const& e) {
-      return e.msg();
-    }
-    return "<no exception>";
   }
 
   MirakTest::TempRoot root;
@@ -53,7 +50,7 @@ TEST_F(RootPathTest, BaseIsProcessWideAndKeptByEachPath) {
 
 TEST_F(RootPathTest, BaseMustBeAbsolute) {
   for (std::string bad : {"", "relative/dir", "./x"}) {
-    std::string text = invalidInitializeText([&] { Mem::RootPath::baseIs(bad); });
+    std::string text = refusal([&] { Mem::RootPath::baseIs(bad); });
     EXPECT_EQ(text, "Mirak base directory \"" + bad + "\" must be an absolute path");
   }
   EXPECT_EQ(Mem::RootPath::base(), dir) << "a refused base leaves the old one";
@@ -86,7 +83,7 @@ TEST_F(RootPathTest, LocalTablesHaveNoDirectory) {
   EXPECT_EQ(p.dirName(), "table");
   p.createDirectories();
   EXPECT_FALSE(isDirectory(dir + "/private"));
-  EXPECT_EQ(invalidInitializeText([&] { p.filePath("slots"); }),
+  EXPECT_EQ(refusal([&] { p.filePath("slots"); }),
             "Mirak table local:private/table is local: it has no directory for file \"slots\"");
   // A local name is never a path, so any text will do.
   Mem::NaoRootPath odd(handler, "../x", true);
@@ -101,7 +98,7 @@ TEST_F(RootPathTest, NamesThatLeaveTheirDirectoryAreRefused) {
            {"a/../../x", "\"a/../../x\" has a \"..\" component" + outside},
            {"a/./b", "\"a/./b\" has a \".\" component" + outside},
            {"..", "\"..\" has a \"..\" component" + outside}}) {
-    EXPECT_EQ(invalidInitializeText([&] { Mem::NaoRootPath(handler, c.first, false); }),
+    EXPECT_EQ(refusal([&] { Mem::NaoRootPath(handler, c.first, false); }),
               "Mirak table name " + c.second);
   }
   // Dots inside a component are ordinary characters.
@@ -124,7 +121,7 @@ TEST_F(RootPathTest, CreateDirectoriesNamesPathAndReason) {
   ::close(fd);
   Mem::RootPath::baseIs(file);
   Mem::NaoRootPath underFile(handler, "table", false);
-  std::string text = invalidInitializeText([&] { underFile.createDirectories(); });
+  std::string text = refusal([&] { underFile.createDirectories(); });
   EXPECT_EQ(text, "cannot create directory of Mirak table " + file + "/table: mkdir " + file +
                       ": Not a directory (errno 20)")
       << "the message names the component in the way";
@@ -132,7 +129,7 @@ TEST_F(RootPathTest, CreateDirectoriesNamesPathAndReason) {
   // The file itself stands where the table's directory should be.
   Mem::RootPath::baseIs(dir);
   Mem::NaoRootPath onFile(handler, "plainfile", false);
-  text = invalidInitializeText([&] { onFile.createDirectories(); });
+  text = refusal([&] { onFile.createDirectories(); });
   EXPECT_EQ(text, "cannot create directory of Mirak table " + file + ": mkdir " + file +
                       ": Not a directory (errno 20)");
 
@@ -142,7 +139,7 @@ TEST_F(RootPathTest, CreateDirectoriesNamesPathAndReason) {
     ASSERT_EQ(::mkdir(locked.c_str(), 0500), 0);
     Mem::RootPath::baseIs(locked);
     Mem::NaoRootPath denied(handler, "table", false);
-    text = invalidInitializeText([&] { denied.createDirectories(); });
+    text = refusal([&] { denied.createDirectories(); });
     EXPECT_NE(text.find("Permission denied"), std::string::npos) << text;
     EXPECT_NE(text.find(locked + "/table"), std::string::npos) << text;
     ::chmod(locked.c_str(), 0700);

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <random>
 #include <set>
 #include <string>
 
@@ -96,19 +95,6 @@ TEST_F(KestorFileTest, TornOrFlippedRecordReadsZero) {
   EXPECT_TRUE(k.read().isZero()) << "one byte too long";
   writeAll(k.path(), good);
   EXPECT_EQ(k.read(), KestorId(77, 3));
-}
-
-TEST_F(KestorFileTest, RandomGarbageReadsZero) {
-  unsigned const seed = 20240607;
-  std::printf("RandomGarbageReadsZero seed %u\n", seed);
-  std::mt19937 rng(seed);
-  KestorFile k(handler(), root_, false);
-  for (int round = 0; round < 200; ++round) {
-    std::string bytes(16, '\0');
-    for (char& c : bytes) c = static_cast<char>(rng());
-    writeAll(k.path(), bytes);
-    EXPECT_TRUE(k.read().isZero()) << "round " << round;
-  }
 }
 
 // The record appears by rename: a watcher of the directory sees IN_MOVED_TO

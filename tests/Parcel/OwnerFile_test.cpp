@@ -84,23 +84,15 @@ TEST_F(OwnerFileTest, FieldsRoundTripAndNameThisProcess) {
             fmt::format("owner file {}: typeName:\"FlowTracking::HoIpFlowConfig\" parcelType:1 "
                         "writerPid:{} writerStartTime:{} tunnetInfo:@flowtables-123-4/4",
                         o.path(), ::getpid(), r->writerStartTime));
+  // An empty TunnetInfo records no writer.
+  o.tunnetInfoIs(TunnetInfo());
+  EXPECT_TRUE(o.validate());
+  r = o.record();
+  EXPECT_TRUE(r->writerPid == 0 && r->writerStartTime == 0 && r->tunnetInfo.empty());
   o.remove();
   EXPECT_FALSE(std::filesystem::exists(o.path()));
   EXPECT_FALSE(o.validate());
   EXPECT_NO_THROW(o.remove());
-}
-
-TEST_F(OwnerFileTest, EmptyTunnetInfoRecordsNoWriter) {
-  OwnerFile o(handler(), root_, false);
-  o.lock();
-  writeGood(o);
-  o.tunnetInfoIs(TunnetInfo());
-  EXPECT_TRUE(o.validate());
-  std::optional<OwnerFile::Record> r = o.record();
-  ASSERT_TRUE(r.has_value());
-  EXPECT_EQ(r->writerPid, 0);
-  EXPECT_EQ(r->writerStartTime, 0u);
-  EXPECT_TRUE(r->tunnetInfo.empty());
 }
 
 TEST_F(OwnerFileTest, RecordWithoutParcelTypeIsInconsistent) {
@@ -144,7 +136,7 @@ TEST_F(OwnerFileTest, EveryFlippedByteFailsValidation) {
   EXPECT_NE(o.headerToString().find(" invalid: checksum fail: "), std::string::npos);
 }
 
-TEST_F(OwnerFileTest, TruncatedRecordReportsItsSize) {
+TEST_F(OwnerFileTest, TruncatedRecordReportsItsSizeAndASetterStartsAfresh) {
   OwnerFile o(handler(), root_, false);
   o.lock();
   writeGood(o);
@@ -154,13 +146,7 @@ TEST_F(OwnerFileTest, TruncatedRecordReportsItsSize) {
   EXPECT_EQ(error, fmt::format("owner file {} is damaged: is 100 bytes, wanted 512", o.path()));
   EXPECT_THROW(o.validateFile(), Lomi::CorruptionDetectedException);
   EXPECT_NE(o.headerToString().find("first 64 bytes"), std::string::npos);
-}
-
-TEST_F(OwnerFileTest, SetterOnDamagedRecordStartsAfresh) {
-  OwnerFile o(handler(), root_, false);
-  o.lock();
-  writeGood(o);
-  writeAll(o.path(), "garbage");
+  // A setter on a damaged record starts afresh.
   o.typeNameIs("T");
   o.parcelTypeIs(ParcelType::mirak);
   EXPECT_TRUE(o.validate());

@@ -1,5 +1,4 @@
-// Rusk::WriterRuskSm and connectProbe: names, listening, accepting, and a
-// listener in another process that dies.
+// Rusk::WriterRuskSm and connectProbe: names, listening and accepting.
 #include "Rusk/WriterRuskSm.h"
 
 #include <unistd.h>
@@ -8,13 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Parcel/ProcessTestUtil.h"
 #include "Rusk/RuskTestUtil.h"
 
 namespace {
 
-using ParcelTest::Child;
-using ParcelTest::Pipe;
 using Rusk::TunnetName;
 using Rusk::WriterRuskSm;
 using RuskTest::handler;
@@ -114,27 +110,6 @@ TEST(WriterRuskSm, AcceptKeepsLiveConnectionsAndDropsGoneOnes) {
   EXPECT_EQ(::read(c2, b, sizeof b), 16);
   EXPECT_EQ(::read(c2, b, sizeof b), 0);
   ::close(c2);
-}
-
-// A listener in another process accepts while it lives; after SIGKILL its
-// abstract name is gone.
-TEST(WriterRuskSm, ListenerDiesWithItsProcess) {
-  Pipe name;
-  Child listener([&] {
-    name.closeRead();
-    WriterRuskSm w(handler());
-    w.doEnableListen();
-    name.send(w.socketName());
-    ::pause();
-    return 0;
-  });
-  name.closeWrite();
-  std::optional<std::string> socket = name.receive();
-  ASSERT_TRUE(socket.has_value());
-  EXPECT_EQ(TunnetName::TunnetNameIs(*socket)->pid, listener.pid());
-  EXPECT_TRUE(Rusk::connectProbe(*socket));
-  ASSERT_TRUE(listener.killAndReap());
-  EXPECT_FALSE(Rusk::connectProbe(*socket));
 }
 
 }  // namespace

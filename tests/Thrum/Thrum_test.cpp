@@ -1,9 +1,6 @@
 // The statistics cell registry: one stable cell per name.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,33 +72,6 @@ TEST(Thrum, ConcurrentLookupsAgreeOnEveryCell) {
   for (auto& t : threads) t.join();
   EXPECT_EQ(w.cells(), static_cast<size_t>(kNames));
   for (int t = 1; t < 4; ++t) EXPECT_EQ(seen[t], seen[0]) << "thread " << t;
-}
-
-// A forked child inherits the cells as they were and counts on its own copy.
-TEST(Thrum, ForkedChildCountsInItsOwnCopy) {
-  uint64_t* c = Thrum::writer().cell("thrumForkCell");
-  *c = 10;
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  pid_t const pid = ::fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    ::close(fds[0]);
-    uint64_t* mine = Thrum::writer().cell("thrumForkCell");
-    *mine += 5;
-    uint64_t v = Thrum::writer().cellValue("thrumForkCell") + (mine == c ? 0 : 1000);
-    ssize_t n = ::write(fds[1], &v, sizeof v);
-    ::_exit(n == sizeof v ? 0 : 1);
-  }
-  ::close(fds[1]);
-  uint64_t childValue = 0;
-  ASSERT_EQ(::read(fds[0], &childValue, sizeof childValue), ssize_t(sizeof childValue));
-  ::close(fds[0]);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ(childValue, 15u) << "same address, inherited value, own increment";
-  EXPECT_EQ(*c, 10u) << "the parent's cell is untouched";
 }
 
 }  // namespace

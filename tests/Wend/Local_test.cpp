@@ -63,15 +63,6 @@ TYPED_TEST(WendLocal, OutOfRangeIndexThrowsWithTheIndex) {
   EXPECT_THROW(none[0], Lomi::CorruptionDetectedException);
 }
 
-TEST(WendLocalFlags, MillionsOfFlagsAreBytes) {
-  Wend::Local<bool> marks(size_t(1) << 21, false);
-  for (size_t i = 0; i < marks.size(); i += 7) marks[i] = true;
-  size_t set = 0;
-  for (size_t i = 0; i < marks.size(); ++i) set += marks[i];
-  EXPECT_EQ(set, (marks.size() + 6) / 7);
-  static_assert(sizeof(*marks.data()) == 1, "one byte a flag");
-}
-
 TEST(WendLocalFlags, ImpossibleSizeIsAMemoryResourceFailure) {
   Wend::Local<uint64_t> a(3, 7);
   EXPECT_THROW(a.resize(size_t(1) << 60), Lomi::MemoryResourceException);

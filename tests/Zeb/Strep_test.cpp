@@ -1,5 +1,5 @@
-// The strep helpers: literals, numbers, times, enumerations, the end check,
-// printf formatting and the attribute-naming rethrow.
+// The strep helpers: literals, numbers, times, enumerations, the end check
+// and the attribute-naming rethrow.
 #include "Zeb/Strep.h"
 #include "Lomi/Thrown.h"
 
@@ -112,14 +112,6 @@ TEST(Seconds, StrictText) {
   }
   EXPECT_THROW(parseAll<Seconds>("1e999"), RangeException);
   EXPECT_EQ(parseAll<Seconds>("-2.5e-3"), -2.5e-3);
-}
-
-TEST(Format, PrintfIntoString) {
-  EXPECT_EQ(format("{'a': %s, 'n': %llu, 'u': %u}", "x", 5000000000ull, 7u).stdString(),
-            "{'a': x, 'n': 5000000000, 'u': 7}");
-  EXPECT_EQ(format("%s", "").stdString(), "");
-  std::string const big(5000, 'q');
-  EXPECT_EQ(format("<%s>", big.c_str()).stdString(), "<" + big + ">");
 }
 
 TEST(StrepToValue, TheWholeTextAndNothingAfterIt) {

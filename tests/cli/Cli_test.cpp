@@ -12,7 +12,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -23,6 +25,7 @@
 #include "FlowTracking/TableWriters.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Parcel/ProcessTestUtil.h"
 #include "Zeb/Strep.h"
 #include "cli/RunTool.h"
 
@@ -73,47 +76,28 @@ class Cli : public ::testing::Test {
   static void SetUpTestSuite() {
     char tmpl[] = "/tmp/flowtable-cli-XXXXXX";
     root_ = ::mkdtemp(tmpl);
-    int ready[2], stop[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    ASSERT_EQ(::pipe(stop), 0);
-    writer_ = ::fork();
-    ASSERT_GE(writer_, 0);
-    if (writer_ == 0) {
-      ::close(ready[0]);
-      ::close(stop[1]);
-      int status = 1;
-      try {
-        Mem::RootPath::baseIs(root_);
-        Mirak::MapDescriptor d(1000);
-        d.local = false;
-        FlowTracking::HoIpFlowConfigWriter w(Lomi::Platform::getDebugHandler("cliTest"), kTable, d,
-                                             FlowTracking::HoIpFlowConfigOps(0));
-        w.initialize("test");
-        for (int i = 0; i < kRows; ++i) w.write(row(i), true);
-        char const ok = 'k';
-        if (::write(ready[1], &ok, 1) != 1) ::_exit(3);
-        char c;
-        while (::read(stop[0], &c, 1) > 0) {
-        }
-        status = 0;
-      } catch (std::exception const& e) {
-        std::fprintf(stderr, "writer: %s\n", e.what());
-      }
-      ::_exit(status);
-    }
-    ::close(ready[1]);
-    ::close(stop[0]);
-    stopFd_ = stop[1];
-    char c = 0;
-    ASSERT_EQ(::read(ready[0], &c, 1), 1) << "the writer process failed";
-    ::close(ready[0]);
+    stop_ = std::make_unique<ParcelTest::Pipe>();
+    ParcelTest::Pipe ready;
+    writer_ = std::make_unique<ParcelTest::Child>([&] {
+      stop_->closeWrite();
+      Mem::RootPath::baseIs(root_);
+      Mirak::MapDescriptor d(1000);
+      d.local = false;
+      FlowTracking::HoIpFlowConfigWriter w(Lomi::Platform::getDebugHandler("cliTest"), kTable, d,
+                                           FlowTracking::HoIpFlowConfigOps(0));
+      w.initialize("test");
+      for (int i = 0; i < kRows; ++i) w.write(row(i), true);
+      ready.send("ready");
+      // Until the suite closes its end.
+      return stop_->receive(std::numeric_limits<int>::max()) ? 1 : 0;
+    });
+    ASSERT_EQ(ready.receive().value_or("the writer process failed"), "ready");
   }
 
   static void TearDownTestSuite() {
-    ::close(stopFd_);
-    int status = 0;
-    ::waitpid(writer_, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    stop_->closeWrite();
+    std::optional<int> const status = writer_->wait();
+    EXPECT_TRUE(status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
     std::error_code ec;
     fs::remove_all(root_, ec);
   }
@@ -139,14 +123,10 @@ class Cli : public ::testing::Test {
     }
   }
 
-  static std::string root_;
-  static pid_t writer_;
-  static int stopFd_;
+  static inline std::string root_;
+  static inline std::unique_ptr<ParcelTest::Child> writer_;
+  static inline std::unique_ptr<ParcelTest::Pipe> stop_;
 };
-
-std::string Cli::root_;
-pid_t Cli::writer_ = -1;
-int Cli::stopFd_ = -1;
 
 TEST_F(Cli, LsNamesTheTableItsTypeSizeAndLiveWriter) {
   Result const r = run({"ls"});
@@ -164,7 +144,7 @@ TEST_F(Cli, LsNamesTheTableItsTypeSizeAndLiveWriter) {
   EXPECT_EQ(type, "FlowTracking::HoIpFlowConfig");
   EXPECT_EQ(entries, std::to_string(kRows));
   EXPECT_EQ(max, "1000");
-  EXPECT_EQ(pid, std::to_string(writer_));
+  EXPECT_EQ(pid, std::to_string(writer_->pid()));
   EXPECT_EQ(alive, "yes");
 
   Result const j = run({"--json", "ls"});

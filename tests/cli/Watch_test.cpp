@@ -2,8 +2,6 @@
 // first sweep finds, then each change the writer makes afterwards, in the
 // writer's order and with rising sequences, then the summary. Both modes, in
 // JSON (the form a program reads); the text form prints the same records.
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +19,7 @@
 #include "Lomi/EventLoop.h"
 #include "Lomi/Trace.h"
 #include "Mem/RootPath.h"
+#include "Parcel/ProcessTestUtil.h"
 #include "cli/RunTool.h"
 
 namespace {
@@ -51,10 +50,11 @@ bool has(std::string const& line, std::string const& part) {
   return line.find(part) != std::string::npos;
 }
 
-// The writer: kFirst rows, then, on 'g', rows kFirst..kFirst+4 added, row 0
+// The writer: kFirst rows, then, on "go", rows kFirst..kFirst+4 added, row 0
 // changed, rows 1 and 2 removed; it runs its event loop throughout (it
 // answers the shadow's wake-up socket) and ends when its pipe closes.
-int writerProcess(std::string const& root, int ready, int go) {
+int writerProcess(std::string const& root, ParcelTest::Pipe& ready, ParcelTest::Pipe& go) {
+  go.closeWrite();
   Mem::RootPath::baseIs(root);
   Mirak::MapDescriptor d(1000);
   d.local = false;
@@ -62,14 +62,12 @@ int writerProcess(std::string const& root, int ready, int go) {
                                        FlowTracking::HoIpFlowConfigOps(0));
   if (!w.initialize("test")) return 3;
   for (int i = 0; i < kFirst; ++i) w.write(row(i), true);
-  if (::write(ready, "r", 1) != 1) return 4;
+  ready.send("ready");
   Lomi::EventLoop& loop = Mem::RootPath::eventLoop();
   for (;;) {
-    loop.runOnce(0);
-    pollfd p{go, POLLIN, 0};
-    if (::poll(&p, 1, 5) != 1) continue;
-    char c;
-    if (::read(go, &c, 1) != 1) return 0;  // the test is done
+    loop.runOnce(0.005);
+    if (!go.readable()) continue;
+    if (!go.receive()) return 0;  // the test is done
     for (int i = kFirst; i < kFirst + 5; ++i) w.write(row(i), true);
     w.write(row(0, 0.5), true);
     for (int i : {1, 2}) {
@@ -85,25 +83,9 @@ TEST_P(Watch, PrintsTheSweepThenEachChangeInOrderAndASummary) {
   bool const keyOnly = GetParam();
   char tmpl[] = "/tmp/flowtable-watch-XXXXXX";
   std::string const root = ::mkdtemp(tmpl);
-  int ready[2], go[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  ASSERT_EQ(::pipe(go), 0);
-  pid_t const writer = ::fork();
-  if (writer == 0) {
-    ::close(ready[0]);
-    ::close(go[1]);
-    int rc = 5;
-    try {
-      rc = writerProcess(root, ready[1], go[0]);
-    } catch (std::exception const& e) {
-      std::fprintf(stderr, "writer: %s\n", e.what());
-    }
-    ::_exit(rc);
-  }
-  ::close(ready[1]);
-  ::close(go[0]);
-  char c;
-  ASSERT_EQ(::read(ready[0], &c, 1), 1) << "the writer failed";
+  ParcelTest::Pipe ready, go;
+  ParcelTest::Child writer([&] { return writerProcess(root, ready, go); });
+  ASSERT_EQ(ready.receive().value_or("the writer failed"), "ready");
 
   // The tool runs beside the test, which tells the writer to go once the
   // sweep is printed.
@@ -117,13 +99,12 @@ TEST_P(Watch, PrintsTheSweepThenEachChangeInOrderAndASummary) {
     ::usleep(2000);
   }
   ASSERT_EQ(linesOf(out).size(), size_t(kFirst)) << "the sweep was not printed";
-  ASSERT_EQ(::write(go[1], "g", 1), 1);
+  ASSERT_TRUE(go.send("go"));
   int status = 0;
   ASSERT_EQ(::waitpid(tool, &status, 0), tool);
-  ::close(go[1]);
-  int writerStatus = 0;
-  ::waitpid(writer, &writerStatus, 0);
-  EXPECT_TRUE(WIFEXITED(writerStatus) && WEXITSTATUS(writerStatus) == 0) << writerStatus;
+  go.closeWrite();
+  std::optional<int> const writerStatus = writer.wait();
+  EXPECT_TRUE(writerStatus && WIFEXITED(*writerStatus) && WEXITSTATUS(*writerStatus) == 0);
   std::vector<std::string> const lines = linesOf(out);
   std::error_code ec;
   fs::remove_all(root, ec);

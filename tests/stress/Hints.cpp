@@ -54,7 +54,7 @@ uint64_t liveMarker(Parcel::KestorId k) {
 // workload until `lifeEnd`; then, unless it is the last, withdraws the promise
 // and dies with a direct write open, so that the next writer re-formats.
 int writerLife(Options const& o, uint32_t life, Clock::time_point lifeEnd, bool last,
-               RecordPipe const& up, RecordPipe const& down) {
+               Child::Pipe const& down, Child::Pipe const& up) {
   // A format draws the table's hash seed from rand().
   std::srand(static_cast<unsigned>(o.seed + life));
   auto w = makeSharedWriter<Record>(kTable, workloadDescriptor(o.ids + kPinned));
@@ -316,15 +316,14 @@ int runHints(Options const& o) {
       std::chrono::duration<double>(o.seconds / (o.restarts + 1)));
   WriterFigures wf;
   uint64_t reformats = 0;
-  pid_t writer = -1;
-  RecordPipe lastDown;
+  Child writer;
   for (uint32_t life = 0; life <= o.restarts && failures.empty(); life++) {
     bool const last = life == o.restarts;
-    RecordPipe up;
-    writer = forkChild(
-        [&] { return writerLife(o, life, start + lifetime * (life + 1), last, up, lastDown); });
+    writer.start([&](Child::Pipe const& down, Child::Pipe const& up) {
+      return writerLife(o, life, start + lifetime * (life + 1), last, down, up);
+    });
     WriterFigures f;
-    if (!up.receive(f, kDeadlineMs + static_cast<int>(o.seconds * 1000))) {
+    if (!writer.answers().receive(f, kDeadlineMs + static_cast<int>(o.seconds * 1000))) {
       failures.push_back(fmt::format("writer {} did not report", life));
       break;
     }
@@ -337,10 +336,10 @@ int runHints(Options const& o) {
     reformats += life > 0 && reformatted;
     wf.add(f);
     if (last) break;
-    int const status = reap(writer);
-    writer = -1;
-    if (!(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)) {
-      failures.push_back(fmt::format("writer {} ended with status {:#x}", life, status));
+    // Every writer but the last dies by its own SIGKILL inside a direct write.
+    std::string const end = writer.ended(kDeadlineMs);
+    if (end != fmt::format("signal {}", SIGKILL)) {
+      failures.push_back(fmt::format("writer {} ended: {}", life, end.empty() ? "exit 0" : end));
     }
   }
 
@@ -352,9 +351,7 @@ int runHints(Options const& o) {
     all.r.add(f.r);
     for (unsigned i = 0; i < kCounts; i++) all.n[i] += f.n[i];
   }
-  uint8_t const token = 1;
-  lastDown.send(token);
-  if (writer > 0) crashed += exitedWith(reap(writer), 0) ? 0 : 1;
+  if (writer.running()) crashed += writer.end(uint8_t(1), kDeadlineMs).empty() ? 0 : 1;
 
   // Every event must have happened, and met a held hint or anchor.
   std::string faults, events, zero;

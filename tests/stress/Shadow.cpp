@@ -353,11 +353,7 @@ struct WriterState {
   uint32_t kestor = 0;
   uint32_t capacity = 0;
   // The writer's counters of this life.
-  uint64_t slotGrows = 0;
-  uint64_t slotShrinks = 0;
-  uint64_t slotsMoved = 0;
-  uint64_t bucketGrows = 0;
-  uint64_t bucketShrinks = 0;
+  Mirak::Writer::Counters counters;
   bool started = false;
   bool adopted = false;
   char text[120] = {};
@@ -415,12 +411,7 @@ int writerProcess(Options const& o, uint64_t life, uint64_t seed, RecordPipe con
         st.pruned = w.tesselWriter().pruned();
         st.sequence = w.tesselWriter().sequence();
         st.capacity = w.capacity();
-        Mirak::Writer::Counters const c = w.writerCounters();
-        st.slotGrows = c.slotGrows;
-        st.slotShrinks = c.slotShrinks;
-        st.slotsMoved = c.slotsMoved;
-        st.bucketGrows = c.bucketGrows;
-        st.bucketShrinks = c.bucketShrinks;
+        st.counters = w.writerCounters();
         if (!answers.send(st)) return 3;
         while (!commands.readable()) loop().runOnce(0.005);
         if (!commands.receive(verb, kAnswerMs) || verb == 'x') return 0;
@@ -478,11 +469,7 @@ struct Figures {
   uint64_t reformats = 0;
   // Summed over writer lives, as of each life's last pause.
   uint64_t writerOps = 0;
-  uint64_t slotGrows = 0;
-  uint64_t compactions = 0;
-  uint64_t slotsMoved = 0;
-  uint64_t bucketGrows = 0;
-  uint64_t bucketShrinks = 0;
+  Mirak::Writer::Counters writer;
   uint64_t stops = 0;
   uint64_t overruns = 0;
   uint64_t overrunsRecovered = 0;
@@ -653,11 +640,7 @@ class Harness {
 
   void endOfLife() {
     fig_.writerOps += lifeState_.ops;
-    fig_.slotGrows += lifeState_.slotGrows;
-    fig_.compactions += lifeState_.slotShrinks;
-    fig_.slotsMoved += lifeState_.slotsMoved;
-    fig_.bucketGrows += lifeState_.bucketGrows;
-    fig_.bucketShrinks += lifeState_.bucketShrinks;
+    fig_.writer += lifeState_.counters;
     lifeState_ = WriterState();
   }
 
@@ -737,7 +720,8 @@ class Harness {
     fmt::print(
         "shadow: slot grows {}, compactions {} ({} slots moved), bucket grows {}, "
         "bucket shrinks {}\n",
-        fig_.slotGrows, fig_.compactions, fig_.slotsMoved, fig_.bucketGrows, fig_.bucketShrinks);
+        fig_.writer.slotGrows, fig_.writer.slotShrinks, fig_.writer.slotsMoved,
+        fig_.writer.bucketGrows, fig_.writer.bucketShrinks);
     fmt::print(
         "shadow: shadow stops {}, overruns {}, recovered by a sweep {}/{}, shadow kills {}\n",
         fig_.stops, fig_.overruns, fig_.overrunsRecovered, fig_.overruns, fig_.shadowKills);

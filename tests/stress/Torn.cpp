@@ -29,25 +29,24 @@ int runTorn(Options const& o) {
   fmt::print("torn: {} s, {} readers, ids {} high {} low {}, seed {}\n", o.seconds, o.readers,
              o.ids, o.high, o.low, o.seed);
   std::fflush(stdout);
-  RecordPipe writerUp, writerDown;
-  pid_t writer = forkChild([&]() -> int {
+  Child writer;
+  writer.start([&](Child::Pipe const& down, Child::Pipe const& up) -> int {
     auto w = makeSharedWriter<Record>(kTable, workloadDescriptor(o.ids + kPinned));
     uint64_t writes = 0;
     writePinned(*w, kPinned, writes);
     uint32_t token = 1;
-    writerUp.send(token);
-    if (!writerDown.receive(token)) return 2;
+    up.send(token);
+    if (!down.receive(token)) return 2;
     auto const end = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                          std::chrono::duration<double>(o.seconds));
-    WriterFigures const f = cycleLiveSet(*w, o, kPinned, o.seed, writes, end);
-    writerUp.send(f);
+    up.send(cycleLiveSet(*w, o, kPinned, o.seed, writes, end));
     // The files stay as the writer left them until the readers are done.
-    writerDown.receive(token);
+    down.receive(token);
     return 0;
   });
   uint32_t token = 0;
-  if (writer <= 0 || !writerUp.receive(token)) {
+  if (!writer.answers().receive(token)) {
     fmt::print("torn: FAIL the writer did not start\n");
     return 1;
   }
@@ -58,10 +57,10 @@ int runTorn(Options const& o) {
     return readUntil(kTable, o.ids, kPinned, o.seed + 1 + r, [&] { return stop.readable(); });
   });
   for (size_t i = 0; i < readers.size(); i++) readersReady.receive(token);
-  writerDown.send(token);
+  writer.commands().send(token);
   WriterFigures wf;
   bool const writerReported =
-      writerUp.receive(wf, kDeadlineMs + static_cast<int>(o.seconds * 1000));
+      writer.answers().receive(wf, kDeadlineMs + static_cast<int>(o.seconds * 1000));
   int crashed = 0;
   ReaderFigures all;
   std::vector<ReaderFigures> const reported = readers.stop(crashed);
@@ -69,8 +68,7 @@ int runTorn(Options const& o) {
     if (o.verbose) fmt::print("reader: {}\n", f.toString());
     all.add(f);
   }
-  writerDown.send(token);
-  crashed += exitedWith(reap(writer), 0) ? 0 : 1;
+  crashed += writer.end(token, kDeadlineMs).empty() ? 0 : 1;
 
   fmt::print("torn: writer {}\n", wf.toString());
   fmt::print("torn: readers {}\n", all.toString());
