@@ -1,7 +1,9 @@
-// The policy parts of a table: hashing, key retrieval, the value wrapper;
-// and the plain records beside them (descriptor, counters, iteration hint).
+// The policy parts of a table: hashing, key retrieval, the value wrapper,
+// value copies; and the plain records beside them (descriptor, counters,
+// iteration hint).
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <set>
 #include <vector>
@@ -46,6 +48,12 @@ TEST(MirakHash, IsTheKeysOwnHashUnderTheSeed) {
   }
   EXPECT_NE((Mirak::Hash<ByteKey, false>::hash(ByteKey::low, 1)),
             (Mirak::Hash<ByteKey, false>::hash(ByteKey::high, 1)));
+  // The policy hashes under its own seed, which a table may change.
+  TestOps ops(1234);
+  TestKey const k{9, 3};
+  EXPECT_EQ(ops.hash(k), k.hash(1234));
+  ops.hashSeedIs(99);
+  EXPECT_EQ(ops.hash(k), k.hash(99));
 }
 
 TEST(MirakOps, KeyComesOutOfTheWrappedValueByReference) {
@@ -65,6 +73,23 @@ TEST(MirakOps, KeyComesOutOfTheWrappedValueByReference) {
   FieldKeyValue f(FieldKeyRecord{12, 34});
   EXPECT_EQ(f.fwkKey(), 12u);
   static_assert(std::is_same_v<decltype(f.fwkKey()), uint32_t const&>);
+}
+
+TEST(MirakValueOps, MarshallCopiesBytesAndNothingElse) {
+  TestRecord r;
+  r.key_ = {0xaabbccdd, 0x1122};
+  r.count = 0x0102030405060708ull;
+  r.flags = 0xfeedface;
+  TestValue v(r);
+  alignas(8) unsigned char slot[sizeof(TestValue) + 8];
+  std::memset(slot, 0x5a, sizeof slot);
+  TestOps::ValueOps::store(slot, v);
+  EXPECT_EQ(std::memcmp(slot, &v, sizeof v), 0);
+  for (size_t i = sizeof v; i < sizeof slot; ++i) EXPECT_EQ(slot[i], 0x5a) << "byte " << i;
+  TestValue out;
+  TestOps::ValueOps::load(out, slot);
+  EXPECT_EQ(out, v);
+  EXPECT_EQ(TestOps::valueSize, sizeof(TestRecord));
 }
 
 TEST(MirakText, FormatterThenStreamThenBytes) {
