@@ -1,7 +1,8 @@
 // The reader on real files (its agreement with the writer's model over the
-// seven tables is in TableValidator_test): resizes are followed, damage that
-// no resize explains reaches the caller, attach follows the kestor file,
-// version anchors see every change of a slot, and the mapping is read-only.
+// seven tables is in TableValidator_test, its bulk lookup and damage that no
+// resize explains in ReaderBulk_test): resizes are followed, attach follows
+// the kestor file, version anchors see every change of a slot, and the
+// mapping is read-only.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,12 +40,21 @@ Value rowOf(uint32_t i, uint32_t v = 0) {
 
 // An empty table, and a table whose writer removed its files (the sentry
 // then detaches the reader): both answer absence, the detached reader with the
-// default value in the buffer, and a new reader cannot attach to the latter.
+// default value in the buffer, to single and bulk lookups, and a new reader
+// cannot attach to the latter. Writes are refused throughout.
 TEST(ReaderTest, EmptyAndRemovedTablesAnswerAbsence) {
   MirakTest::TempRoot root;
   auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
   auto reader = makeReader<Record>(kTable);
   ASSERT_TRUE(reader->initialize("test"));
+  EXPECT_EQ(reader->type(), Mirak::MirakType::reader);
+  EXPECT_EQ(reader->mountStatus(), Mem::mountStatusMounted);
+  Value removed;
+  EXPECT_EQ(LomiTest::thrown<Lomi::NoPermissionException>([&] { reader->write(rowOf(1), true); }),
+            "write to read-only Mirak table");
+  EXPECT_EQ(LomiTest::thrown<Lomi::NoPermissionException>(
+                [&] { reader->remove(rowOf(1).fwkKey(), removed); }),
+            "remove to read-only Mirak table");
   Value v = rowOf(5);
   Mirak::IterHint hint;
   EXPECT_FALSE(reader->first(v, hint));
@@ -69,22 +79,13 @@ TEST(ReaderTest, EmptyAndRemovedTablesAnswerAbsence) {
   EXPECT_TRUE(buffer == Value());
   EXPECT_FALSE(reader->first(v, hint));
   EXPECT_EQ(reader->capacity(), 0u);
+  HoIpFlowKey const keys[2] = {rowOf(1).fwkKey(), rowOf(2).fwkKey()};
+  Value values[2] = {rowOf(9), rowOf(9)};
+  bool hits[2] = {true, true};
+  EXPECT_EQ(reader->lookupBulk(keys, 2, values, hits), 0u);
+  EXPECT_FALSE(hits[0] || hits[1]);
+  EXPECT_TRUE(values[0] == Value() && values[1] == Value());
   EXPECT_FALSE(makeReader<Record>(kTable)->initialize("after cleanup"));
-}
-
-TEST(ReaderTest, RefusesWrites) {
-  MirakTest::TempRoot root;
-  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(100));
-  auto reader = makeReader<Record>(kTable);
-  ASSERT_TRUE(reader->initialize("test"));
-  Value removed;
-  EXPECT_EQ(LomiTest::thrown<Lomi::NoPermissionException>([&] { reader->write(rowOf(1), true); }),
-            "write to read-only Mirak table");
-  EXPECT_EQ(LomiTest::thrown<Lomi::NoPermissionException>(
-                [&] { reader->remove(rowOf(1).fwkKey(), removed); }),
-            "remove to read-only Mirak table");
-  EXPECT_EQ(reader->type(), Mirak::MirakType::reader);
-  EXPECT_EQ(reader->mountStatus(), Mem::mountStatusMounted);
 }
 
 // The writer grows slots and buckets between two reads: the reader follows
@@ -122,28 +123,6 @@ TEST(ReaderTest, FollowsGrowthBetweenReads) {
     reader->lookup(rowOf(i).fwkKey(), found, nullptr);
     EXPECT_TRUE(found) << i;
   }
-}
-
-// Damage to a chain that no resize explains is the table's: the exception
-// reaches the caller, counted once.
-TEST(ReaderTest, DamageWithoutAResizeReachesTheCaller) {
-  MirakTest::TempRoot root;
-  auto writer = makeSharedWriter<Record>(kTable, sharedDescriptor(1000));
-  for (uint32_t i = 0; i < 20; i++) writer->write(rowOf(i), true);
-  auto reader = makeReader<Record>(kTable);
-  ASSERT_TRUE(reader->initialize("test"));
-  bool found = false;
-  reader->lookup(rowOf(3).fwkKey(), found, nullptr);
-  ASSERT_TRUE(found);
-  uint32_t const offset = reader->getCacheVersionAnchor().offset;
-  // Clear OCCUPIED of key 3's slot through the writer's mapping, leaving the
-  // slot linked: a chain that leads to a free slot.
-  auto* word = reinterpret_cast<uint32_t*>(writer->slotTable().base() + offset);
-  *word &= ~Mirak::SlotTable::OCCUPIED;
-  std::string const msg = LomiTest::thrown<Lomi::CorruptionDetectedException>(
-      [&] { reader->lookup(rowOf(3).fwkKey(), found, nullptr); });
-  EXPECT_NE(msg.find("not marked as occupied key:"), std::string::npos) << msg;
-  EXPECT_EQ(reader->readerCounters().corruptionsDetected, 1u);
 }
 
 // ---------------------------------------------------------------------------

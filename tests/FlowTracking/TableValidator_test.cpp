@@ -191,10 +191,14 @@ TYPED_TEST(TableValidatorTest, ASoundTableAfterARandomWorkload) {
   EXPECT_EQ(seen.size(), model.size());
 
   Parcel::KestorId const kestor = w->kestorId();
+  uint32_t const hashSeed = w->ops().hashSeed();
+  w->scratchpadIs(0xfeedface12345678ull);
   w.reset();
   w = makeSharedWriter<Record>(kName, sharedDescriptor(4096, true));
   ASSERT_EQ(w->kestorId(), kestor);
   ASSERT_EQ(w->members(), model.size()) << "the files were adopted";
+  EXPECT_EQ(w->ops().hashSeed(), hashSeed);
+  EXPECT_EQ(w->scratchpad(), 0xfeedface12345678ull) << "the agent's word is adopted too";
   EXPECT_EQ(validateError(*w), "passed");
 }
 

@@ -1,10 +1,10 @@
 // A writer's start, restart and crash behaviour, with real processes on real
-// files: adopting after a clean exit and after SIGKILL outside a critical
-// section, salvaging after a kill with a stuck LOOKASIDE bit, a table of
+// files: salvaging after a kill with a stuck LOOKASIDE bit, a table of
 // damaged files each salvaged or re-formatted for its own reason (the kill
 // points inside each operation are Salvage_test.cpp's), a second writer refused
 // while the owner lives, cleanup with a damaged owner file, and the stale
-// corruption marker.
+// corruption marker. (Adoption after a clean exit: TableValidator_test's
+// restart; after a kill outside a critical section: the harness's crash mode.)
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -121,36 +121,6 @@ TableFacts runChildWriter(bool waitForKill, std::function<void(Writer&)> last = 
   }
   return f;
 }
-
-// ---------------------------------------------------------------------------
-// Adoption.
-
-class AdoptionTest : public ::testing::TestWithParam<bool> {};
-
-TEST_P(AdoptionTest, ANewWriterKeepsEverything) {
-  MirakTest::TempRoot root;
-  bool const killed = GetParam();
-  TableFacts const before = runChildWriter(killed);
-  ASSERT_EQ(before.members, 500u);
-  TraceCapture trace;
-  auto w = startWriter();
-  EXPECT_EQ(w->kestorId().value(), before.kestor) << trace.all();
-  EXPECT_EQ(w->ops().hashSeed(), before.hashSeed);
-  EXPECT_EQ(w->slotTable().header()->mostSlots, before.mostSlots);
-  EXPECT_EQ(w->scratchpad(), before.scratchpad);
-  EXPECT_EQ(w->members(), before.members);
-  expectWorkload(*w);
-  EXPECT_FALSE(trace.contains("will be lost")) << trace.all();
-  EXPECT_TRUE(w->validate());
-  // And it goes on working: the adopted table takes writes.
-  w->write(row<HoIpFlowConfig>(100, 3), true);
-  bool found;
-  w->lookup(row<HoIpFlowConfig>(100).key(), found, nullptr);
-  EXPECT_TRUE(found);
-}
-
-INSTANTIATE_TEST_SUITE_P(CleanExitAndSigkill, AdoptionTest, ::testing::Values(false, true),
-                         [](auto const& info) { return info.param ? "Sigkill" : "CleanExit"; });
 
 // ---------------------------------------------------------------------------
 // Crashes that leave the table half-changed.

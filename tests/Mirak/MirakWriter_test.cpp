@@ -1,6 +1,7 @@
-// The writer's data operations: a model-based run against std::map, the
-// growth rules of the slot file, table-full and critical-section behaviour,
-// the direct mode, and the assertions that protect a table from misuse.
+// The writer's data operations: model-based runs against std::map (one with
+// slot compaction), the growth rules of the slot file, table-full and
+// critical-section behaviour, the direct mode, and the assertions that
+// protect a table from misuse.
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -12,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -60,6 +62,7 @@ struct ModelCase {
   bool local;
   bool shrinkBuckets;
   uint32_t keySpace;
+  bool shrinkSlots = false;
 };
 
 class WriterModelTest : public ::testing::TestWithParam<ModelCase> {};
@@ -69,12 +72,14 @@ TEST_P(WriterModelTest, AgreesWithAMapAndKeepsItsInvariants) {
   ModelCase const c = GetParam();
   auto d = descriptor(64, c.local);
   d.shrinkBuckets_ = c.shrinkBuckets;
+  d.shrinkSlots = c.shrinkSlots;
   auto w = makeWriter(d);
   uint32_t const seed = 20261121;
   SCOPED_TRACE(::testing::Message() << "seed " << seed);
   std::mt19937 rng(seed);
   std::map<TestKey, TestValue> model;
   uint32_t bucketHigh = 0;
+  uint64_t shrinks = 0;
   for (int op = 0; op < 100000; op++) {
     uint32_t const id = rng() % c.keySpace;
     uint16_t const zone = static_cast<uint16_t>(rng() % 3);
@@ -99,7 +104,17 @@ TEST_P(WriterModelTest, AgreesWithAMapAndKeepsItsInvariants) {
     }
     bucketHigh = std::max(bucketHigh, w->buckets());
     ASSERT_EQ(w->members(), model.size());
+    if (w->writerCounters().slotShrinks == shrinks) continue;
+    // After a slot shrink: at most half full, every entry where the map
+    // says, and a sound table.
+    shrinks = w->writerCounters().slotShrinks;
+    EXPECT_LE(2 * w->members(), w->capacity());
+    EXPECT_GE(w->capacity(), w->minSize());
+    for (TestValue const& v : walk(*w)) ASSERT_EQ(model.at(v.key()), v);
+    std::string error;
+    ASSERT_TRUE(w->validate(w->kestorId(), error, false)) << "op " << op << ": " << error;
   }
+  EXPECT_EQ(shrinks > 0, c.shrinkSlots) << "slot shrinks: " << shrinks;
   EXPECT_GT(bucketHigh, 64u) << "the run never grew the buckets";
   if (c.shrinkBuckets) {
     EXPECT_LT(w->buckets(), bucketHigh) << "the run never shrank the buckets";
@@ -153,7 +168,8 @@ TEST_P(WriterModelTest, AgreesWithAMapAndKeepsItsInvariants) {
 INSTANTIATE_TEST_SUITE_P(Tables, WriterModelTest,
                          ::testing::Values(ModelCase{true, false, 3000},
                                            ModelCase{true, true, 3000},
-                                           ModelCase{false, true, 5000}));
+                                           ModelCase{false, true, 5000},
+                                           ModelCase{true, true, 5000, true}));
 
 // ---------------------------------------------------------------------------
 // Growth of the slot file.

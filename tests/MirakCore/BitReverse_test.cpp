@@ -1,10 +1,8 @@
-// The bit-reversed bucket walk: fixed cases, the one-bucket limit, and whole
-// walks checked against a bit-by-bit reference for every small width.
+// The bit-reversed bucket walk: the limits of its width, and whole walks
+// checked against a bit-by-bit reference for every width up to 16.
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <random>
 #include <vector>
 
 #include "MirakCore/BitReverse.h"
@@ -23,14 +21,6 @@ uint32_t reference(uint32_t index, uint32_t bits) {
   };
   uint64_t const mask = (uint64_t{1} << bits) - 1;
   return static_cast<uint32_t>(rev((rev(index & mask) + 1) & mask));
-}
-
-TEST(BitReversePermute, ThreeBitSuccessorsAndWalk) {
-  uint32_t const successors[8] = {4, 5, 6, 7, 2, 3, 1, 0};
-  for (uint32_t i = 0; i < 8; ++i) EXPECT_EQ(bitReversePermute(i, 3), successors[i]) << i;
-  std::vector<uint32_t> walk{0};
-  for (uint32_t b = bitReversePermute(0, 3); b != 0; b = bitReversePermute(b, 3)) walk.push_back(b);
-  EXPECT_EQ(walk, (std::vector<uint32_t>{0, 4, 2, 6, 1, 5, 3, 7}));
 }
 
 TEST(BitReversePermute, NoSuccessorOutsideOneTo31Bits) {
@@ -95,17 +85,5 @@ TEST_P(BitReverseWidth, WalkIsAPermutationInSplitOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SmallWidths, BitReverseWidth, ::testing::Range(1u, 17u));
-
-TEST(BitReversePermute, RandomWideIndicesMatchReference) {
-  uint32_t const seed = 20240611;
-  std::printf("BitReversePermute seed %u\n", seed);
-  std::mt19937 rng(seed);
-  for (int i = 0; i < 20000; ++i) {
-    uint32_t const bits = 17 + rng() % 15;  // 17..31
-    uint32_t const index = rng() & ((1u << bits) - 1);
-    ASSERT_EQ(bitReversePermute(index, bits), reference(index, bits))
-        << "seed " << seed << " index " << index << " bits " << bits;
-  }
-}
 
 }  // namespace
