@@ -29,7 +29,8 @@
 // SALVAGE (an adoption refused while the slot file was kept, salvage on):
 //   1. before anything is formatted, every slot of the old mapping is read,
 //      bounded by the mapped size (no count of the header is trusted), and
-//      each complete record is copied into private memory (one allocation):
+//      each complete record is written straight into the side file's mapped
+//      temporary (private memory if none can be made):
 //        - OCCUPIED clear: a free slot, or an insert in flight (LOOKASIDE up):
 //          not taken;
 //        - OCCUPIED and LOOKASIDE: an overwrite in flight whose whole new
@@ -39,14 +40,16 @@
 //        - the stored rhash must be the reversed hash of the record's key
 //          under the old seed.
 //      Readers are not disturbed: nothing is stored into the files.
-//   2. the records go whole to the side file "salvage" (SalvageFile.h gives
-//      the store order that makes a salvage crash-safe, and what a start that
-//      finds the file does with it: a killed salvage is taken up from it).
+//   2. the temporary is sealed and renamed to the side file "salvage"
+//      (SalvageFile.h gives the store order that makes a salvage crash-safe,
+//      and what a start that finds the file does with it: a killed salvage is
+//      taken up from it); the build reads the records from its mapping.
 //   3. the re-format below, unchanged: new kestor, new seed, files formatted
 //      in place with the kestor and size version published first, so readers
 //      of the old generation answer as detached, re-attach and resweep.
 //   4. the records are built into the new generation in bulk (carrySalvage:
-//      sized once, slots in walk order, chains linked in one pass), without
+//      sized once, slots in walk order, chains linked in one pass, the bucket
+//      heads of a large table on a second thread meanwhile), without
 //      queue notifications: readers and shadows re-read the new generation
 //      whole. A second copy of a key (a slot move stopped between its copy
 //      and its retire) is dropped, so the copy in the lower slot, the move's
@@ -77,6 +80,8 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <system_error>
+#include <thread>
 
 #include "Mem/CloneControl.h"
 #include "Mirak/MirakWriter.h"
@@ -90,6 +95,9 @@
 namespace Mirak {
 
 namespace Impl {
+// Below this many buckets the heads are linked without a second thread: the
+// thread would cost more than it saves.
+inline constexpr uint32_t kThreadedHeads = 1u << 16;
 // The high half of the kestor ids a process makes: two tables of one process
 // get different ids.
 inline std::atomic<uint16_t> kestorCounter{0};
@@ -345,25 +353,48 @@ bool MirakWriter<OpsT>::collectSalvage() {
   }
   // Salvage step 1. Bounded by what is mapped, whatever numSlots says.
   uint64_t const mapped = slots_.wrapper().fileSize();
-  uint64_t const room = mapped > Slots::Geometry::headerSize
+  uint64_t const fits = mapped > Slots::Geometry::headerSize
                             ? (mapped - Slots::Geometry::headerSize) / Slots::Geometry::slotSize
                             : 0;
-  uint64_t const n = std::min<uint64_t>(room, Mem::loadAcquire(h->numSlots).value);
+  uint64_t const n = std::min<uint64_t>(fits, Mem::loadAcquire(h->numSlots).value);
   auto const* const slots =
       reinterpret_cast<SlotT const*>(slots_.base() + Slots::Geometry::headerSize);
   auto const* const lookaside = reinterpret_cast<SlotT const*>(h->lookaside());
-  // A first pass over the words only, so the copies take one allocation.
-  uint64_t occupied = 0;
-  for (uint64_t i = 0; i < n; i++) {
-    occupied += (Mem::loadAcquire(slots[i].versionFlags) & SlotTable::OCCUPIED) != 0;
+  // Salvage steps 1-2 of the store order of SalvageFile.h: the records go
+  // straight into the side file's mapped temporary, sized for every slot
+  // read (sparse: only what is stored takes memory), so they are written
+  // once. A temporary that cannot be made sends them to private memory,
+  // counted first so that they take one allocation.
+  std::string error;
+  uint64_t room = 0;
+  if (!localMem_) {
+    SalvageTemp temp;
+    if (temp.create(rootPath_.path(), SalvageImage<Value>::byteSize(n), error)) {
+      salvageImage_.reset(std::move(temp), static_cast<uint32_t>(n), typeName_);
+      room = n;
+    } else {
+      // The salvage goes on from private memory: a crash before its end then
+      // loses the records, as it would without the salvage.
+      FMTRACE(handler_, 0, "MirakWriter", "no side file for the salvage of {}: {}", rootPath_,
+              error);
+      startOutcome_.reason += "; no side file: " + error;
+    }
   }
-  try {
-    salvageImage_.reset(static_cast<uint32_t>(occupied), typeName_);
-  } catch (std::bad_alloc const&) {
-    startOutcome_.reason += "; no memory to salvage";
-    return false;
+  if (salvageImage_.empty()) {
+    for (uint64_t i = 0; i < n; i++) {
+      room += (Mem::loadAcquire(slots[i].versionFlags) & SlotTable::OCCUPIED) != 0;
+    }
+    try {
+      salvageImage_.reset(static_cast<uint32_t>(room), typeName_);
+    } catch (std::bad_alloc const&) {
+      startOutcome_.reason += "; no memory to salvage";
+      return false;
+    }
   }
   for (uint64_t i = 0; i < n; i++) {
+    if constexpr (kStepHook) {
+      if (i == n / 2) step(MirakCore::WriteStep::salvageCollecting);
+    }
     SlotT const& s = slots[i];
     uint32_t const word = Mem::loadAcquire(s.versionFlags);
     if (!(word & SlotTable::OCCUPIED)) {
@@ -386,15 +417,15 @@ bool MirakWriter<OpsT>::collectSalvage() {
       startOutcome_.badHash++;
       continue;
     }
-    if (salvageImage_.count() == occupied) break;  // never beyond the first pass's count
+    if (salvageImage_.count() == room) break;  // never beyond the room made
     salvageImage_.push(static_cast<uint32_t>(i), *v);
   }
   startOutcome_.kind = StartOutcome::Kind::salvaged;
   FMTRACE(handler_, 1, "MirakWriter", "salvaging {} records of {} slots from {}",
           salvageImage_.count(), n, rootPath_);
   if (localMem_) return true;
-  // Salvage step 2 (store order of SalvageFile.h): the records go to the side
-  // file, whole, before anything is formatted.
+  // Salvage step 2 (store order step 2): sealed, cut to its records and
+  // renamed, the side file is in place whole before anything is formatted.
   SalvageHeader& sh = salvageImage_.header();
   sh.sourceKestor = kestorId_.value();
   sh.slotsRead = static_cast<uint32_t>(n);
@@ -402,13 +433,16 @@ bool MirakWriter<OpsT>::collectSalvage() {
   sh.torn = startOutcome_.torn;
   sh.badHash = startOutcome_.badHash;
   sh.targetKestor = kestorId_.reformatted().value();
-  std::string error;
-  salvageFile_ = writeSalvageFile(rootPath_.path(), salvageImage_.seal(), error);
-  if (!salvageFile_) {
-    // The salvage goes on from private memory: a crash before its end then
-    // loses the records, as it would without the salvage.
-    FMTRACE(handler_, 0, "MirakWriter", "no side file for the salvage of {}: {}", rootPath_, error);
-    startOutcome_.reason += "; no side file: " + error;
+  std::string_view const sealed = salvageImage_.seal();
+  if (salvageImage_.mapped()) {
+    salvageFile_ = salvageImage_.temp().publish(sealed.size(), error);
+    if (!salvageFile_) {
+      // The records stay mapped (the temporary is gone): the salvage goes
+      // on without a side file, as above.
+      FMTRACE(handler_, 0, "MirakWriter", "no side file for the salvage of {}: {}", rootPath_,
+              error);
+      startOutcome_.reason += "; no side file: " + error;
+    }
   }
   step(MirakCore::WriteStep::salvageCollected);
   return true;
@@ -434,10 +468,12 @@ bool MirakWriter<OpsT>::resumeSalvage() {
   if (state == SalvageFileState::refused) {
     FMTRACE(handler_, 0, "MirakWriter", "ignoring the salvage side file of {}: {}", rootPath_,
             error);
+    startOutcome_.sideFileRefused = error;
   } else {
     if (!image.adopt(std::move(bytes), length, typeName_, error)) {
       FMTRACE(handler_, 0, "MirakWriter", "ignoring a damaged salvage side file of {}: {}",
               rootPath_, error);
+      startOutcome_.sideFileRefused = "damaged: " + error;
     } else if (Parcel::KestorId(image.header().targetKestor) == kestorId_) {
       // Its carry ended and the kestor file names the new generation: stale.
       FMTRACE(handler_, 1, "MirakWriter", "removing the stale salvage side file of {}", rootPath_);
@@ -515,7 +551,8 @@ template <TablePolicy OpsT>
 void MirakWriter<OpsT>::carrySalvage() {
   uint32_t const count = salvageImage_.count();
   // Build step 1: (rhash << 32 | record) sorted by a stable LSD radix sort on
-  // the rhash; records are in old slot order, so ties stay in it.
+  // the rhash, three passes of 11 bits (8-byte pairs move, never the
+  // records); records are in old slot order, so ties stay in it.
   std::vector<uint64_t> order(count);
   for (uint32_t i = 0; i < count; i++) {
     uint32_t const hash = ops_.hash(Ops::key(salvageImage_.value(i)));
@@ -523,11 +560,13 @@ void MirakWriter<OpsT>::carrySalvage() {
   }
   {
     std::vector<uint64_t> spare(count);
-    for (uint32_t shift = 32; shift < 64; shift += 8) {
-      uint32_t counts[257] = {};
-      for (uint64_t x : order) counts[((x >> shift) & 0xff) + 1]++;
-      for (uint32_t d = 0; d < 256; d++) counts[d + 1] += counts[d];
-      for (uint64_t x : order) spare[counts[(x >> shift) & 0xff]++] = x;
+    constexpr uint32_t kDigit = 11, kRadix = 1u << kDigit;
+    std::vector<uint32_t> counts(kRadix + 1);
+    for (uint32_t shift = 32; shift < 64; shift += kDigit) {
+      std::fill(counts.begin(), counts.end(), 0u);
+      for (uint64_t x : order) counts[((x >> shift) & (kRadix - 1)) + 1]++;
+      for (uint32_t d = 0; d < kRadix; d++) counts[d + 1] += counts[d];
+      for (uint64_t x : order) spare[counts[(x >> shift) & (kRadix - 1)]++] = x;
       order.swap(spare);
     }
   }
@@ -589,8 +628,40 @@ void MirakWriter<OpsT>::carrySalvage() {
   auto const bucketAt = [&](uint32_t j) {
     return Lomi::Util::reverse(static_cast<uint32_t>(order[j] >> 32)) & mask;
   };
-  SlotT* const slots = slots_.slots().base;
+  // Build step 4, in walk order: position p is bucket reverse(p) in `bits`.
+  // The heads are met in a bit-reversed order, one cache miss each: the
+  // head kAhead positions on is fetched while this one is stored.
   constexpr uint32_t kAhead = 8;
+  auto const linkHeads = [&] {
+    auto const bucketOfPosition = [bits](uint32_t p) {
+      return bits ? Lomi::Util::reverse(p) >> (32 - bits) : 0;
+    };
+    uint32_t j = 0;
+    for (uint32_t p = 0; p < numBuckets; p++) {
+      uint32_t const bucket = bucketOfPosition(p);
+      if (p + kAhead < numBuckets) __builtin_prefetch(&buckets[bucketOfPosition(p + kAhead)], 1);
+      Link& head = buckets[bucket];
+      uint32_t next = successor(bucket);
+      if (j < kept && bucketAt(j) == bucket) {
+        next = j;
+        while (j < kept && bucketAt(j) == bucket) j++;
+      }
+      Mem::storeRelease(head, Link{head.version + Link::kVersionStep, next});
+    }
+  };
+  // Steps 3 and 4 store into different files and read only `order`: a large
+  // build links the heads on a second thread meanwhile. It is joined before
+  // anything is published (the bucket count below) and never outlives this
+  // call, so no fork can copy it; if it cannot be started the heads are
+  // linked here after the slots.
+  std::thread heads;
+  if (numBuckets >= Impl::kThreadedHeads) {
+    try {
+      heads = std::thread(linkHeads);
+    } catch (std::system_error const&) {
+    }
+  }
+  SlotT* const slots = slots_.slots().base;
   for (uint32_t j = 0; j < kept; j++) {
     if (j + kAhead < kept) {
       __builtin_prefetch(&salvageImage_.value(static_cast<uint32_t>(order[j + kAhead])));
@@ -609,17 +680,10 @@ void MirakWriter<OpsT>::carrySalvage() {
                 sizeof(Value));
     Mem::storeRelease(s.versionFlags, (word + 4) | SlotTable::OCCUPIED);
   }
-  // Build step 4, in walk order: position p is bucket reverse(p) in `bits`.
-  uint32_t j = 0;
-  for (uint32_t p = 0; p < numBuckets; p++) {
-    uint32_t const bucket = bits ? Lomi::Util::reverse(p) >> (32 - bits) : 0;
-    Link& head = buckets[bucket];
-    uint32_t next = successor(bucket);
-    if (j < kept && bucketAt(j) == bucket) {
-      next = j;
-      while (j < kept && bucketAt(j) == bucket) j++;
-    }
-    Mem::storeRelease(head, Link{head.version + Link::kVersionStep, next});
+  if (heads.joinable()) {
+    heads.join();
+  } else {
+    linkHeads();
   }
   auto& countPair = buckets.header()->numBuckets;
   if (countPair.value != numBuckets) {

@@ -3,10 +3,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <random>
+#include <utility>
 
 #include "Mem/Error.h"
 #include "Mem/Fd.h"
@@ -95,9 +98,98 @@ SalvageFileState readSalvageFile(std::string const& dir, std::vector<uint64_t>& 
   return SalvageFileState::read;
 }
 
-bool writeSalvageFile(std::string const& dir, std::string_view bytes, std::string& error) {
-  // Only the writer reads it.
-  return Mem::replaceSharedFile(sidePath(dir), bytes, 0600, error);
+SalvageTemp& SalvageTemp::operator=(SalvageTemp&& o) noexcept {
+  if (this != &o) {
+    reset();
+    std::swap(dir_, o.dir_);
+    std::swap(fd_, o.fd_);
+    std::swap(data_, o.data_);
+    std::swap(size_, o.size_);
+    std::swap(name_, o.name_);
+  }
+  return *this;
+}
+
+void SalvageTemp::reset() {
+  if (data_) ::munmap(data_, size_);
+  if (fd_ >= 0) ::close(fd_);
+  if (dir_ >= 0) {
+    if (!name_.empty()) ::unlinkat(dir_, name_.c_str(), 0);
+    ::close(dir_);
+  }
+  dir_ = -1;
+  fd_ = -1;
+  data_ = nullptr;
+  size_ = 0;
+  name_.clear();
+}
+
+bool SalvageTemp::create(std::string const& dir, uint64_t bytes, std::string& error) {
+  reset();
+  Mem::Fd d(Mem::openSharedDirectory(dir, 0, error));
+  if (d.get() < 0) return false;
+  // An unpredictable name made with O_EXCL, as Mem::replaceSharedFile makes
+  // them (removeSalvageFiles finds it by its prefix): nothing planted is
+  // ever opened. Only the writer reads it: 0600.
+  static thread_local std::mt19937_64 rng{std::random_device{}()};
+  std::string name;
+  int fd = -1;
+  for (int attempt = 0; attempt < 16 && fd < 0; attempt++) {
+    name = fmt::format(".{}.tmp-{:016x}", SALVAGE_FILENAME, rng());
+    fd = ::openat(d.get(), name.c_str(),
+                  O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd < 0 && errno != EEXIST) break;
+  }
+  if (fd < 0) {
+    error = Mem::posixError("create the salvage temporary in " + dir, errno);
+    return false;
+  }
+  Mem::Fd file(fd);
+  auto fail = [&](char const* what) {
+    error = Mem::posixError(fmt::format("{} the salvage temporary in {}", what, dir), errno);
+    ::unlinkat(d.get(), name.c_str(), 0);
+    return false;
+  };
+  // Sparse: memory is taken only where records are stored.
+  if (::ftruncate(file.get(), static_cast<off_t>(bytes)) != 0) return fail("size");
+  void* const p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  if (p == MAP_FAILED) return fail("map");
+  dir_ = d.release();
+  fd_ = file.release();
+  data_ = static_cast<char*>(p);
+  size_ = bytes;
+  name_ = std::move(name);
+  return true;
+}
+
+void SalvageTemp::populate(uint64_t from, uint64_t to) const {
+#ifndef MADV_POPULATE_WRITE
+  constexpr int MADV_POPULATE_WRITE = 23;  // Linux 5.14
+#endif
+  uint64_t constexpr kPage = 4096;
+  from &= ~(kPage - 1);
+  if (!data_ || from >= to) return;
+  (void)::madvise(data_ + from, to - from, MADV_POPULATE_WRITE);
+}
+
+bool SalvageTemp::publish(uint64_t length, std::string& error) {
+  auto fail = [&](char const* what) {
+    error = Mem::posixError(fmt::format("{} the salvage temporary {}", what, name_), errno);
+    ::unlinkat(dir_, name_.c_str(), 0);
+    name_.clear();
+    return false;
+  };
+  // The pages past `length` go with the cut: the mapping shrinks first, so
+  // nothing can touch them after.
+  uint64_t const kept = (length + 4095) & ~uint64_t(4095);
+  if (kept < size_) {
+    ::munmap(data_ + kept, size_ - kept);
+    size_ = kept;
+  }
+  if (::ftruncate(fd_, static_cast<off_t>(length)) != 0) return fail("cut");
+  if (::renameat(dir_, name_.c_str(), dir_, SALVAGE_FILENAME) != 0) return fail("rename");
+  name_.clear();
+  return true;
 }
 
 bool salvageTargetIs(std::string const& dir, Parcel::KestorId target, std::string& error) {

@@ -11,11 +11,14 @@
 // is in place.
 //
 // Store order of a salvaging start (MirakWriter::attach):
-//   1. the records are read from the refused slot file into private memory;
-//   2. the side file is written whole under an unpredictable temporary name
-//      (O_EXCL) and renamed to "salvage": it is there complete or not at all;
-//      it names the kestor file's generation it was read under (source) and
-//      the generation the records go to (target);
+//   1. a temporary under an unpredictable name (O_EXCL) is made beside
+//      "salvage", sized for every slot of the refused file (sparse) and
+//      mapped; the records are read from the refused slot file straight into
+//      it, so they are written once;
+//   2. its header is sealed, the file cut to the records it holds and renamed
+//      to "salvage": it is there complete or not at all; it names the kestor
+//      file's generation it was read under (source) and the generation the
+//      records go to (target). The build reads the records from the mapping;
 //   3. the files are formatted under the target and the records built in;
 //   4. the kestor file is written with the target;
 //   5. the side file is removed.
@@ -30,7 +33,10 @@
 //     before it formats anything, so the half-built files are never adopted
 //     and every attach formats them again, and goes on from 3.
 // A kill at 1 or 2 leaves the refused files untouched (and perhaps a
-// temporary, removed by the next start): the next start collects again.
+// temporary, removed by the next start): the next start collects again. A
+// temporary that cannot be made (no room) does not stop the salvage: the
+// records go to private memory and are carried without a side file, so only
+// a crash before the carry ends loses them, as it would without a salvage.
 //
 // Trust. The file lies on shared ground: it is opened without following a
 // link, must be a regular file owned by this user that no group or other
@@ -40,11 +46,13 @@
 // or it is reported and ignored; it is never partly used.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -107,9 +115,39 @@ enum class SalvageFileState { absent, read, refused };
 // `refused` with the reason in `error` otherwise.
 SalvageFileState readSalvageFile(std::string const& dir, std::vector<uint64_t>& bytes,
                                  uint64_t& length, std::string& error);
-// Store order step 2: replaces `dir`/"salvage" with `bytes`, whole (O_EXCL
-// temporary, then rename). False with `error` set; nothing is left then.
-bool writeSalvageFile(std::string const& dir, std::string_view bytes, std::string& error);
+// Store order steps 1 and 2: the side file's temporary, mapped shared, into
+// which a salvage collects its records. Moves only; the destructor unmaps
+// and removes a temporary that was never published.
+class SalvageTemp {
+ public:
+  SalvageTemp() = default;
+  SalvageTemp(SalvageTemp&& o) noexcept { *this = std::move(o); }
+  SalvageTemp& operator=(SalvageTemp&& o) noexcept;
+  ~SalvageTemp() { reset(); }
+
+  // Makes `dir`/".salvage.tmp-<random>" (O_EXCL, 0600) of `bytes` bytes,
+  // sparse, and maps it. False with `error` set; nothing is left then.
+  bool create(std::string const& dir, uint64_t bytes, std::string& error);
+  // Backs [from, to) of the mapping with memory before the stores reach it:
+  // one call instead of a fault per page. A hint; a failure costs only time.
+  void populate(uint64_t from, uint64_t to) const;
+  // Store order step 2: cuts the file to its first `length` bytes (already
+  // sealed) and renames it to "salvage". The mapping of those bytes stays.
+  // False with `error` set; the temporary is removed then, the mapping kept.
+  bool publish(uint64_t length, std::string& error);
+  // Unmaps; removes the temporary if it was not published.
+  void reset();
+
+  char* data() const { return data_; }
+  uint64_t size() const { return size_; }
+
+ private:
+  int dir_ = -1;
+  int fd_ = -1;
+  char* data_ = nullptr;
+  uint64_t size_ = 0;
+  std::string name_;  // the temporary's, until published
+};
 // Raises the side file's target in place (rule above). False with `error`.
 bool salvageTargetIs(std::string const& dir, Parcel::KestorId target, std::string& error);
 // Store order step 5, and the end of a stale or refused file: removes the
@@ -117,35 +155,50 @@ bool salvageTargetIs(std::string const& dir, Parcel::KestorId target, std::strin
 // `error` if an entry could not be removed.
 bool removeSalvageFiles(std::string const& dir, std::string& error);
 
-// The records of one salvage in private memory, laid out as the side file:
-// the header, then `count` records.
+// The records of one salvage, laid out as the side file: the header, then
+// `count` records. They live in the mapped temporary of the side file
+// (collected there) or in private memory (a side file read back, or a
+// salvage that could not make its temporary).
 template <typename Value>
 class SalvageImage {
  public:
   using Record = SalvageRecord<Value>;
   static constexpr uint32_t kRecordSize = sizeof(Record);
 
-  // Room for `capacity` records, count 0; the header's fixed fields set.
-  // Throws std::bad_alloc.
+  // Room for `capacity` records in private memory, count 0; the header's
+  // fixed fields set. Throws std::bad_alloc.
   void reset(uint32_t capacity, std::string_view typeName) {
+    clear();
     words_.assign(wordsFor(capacity), 0);
-    capacity_ = capacity;
-    SalvageHeader& h = header();
-    std::memcpy(h.magic, SalvageHeader::kMagic, sizeof h.magic);
-    h.version = SalvageHeader::kVersion;
-    h.valueSize = sizeof(Value);
-    h.recordSize = kRecordSize;
-    h.typeHash = salvageChecksum(typeName.data(), typeName.size(), 0);
+    base_ = reinterpret_cast<char*>(words_.data());
+    start(capacity, typeName);
+  }
+  // The same in the mapped temporary `temp` (zero-filled, at least
+  // byteSize(capacity) bytes), which the image keeps.
+  void reset(SalvageTemp&& temp, uint32_t capacity, std::string_view typeName) {
+    clear();
+    temp_ = std::move(temp);
+    base_ = temp_.data();
+    start(capacity, typeName);
   }
   void clear() {
     words_ = std::vector<uint64_t>();
+    temp_.reset();
+    base_ = nullptr;
     capacity_ = 0;
   }
-  bool empty() const { return words_.empty(); }
+  bool empty() const { return base_ == nullptr; }
+  // The mapped temporary, if the records live in one.
+  SalvageTemp& temp() { return temp_; }
+  bool mapped() const { return temp_.data() != nullptr; }
 
   // Appends a record; the caller keeps within the capacity of reset.
   void push(uint32_t oldSlot, Value const& value) {
     SalvageHeader& h = header();
+    if (temp_.data() && h.count % kPopulateRecords == 0) {
+      uint64_t const from = byteSize(h.count);
+      temp_.populate(from, std::min(byteSize(uint64_t(h.count) + kPopulateRecords), temp_.size()));
+    }
     Record& r = records()[h.count++];
     r.oldSlot = oldSlot;
     std::memcpy(static_cast<void*>(&r.value), &value, sizeof(Value));
@@ -155,7 +208,7 @@ class SalvageImage {
   std::string_view seal() {
     SalvageHeader& h = header();
     h.headerCheck = salvageChecksum(&h, offsetof(SalvageHeader, headerCheck), 0);
-    return {reinterpret_cast<char const*>(words_.data()), byteSize(h.count)};
+    return {base_, byteSize(h.count)};
   }
 
   // Takes the bytes of a side file read from disk and validates them whole
@@ -163,7 +216,9 @@ class SalvageImage {
   // then.
   bool adopt(std::vector<uint64_t>&& words, uint64_t length, std::string_view typeName,
              std::string& error) {
+    clear();
     words_ = std::move(words);
+    base_ = reinterpret_cast<char*>(words_.data());
     if (!validate(length, typeName, error)) {
       clear();
       return false;
@@ -172,10 +227,8 @@ class SalvageImage {
     return true;
   }
 
-  SalvageHeader& header() { return *reinterpret_cast<SalvageHeader*>(words_.data()); }
-  SalvageHeader const& header() const {
-    return *reinterpret_cast<SalvageHeader const*>(words_.data());
-  }
+  SalvageHeader& header() { return *reinterpret_cast<SalvageHeader*>(base_); }
+  SalvageHeader const& header() const { return *reinterpret_cast<SalvageHeader const*>(base_); }
   uint32_t count() const { return empty() ? 0 : header().count; }
   Record const& record(uint32_t i) const { return records()[i]; }
   Value const& value(uint32_t i) const { return records()[i].value; }
@@ -183,13 +236,22 @@ class SalvageImage {
   static uint64_t byteSize(uint64_t count) { return sizeof(SalvageHeader) + count * kRecordSize; }
 
  private:
-  static size_t wordsFor(uint64_t count) { return (byteSize(count) + 7) / 8; }
-  Record* records() {
-    return reinterpret_cast<Record*>(reinterpret_cast<char*>(words_.data()) + sizeof(SalvageHeader));
+  // Records populated ahead of the collection in one call: 2 MiB or so.
+  static constexpr uint32_t kPopulateRecords = (2u << 20) / kRecordSize;
+
+  void start(uint32_t capacity, std::string_view typeName) {
+    capacity_ = capacity;
+    SalvageHeader& h = header();
+    std::memcpy(h.magic, SalvageHeader::kMagic, sizeof h.magic);
+    h.version = SalvageHeader::kVersion;
+    h.valueSize = sizeof(Value);
+    h.recordSize = kRecordSize;
+    h.typeHash = salvageChecksum(typeName.data(), typeName.size(), 0);
   }
+  static size_t wordsFor(uint64_t count) { return (byteSize(count) + 7) / 8; }
+  Record* records() { return reinterpret_cast<Record*>(base_ + sizeof(SalvageHeader)); }
   Record const* records() const {
-    return reinterpret_cast<Record const*>(reinterpret_cast<char const*>(words_.data()) +
-                                           sizeof(SalvageHeader));
+    return reinterpret_cast<Record const*>(base_ + sizeof(SalvageHeader));
   }
   static uint32_t recordCheck(Record const& r) {
     return salvageChecksum(&r.value, sizeof(Value), r.oldSlot ^ 0x5a17a6e5u);
@@ -236,6 +298,8 @@ class SalvageImage {
   }
 
   std::vector<uint64_t> words_;
+  SalvageTemp temp_;
+  char* base_ = nullptr;
   uint32_t capacity_ = 0;
 };
 

@@ -32,6 +32,12 @@ std::string formatStartOutcomeKind(StartOutcome::Kind kind) {
 }
 
 std::string StartOutcome::toString() const {
+  std::string text = kindText();
+  if (!sideFileRefused.empty()) text += "; salvage side file refused: " + sideFileRefused;
+  return text;
+}
+
+std::string StartOutcome::kindText() const {
   switch (kind) {
     case Kind::none:
       return "not started";
@@ -65,9 +71,10 @@ namespace {
 std::string encode(StartOutcome const& o) {
   return fmt::format(
       "{}\nkind {}\nrows {}\nunfinished {}\ntorn {}\nbadHash {}\nduplicates {}\nnoRoom {}\n"
-      "reason {}\n",
+      "reason {}\n{}",
       o.toString(), static_cast<unsigned>(o.kind), o.rows, o.unfinished, o.torn, o.badHash,
-      o.duplicates, o.noRoom, o.reason);
+      o.duplicates, o.noRoom, o.reason,
+      o.sideFileRefused.empty() ? std::string() : "sideFileRefused " + o.sideFileRefused + "\n");
 }
 
 bool number(std::string_view text, uint32_t& out) {
@@ -104,6 +111,13 @@ std::optional<StartOutcome> decode(std::string_view text) {
   if (text.substr(0, 7) != "reason ") return std::nullopt;
   text.remove_prefix(7);
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  // The refused side file's line comes last, after the reason: a reader
+  // that knows nothing of it takes it as part of the reason.
+  constexpr std::string_view kRefused = "\nsideFileRefused ";
+  if (size_t const at = text.find(kRefused); at != std::string_view::npos) {
+    o.sideFileRefused = std::string(text.substr(at + kRefused.size()));
+    text = text.substr(0, at);
+  }
   o.reason = std::string(text);
   return o;
 }

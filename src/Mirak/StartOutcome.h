@@ -52,11 +52,19 @@ struct StartOutcome {
   uint32_t noRoom = 0;
   // Why the files were not adopted; empty for new and adopted.
   std::string reason;
+  // Why a salvage side file found at the start was not used (damaged,
+  // planted, writable by others); empty if there was none or it was used.
+  // Reported whatever the start then did.
+  std::string sideFileRefused;
 
   uint32_t dropped() const { return unfinished + torn + badHash + duplicates + noRoom; }
   // "adopted 1000 rows", "new table", "salvaged 998 rows (3 dropped: 1 unfinished,
-  // 2 duplicate) after: <reason>", "re-formatted: <reason>".
+  // 2 duplicate) after: <reason>", "re-formatted: <reason>"; each followed by
+  // "; salvage side file refused: <why>" when one was.
   std::string toString() const;
+
+ private:
+  std::string kindText() const;
 };
 
 std::string formatStartOutcomeKind(StartOutcome::Kind kind);

@@ -24,6 +24,7 @@ enum class WriteStep : uint8_t {
   slotsGrown,           // slot growth: the file grew, the new slot not yet taken
   bucketsSplitting,     // bucket growth: the new half addressed, the count not published
   moveLinked,           // compaction: an entry reachable at its old and new slot
+  salvageCollecting,    // salvage: the records half written to the side file's temporary
   salvageCollected,     // salvage: the side file is in place, nothing formatted yet
   salvageCarrying,      // salvage: the new generation half built
   salvageCarried,       // salvage: the new generation built, the kestor file not written

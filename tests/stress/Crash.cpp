@@ -267,12 +267,10 @@ int runCrash(Options const& o) {
 
   for (uint32_t trial = 0; trial < o.trials && failures.size() < 10; trial++) {
     fig.trials++;
-    RecordPipe up;
-    pid_t const pid = forkChild([&]() -> int {
-      up.closeRead();
+    Child child;
+    child.start([&](Child::Pipe const&, Child::Pipe const& up) -> int {
       childWorkload(o, model, trial, up);
     });
-    up.closeWrite();
     // Where the kill falls: after a random number of completed operations,
     // or at the start of a direct write (inside its critical section, most
     // of the time).
@@ -284,7 +282,7 @@ int runCrash(Options const& o) {
     bool killed = false;
     uint64_t done = 0;
     bool childStarted = false;
-    while (up.receive(m)) {
+    while (child.answers().receive(m)) {
       if (m.kind == OpKind::started) {
         childStarted = true;
         if (Parcel::KestorId(static_cast<uint32_t>(m.packets)) != kestor) {
@@ -305,15 +303,13 @@ int runCrash(Options const& o) {
       }
       if (!killed && ((done >= killAfter && !atDirect) ||
                       (atDirect && done >= killAfter / 2 && !m.done && m.kind == OpKind::direct))) {
-        ::kill(pid, SIGKILL);
+        child.signal(SIGKILL);
         killed = true;
       }
     }
-    if (!killed) ::kill(pid, SIGKILL);
-    int const status = reap(pid);
-    if (!(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)) {
-      failures.push_back(
-          fmt::format("trial {}: the writer child ended with status {:#x}", trial, status));
+    if (!killed) child.signal(SIGKILL);
+    if (std::string const how = child.ended(kDeadlineMs); how != fmt::format("signal {}", SIGKILL)) {
+      failures.push_back(fmt::format("trial {}: the writer child ended: {}", trial, how));
     }
     if (!childStarted) {
       failures.push_back(fmt::format("trial {}: the writer child never started", trial));
