@@ -362,9 +362,9 @@ bool MirakWriter<OpsT>::collectSalvage() {
   auto const* const lookaside = reinterpret_cast<SlotT const*>(h->lookaside());
   // Salvage steps 1-2 of the store order of SalvageFile.h: the records go
   // straight into the side file's mapped temporary, sized for every slot
-  // read (sparse: only what is stored takes memory), so they are written
-  // once. A temporary that cannot be made sends them to private memory,
-  // counted first so that they take one allocation.
+  // read (its room taken at once: no store can meet a full file system), so
+  // they are written once. A temporary that cannot be made sends them to
+  // private memory, counted first so that they take one allocation.
   std::string error;
   uint64_t room = 0;
   if (!localMem_) {

@@ -150,8 +150,11 @@ bool SalvageTemp::create(std::string const& dir, uint64_t bytes, std::string& er
     ::unlinkat(d.get(), name.c_str(), 0);
     return false;
   };
-  // Sparse: memory is taken only where records are stored.
+  // The room is taken now, whole: a store into a shared mapping of a file
+  // system that has run out of room ends the writer with SIGBUS, where
+  // fallocate answers ENOSPC and the salvage goes to private memory.
   if (::ftruncate(file.get(), static_cast<off_t>(bytes)) != 0) return fail("size");
+  if (::fallocate(file.get(), 0, 0, static_cast<off_t>(bytes)) != 0) return fail("reserve room for");
   void* const p = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (p == MAP_FAILED) return fail("map");
   dir_ = d.release();

@@ -12,7 +12,7 @@
 //
 // Store order of a salvaging start (MirakWriter::attach):
 //   1. a temporary under an unpredictable name (O_EXCL) is made beside
-//      "salvage", sized for every slot of the refused file (sparse) and
+//      "salvage", its room taken for every slot of the refused file, and
 //      mapped; the records are read from the refused slot file straight into
 //      it, so they are written once;
 //   2. its header is sealed, the file cut to the records it holds and renamed
@@ -126,9 +126,10 @@ class SalvageTemp {
   ~SalvageTemp() { reset(); }
 
   // Makes `dir`/".salvage.tmp-<random>" (O_EXCL, 0600) of `bytes` bytes,
-  // sparse, and maps it. False with `error` set; nothing is left then.
+  // its room taken (fallocate), and maps it. False with `error` set (no room
+  // on the file system among the reasons); nothing is left then.
   bool create(std::string const& dir, uint64_t bytes, std::string& error);
-  // Backs [from, to) of the mapping with memory before the stores reach it:
+  // Maps [from, to) of the mapping (its room already taken) before the stores reach it:
   // one call instead of a fault per page. A hint; a failure costs only time.
   void populate(uint64_t from, uint64_t to) const;
   // Store order step 2: cuts the file to its first `length` bytes (already
