@@ -102,7 +102,8 @@ class Validator {
   // table is sound; false with the first failure in error().
   bool doValidate(Parcel::KestorId kestor);
 
-  // The chain walk: marks every slot that the hash map's walk reaches, then
+  // The chain walk: marks every slot that the hash map's walk reaches, lets
+  // each marked slot claim its queue position (claimTesselPositions), then
   // compares the count with the header's occupiedSlots.
   bool walkOccupiedSlots();
   // The free-list walk from the header's freeSlots.
@@ -120,6 +121,8 @@ class Validator {
   // failure, whose text stays in error() (a bad rhash throws without it).
   template <typename AnySlot>
   void visitSlot(uint32_t slotIndex, AnySlot const& s, uint32_t hash, bool slowPath);
+  // The marks and flag checks of one occupied slot; its queue position is
+  // claimed later, by claimTesselPositions.
   void markOccupied(uint32_t slotIndex);
 
   std::string const& error() const { return error_; }
@@ -140,13 +143,22 @@ class Validator {
   // each at a random place in the bucket file, and each chain's first slot at
   // a random place in the slot file, so a table larger than the caches waits
   // on memory at every step. Standing at `bucket`, it asks for the bucket
-  // entry kFarBuckets ahead in the walk, and for the head slot (and the
-  // slot's queue back reference) of the one kNearBuckets ahead, whose entry
-  // it asked for earlier. Only hints: nothing read here is trusted or
+  // entry kFarBuckets ahead in the walk, and for the head slot of the one
+  // kNearBuckets ahead, whose entry it asked for earlier. Only hints: nothing read here is trusted or
   // checked, and an index out of range is simply not prefetched.
   static constexpr uint32_t kFarBuckets = 24;
   static constexpr uint32_t kNearBuckets = 12;
   void prefetchAhead(uint32_t bucket) const;
+  // Each slot the chain walk marked claims the queue position its back
+  // reference names: the position must lie in the queue, its notification
+  // must name the slot, and no other slot may claim it. Run in slot order
+  // after the walk, not per slot inside it: the walk meets slots in hash
+  // order, where the back references and the notifications they name lie at
+  // random places (two misses a slot at 10^6 rows), while in slot order both
+  // are read nearly in sequence (slots and positions are both handed out in
+  // write order). Throws Lomi::CorruptionDetectedException on the first
+  // failure, its text kept in error().
+  void claimTesselPositions();
 
   // A walk's failure: keeps the first text, traces it, answers false.
   template <typename... Args>
@@ -276,6 +288,7 @@ bool Validator<Ops, Writer>::walkOccupiedSlots() {
     FMTRACE(debugHandler_, 0, "Validator", "{}", error_);
     return false;
   }
+  claimTesselPositions();
   FMTRACE(debugHandler_, 5, "Validator", "marked {} slots", occupiedCount_);
   if (occupied != occupiedCount_) {
     return fail("mismatch header->occupiedSlots:{} count:{}", occupied, occupiedCount_);
@@ -330,21 +343,29 @@ void Validator<Ops, Writer>::markOccupied(uint32_t slotIndex) {
   if (!(word & SlotTable::OCCUPIED)) markFailed("missing OCCUPIED bit: {:#x}", word);
   // No write runs during validation: only a crash leaves LOOKASIDE up.
   if (word & SlotTable::LOOKASIDE) markFailed("stuck LOOKASIDE bit: {:#x}", word);
+}
+
+template <typename Ops, typename Writer>
+void Validator<Ops, Writer>::claimTesselPositions() {
   if constexpr (kHasQueue) {
-    uint32_t const pos = queue().tesselSlots(slotIndex);
-    if (pos == kNoPos) {
-      FMTRACE(debugHandler_, 9, "Validator",
-              "no notification in tessel queue for occupied slotId:{}", slotIndex);
-      return;
-    }
     uint32_t const size = queue().entryCount();
-    if (pos >= size) markFailed("slot:{} bad tessel index:{} size:{}", slotIndex, pos, size);
-    uint32_t const named = queue().entry(pos).slot;
-    if (named != slotIndex)
-      markFailed("slot:{} bad notification:{} slot:{}", slotIndex, pos, named);
-    if (tesselMarks_[pos]) markFailed("slot:{} duplicate tessel position:{}", slotIndex, pos);
-    tesselMarks_[pos] = true;
-    tesselCount_++;
+    uint32_t const cap = capacity();
+    for (uint32_t slotIndex = 0; slotIndex < cap; slotIndex++) {
+      if (!occupiedMarks_[slotIndex]) continue;
+      uint32_t const pos = queue().tesselSlots(slotIndex);
+      if (pos == kNoPos) {
+        FMTRACE(debugHandler_, 9, "Validator",
+                "no notification in tessel queue for occupied slotId:{}", slotIndex);
+        continue;
+      }
+      if (pos >= size) markFailed("slot:{} bad tessel index:{} size:{}", slotIndex, pos, size);
+      uint32_t const named = queue().entry(pos).slot;
+      if (named != slotIndex)
+        markFailed("slot:{} bad notification:{} slot:{}", slotIndex, pos, named);
+      if (tesselMarks_[pos]) markFailed("slot:{} duplicate tessel position:{}", slotIndex, pos);
+      tesselMarks_[pos] = true;
+      tesselCount_++;
+    }
   }
 }
 
