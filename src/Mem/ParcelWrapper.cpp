@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fmt/format.h>
@@ -71,7 +72,7 @@ void* ParcelWrapper::attach(uint64_t size, Mode mode, void* address) {
   return base_;
 }
 
-void* ParcelWrapper::resize(uint64_t size) {
+void* ParcelWrapper::resize(uint64_t size, uint64_t keep) {
   if (!base_) {
     lastError_ = fmt::format("{}: resize of a detached mapping", path_.empty() ? "local" : path_);
     return nullptr;
@@ -109,14 +110,15 @@ void* ParcelWrapper::resize(uint64_t size) {
       return nullptr;
     }
   }
-  if (rw && size < mapped_ && length > size) {
+  uint64_t const from = std::max(size, keep);
+  if (rw && size < mapped_ && length > from) {
     // Give the tail's memory back without shortening the file (readers may
     // still map it). A file system that cannot punch holes keeps the memory;
     // that costs space, not correctness.
-    if (::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(size),
-                    static_cast<off_t>(length - size)) != 0 &&
+    if (::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(from),
+                    static_cast<off_t>(length - from)) != 0 &&
         errno != EOPNOTSUPP) {
-      lastError_ = posixError(fmt::format("punch hole in {} from {}", path_, size), errno);
+      lastError_ = posixError(fmt::format("punch hole in {} from {}", path_, from), errno);
       return nullptr;
     }
   }

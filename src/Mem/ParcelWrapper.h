@@ -46,8 +46,11 @@ class ParcelWrapper {
   // Changes the mapping to `size` bytes; see the header comment for what the
   // writer does to the file. A reader only remaps (within the file's length).
   // Returns the new base, which may differ from the old, or null, in which case
-  // the old mapping is still in place.
-  void* resize(uint64_t size);
+  // the old mapping is still in place. A writer's shrink gives the memory of
+  // the file beyond `size` back, all but the first `keep` bytes of the file
+  // (a caller about to store into them again spares their release and their
+  // zero-fill).
+  void* resize(uint64_t size, uint64_t keep = 0);
 
   // Unmaps and closes. The file stays.
   void detach();

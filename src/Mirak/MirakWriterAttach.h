@@ -286,6 +286,7 @@ bool MirakWriter<OpsT>::attachAndValidate(bool reformat, Parcel::OwnerFile& owne
       FMTRACE(handler_, 1, "MirakWriter", "all entries from {} will be lost", rootPath_);
     }
     kestorId_ = kestorId_.reformatted();
+    if (salvaging) slots_.reformatForBuild(salvageImage_.count());
     attach(kestorId_);
     // Re-format step 4.
     if (!validate(kestorId_, error, false)) {
@@ -609,7 +610,7 @@ void MirakWriter<OpsT>::carrySalvage() {
       startOutcome_.noRoom += kept - k;
       kept = k;
     } else {
-      while (capacity < kept) capacity = Slots::nextCapacity(capacity, slots_.maxSlots());
+      capacity = slots_.buildCapacity(kept);
     }
   }
   auto& buckets = map_.bucketWriter();
@@ -628,32 +629,37 @@ void MirakWriter<OpsT>::carrySalvage() {
   auto const bucketAt = [&](uint32_t j) {
     return Lomi::Util::reverse(static_cast<uint32_t>(order[j] >> 32)) & mask;
   };
-  // Build step 4, in walk order: position p is bucket reverse(p) in `bits`.
-  // The heads are met in a bit-reversed order, one cache miss each: the
-  // head kAhead positions on is fetched while this one is stored.
-  constexpr uint32_t kAhead = 8;
+  // Build step 4, in bucket order, so that the stores into the bucket file
+  // run in sequence. Bucket b sits at walk position p = b reversed in
+  // `bits`, the top `bits` bits of its records' rhash; `order` is sorted by
+  // rhash, so firstAt[p] (the first record at position p or beyond, found
+  // in one pass) and firstAt[p + 1] bound bucket b's records. Those two
+  // reads are random in a 4-byte-per-bucket array: the ones kAhead buckets
+  // on are fetched while this one is stored.
+  constexpr uint32_t kAhead = 16;
+  std::vector<uint32_t> firstAt(uint64_t(numBuckets) + 1);
   auto const linkHeads = [&] {
-    auto const bucketOfPosition = [bits](uint32_t p) {
-      return bits ? Lomi::Util::reverse(p) >> (32 - bits) : 0;
-    };
-    uint32_t j = 0;
-    for (uint32_t p = 0; p < numBuckets; p++) {
-      uint32_t const bucket = bucketOfPosition(p);
-      if (p + kAhead < numBuckets) __builtin_prefetch(&buckets[bucketOfPosition(p + kAhead)], 1);
-      Link& head = buckets[bucket];
-      uint32_t next = successor(bucket);
-      if (j < kept && bucketAt(j) == bucket) {
-        next = j;
-        while (j < kept && bucketAt(j) == bucket) j++;
+    auto const positionOf = [bits](uint32_t x) { return bits ? x >> (32 - bits) : 0; };
+    for (uint32_t p = 0, j = 0; p <= numBuckets; p++) {
+      while (j < kept && positionOf(static_cast<uint32_t>(order[j] >> 32)) < p) j++;
+      firstAt[p] = j;
+    }
+    auto const positionOfBucket = [&](uint32_t b) { return positionOf(Lomi::Util::reverse(b)); };
+    for (uint32_t bucket = 0; bucket < numBuckets; bucket++) {
+      if (bucket + kAhead < numBuckets) {
+        __builtin_prefetch(&firstAt[positionOfBucket(bucket + kAhead)]);
       }
+      uint32_t const p = positionOfBucket(bucket);
+      Link& head = buckets[bucket];
+      uint32_t const next = firstAt[p] < firstAt[p + 1] ? firstAt[p] : successor(bucket);
       Mem::storeRelease(head, Link{head.version + Link::kVersionStep, next});
     }
   };
-  // Steps 3 and 4 store into different files and read only `order`: a large
-  // build links the heads on a second thread meanwhile. It is joined before
-  // anything is published (the bucket count below) and never outlives this
-  // call, so no fork can copy it; if it cannot be started the heads are
-  // linked here after the slots.
+  // Steps 3 and 4 store into different files and read only `order` (and
+  // step 4 its own firstAt): a large build links the heads on a second
+  // thread meanwhile. It is joined before anything is published (the bucket
+  // count below) and never outlives this call, so no fork can copy it; if it
+  // cannot be started the heads are linked here after the slots.
   std::thread heads;
   if (numBuckets >= Impl::kThreadedHeads) {
     try {

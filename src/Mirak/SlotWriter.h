@@ -29,7 +29,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -117,6 +119,23 @@ class SlotWriterTable {
   // notes below. Returns attachNew, attachKept or attachReformatted.
   Mem::AttachResult attach(Parcel::KestorId kestor);
   virtual void detach();
+  // Prepares the next re-format for a bulk build of `rows` records: the
+  // memory of the slots the build will store into (see buildCapacity) is
+  // kept instead of released with the tail, so that the build writes over
+  // pages already there rather than zero-filled ones it would fault in
+  // again. Their bytes mean nothing to anyone until the build stores them:
+  // the re-format has published the new kestor and a moved size version,
+  // and it draws a new hash seed as ever, under which a reader still on
+  // the old generation finds the rows it meets out of place. For one
+  // attach.
+  void reformatForBuild(uint32_t rows) { buildRows_ = rows; }
+  // The capacity a bulk build of `rows` takes on a freshly formatted table:
+  // minSlots grown as the insert path grows it, or minSlots when fixed.
+  uint32_t buildCapacity(uint32_t rows) const {
+    uint32_t c = minSlots_;
+    while (!config_.fixedSize && c < rows) c = nextCapacity(c, config_.maxSlots);
+    return c;
+  }
 
   virtual uint32_t capacity() const { return capacity_; }
   uint32_t minSlots() const { return minSlots_; }
@@ -248,6 +267,8 @@ class SlotWriterTable {
   Config config_;
   uint32_t& hashSeed_;
   uint32_t minSlots_ = 1;
+  // reformatForBuild's, for the next re-format.
+  std::optional<uint32_t> buildRows_;
   Slots slots_;
   Writer::Counters& counters_;
   uint32_t shrinkThreshold_ = 0;
@@ -276,6 +297,7 @@ void SlotWriterTable<Value>::refresh() {
 
 template <typename Value>
 Mem::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
+  std::optional<uint32_t> const buildRows = std::exchange(buildRows_, std::nullopt);
   detach();
   uint64_t const existing = wrapper_.memSize();
   uint64_t const size =
@@ -335,9 +357,14 @@ Mem::AttachResult SlotWriterTable<Value>::attach(Parcel::KestorId kestor) {
   }
   if (existing != 0) {
     // Re-format: take the file as it stands, then bring it to the size for
-    // minSlots (the tail is released, the file is not shortened).
+    // minSlots (the tail is released, but for what reformatForBuild asked to
+    // keep; the file is not shortened).
     uint64_t const fileLength = wrapper_.memSize();
-    if (!wrapper_.resize(fileLength) || !wrapper_.resize(size)) {
+    uint64_t const keep = buildRows ? Lomi::Util::fileSizeHelper(buildCapacity(*buildRows),
+                                                                  Geometry::slotSize,
+                                                                  Geometry::headerSize)
+                                    : 0;
+    if (!wrapper_.resize(fileLength) || !wrapper_.resize(size, keep)) {
       throw Lomi::MemoryResourceException("failed to resize {} to size {} : {}",
                                           wrapper_.getFilename(), size, wrapper_.lastError());
     }
