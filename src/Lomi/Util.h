@@ -12,13 +12,13 @@ class DebugHandler;
 namespace Lomi::Util {
 
 // The 32 bits of `v` in reverse order: swap neighbouring bits, then pairs, then
-// nibbles, then bytes. reverse(1) == 0x80000000.
-constexpr uint32_t reverse(uint32_t v) {
+// nibbles, then the order of the bytes. reverse(1) == 0x80000000. Every lookup
+// reverses its key's hash, so it is always inlined.
+[[gnu::always_inline]] constexpr uint32_t reverse(uint32_t v) {
   v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
   v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
   v = ((v >> 4) & 0x0f0f0f0fu) | ((v & 0x0f0f0f0fu) << 4);
-  v = ((v >> 8) & 0x00ff00ffu) | ((v & 0x00ff00ffu) << 8);
-  return (v >> 16) | (v << 16);
+  return __builtin_bswap32(v);
 }
 
 // Bytes of a file holding a header and `numSlots` slots: headerSize +

@@ -69,10 +69,12 @@ class SlotReaderTable {
     uint32_t count = 0;
 
     SlotT const& operator[](uint32_t index) const {
-      if (index >= count) {
-        throw Lomi::CorruptionDetectedException("out-of-range index:{} numSlots:{}", index, count);
-      }
+      if (index >= count) [[unlikely]] outOfRange(index);
       return base[index];
+    }
+    // The throw of operator[], out of line so that the bounds test inlines.
+    [[noreturn, gnu::noinline, gnu::cold]] void outOfRange(uint32_t index) const {
+      throw Lomi::CorruptionDetectedException("out-of-range index:{} numSlots:{}", index, count);
     }
   };
 
@@ -126,7 +128,73 @@ class SlotReaderTable {
   // Lomi::MemoryResourceException if the system refuses the mapping.
   bool doResize() {
     if (!header_) return false;
-    if (Mem::loadAcquire(header_->numSlots.version) == numSlots_.version) return false;
+    if (Mem::loadAcquire(header_->numSlots.version) == numSlots_.version) [[likely]] {
+      return false;
+    }
+    return remap();
+  }
+
+  // Reads slot `index` into `value` under its sequence word (safety rule 3)
+  // and notes the anchor. Throws "out-of-range index" for an index beyond the
+  // private capacity. Whether the slot is OCCUPIED is the caller's to judge.
+  ReadResult getValue(uint32_t index, Value& value) {
+    SlotT const* const s = &slots_[index];
+    uint32_t word = Mem::loadAcquire(s->versionFlags);
+    for (;;) {
+      SlotTable::SlotHead const* source = reinterpret_cast<SlotTable::SlotHead const*>(s);
+      if (word & SlotTable::LOOKASIDE) [[unlikely]] {
+        counters_.lookasideReads++;
+        source = header_->lookaside();
+      }
+      uint32_t const rhash = Mem::loadRelaxed(source->rhash);
+      Mem::copyUnderSeqlock(&value, SlotTable::valueBytes(source), sizeof(Value));
+      // Keeps the copy's loads before the re-load of the word.
+      Mem::acquireFence();
+      uint32_t const again = Mem::loadAcquire(s->versionFlags);
+      if (again == word) [[likely]] {
+        anchor_.set(word, &s->versionFlags, header_);
+        return ReadResult{word, rhash};
+      }
+      word = again;
+    }
+  }
+
+  // Unmaps; capacity 0, and doResize returns false until the next attach.
+  // An anchor that was set can no longer be proved current.
+  void detach() {
+    FMTRACE(handler_, 5, "SlotReaderTable", "delegating to SlotTable::detach()");
+    if (!anchor_.neverSet()) anchor_.gone();
+    if (!mappedAnchor_.neverSet()) mappedAnchor_.gone();
+    mapping_.detach();
+    header_ = nullptr;
+    numSlots_ = Mem::VersionedRef<unsigned int>{0, 0};
+    slots_ = Slots{};
+  }
+
+  // A private copy of the live header that does not straddle a resize, and
+  // the file's length seen with it. Precondition: attached.
+  SlotTable::Header headerCopy(uint64_t* fileSize = nullptr) const {
+    SlotTable::Header copy;
+    uint64_t const size = Mem::safeHeaderCopy(header_, &copy, &header_->numSlots.version, mapping_);
+    if (fileSize) *fileSize = size;
+    return copy;
+  }
+
+  uint32_t capacity() const { return numSlots_.value; }
+  Mem::VersionedRef<unsigned int> numSlots() const { return numSlots_; }
+  bool attached() const { return header_ != nullptr; }
+  Slots const& slots() const { return slots_; }
+  SlotTable::Header const* header() const { return header_; }
+  Mem::VersionAnchor& anchor() { return anchor_; }
+  Mem::VersionAnchor const& anchor() const { return anchor_; }
+  Mem::VersionAnchor& mappedAnchor() { return mappedAnchor_; }
+  Mem::ParcelWrapper const& mapping() const { return mapping_; }
+  std::string const& name() const { return name_; }
+
+ private:
+  // doResize once the header's version has moved: out of line, so that the
+  // check every operation ends with stays two loads and a compare.
+  [[gnu::noinline]] bool remap() {
     SlotTable::Header copy;
     uint64_t const memSize =
         Mem::safeHeaderCopy(header_, &copy, &header_->numSlots.version, mapping_);
@@ -173,65 +241,6 @@ class SlotReaderTable {
     return true;
   }
 
-  // Reads slot `index` into `value` under its sequence word (safety rule 3)
-  // and notes the anchor. Throws "out-of-range index" for an index beyond the
-  // private capacity. Whether the slot is OCCUPIED is the caller's to judge.
-  ReadResult getValue(uint32_t index, Value& value) {
-    SlotT const* const s = &slots_[index];
-    uint32_t word = Mem::loadAcquire(s->versionFlags);
-    for (;;) {
-      SlotTable::SlotHead const* source = reinterpret_cast<SlotTable::SlotHead const*>(s);
-      if (word & SlotTable::LOOKASIDE) {
-        counters_.lookasideReads++;
-        source = header_->lookaside();
-      }
-      uint32_t const rhash = Mem::loadRelaxed(source->rhash);
-      Mem::copyUnderSeqlock(&value, SlotTable::valueBytes(source), sizeof(Value));
-      // Keeps the copy's loads before the re-load of the word.
-      Mem::acquireFence();
-      uint32_t const again = Mem::loadAcquire(s->versionFlags);
-      if (again == word) {
-        (void)slots_[index];
-        anchor_.set(word, &s->versionFlags, header_);
-        return ReadResult{word, rhash};
-      }
-      word = again;
-    }
-  }
-
-  // Unmaps; capacity 0, and doResize returns false until the next attach.
-  // An anchor that was set can no longer be proved current.
-  void detach() {
-    FMTRACE(handler_, 5, "SlotReaderTable", "delegating to SlotTable::detach()");
-    if (!anchor_.neverSet()) anchor_.gone();
-    if (!mappedAnchor_.neverSet()) mappedAnchor_.gone();
-    mapping_.detach();
-    header_ = nullptr;
-    numSlots_ = Mem::VersionedRef<unsigned int>{0, 0};
-    slots_ = Slots{};
-  }
-
-  // A private copy of the live header that does not straddle a resize, and
-  // the file's length seen with it. Precondition: attached.
-  SlotTable::Header headerCopy(uint64_t* fileSize = nullptr) const {
-    SlotTable::Header copy;
-    uint64_t const size = Mem::safeHeaderCopy(header_, &copy, &header_->numSlots.version, mapping_);
-    if (fileSize) *fileSize = size;
-    return copy;
-  }
-
-  uint32_t capacity() const { return numSlots_.value; }
-  Mem::VersionedRef<unsigned int> numSlots() const { return numSlots_; }
-  bool attached() const { return header_ != nullptr; }
-  Slots const& slots() const { return slots_; }
-  SlotTable::Header const* header() const { return header_; }
-  Mem::VersionAnchor& anchor() { return anchor_; }
-  Mem::VersionAnchor const& anchor() const { return anchor_; }
-  Mem::VersionAnchor& mappedAnchor() { return mappedAnchor_; }
-  Mem::ParcelWrapper const& mapping() const { return mapping_; }
-  std::string const& name() const { return name_; }
-
- private:
   // Points `a` at the new base if its word still lies in the mapping of
   // `mapped` bytes; otherwise the slot is gone.
   static void rebase(Mem::VersionAnchor& a, void const* newBase, uint64_t mapped) {

@@ -135,10 +135,7 @@ class BucketReader {
 
   // Entry `index` of the private count.
   Link const& operator[](uint32_t index) const {
-    if (index >= numBuckets_.value) {
-      int64_t const max = static_cast<int64_t>(numBuckets_.value) - 1;
-      throw Lomi::CorruptionDetectedException("out-of-range, index:{} max:{}", index, max);
-    }
+    if (index >= numBuckets_.value) [[unlikely]] outOfRange(index);
     return header_->entries()[index];
   }
 
@@ -163,6 +160,13 @@ class BucketReader {
   std::string const& lastError() const { return lastError_; }
 
  private:
+  // The throw of operator[], kept out of line so that every lookup inlines
+  // the bounds test.
+  [[noreturn, gnu::noinline, gnu::cold]] void outOfRange(uint32_t index) const {
+    int64_t const max = static_cast<int64_t>(numBuckets_.value) - 1;
+    throw Lomi::CorruptionDetectedException("out-of-range, index:{} max:{}", index, max);
+  }
+
   // Loads the pair, checks that the file covers it, and maps exactly the
   // count's size, cut to the file's length. The private pair is set only on
   // success.

@@ -222,7 +222,6 @@ auto ReaderHashMap<Reader>::walkChain(Key const& key, uint32_t bucket, uint32_t 
   };
   uint32_t prevVersion = link.version;
   uint32_t curr = link.next;
-  Key slotKey{};
   while (!Link::isEndOfChain(curr)) {
     if (++slotCount > capacity) {
       throw Lomi::CorruptionDetectedException(
@@ -230,7 +229,8 @@ auto ReaderHashMap<Reader>::walkChain(Key const& key, uint32_t bucket, uint32_t 
     }
     // Safety rule 1: the slot, under its sequence word.
     auto const read = table.getValue(curr, out);
-    slotKey = Ops::key(out);
+    // The key inside the copy, which stays put until the next getValue.
+    Key const& slotKey = Ops::key(out);
     // Safety rule 2: still reached over the same link?
     if (linkMoved(prevVersion)) return Walk::restart;
     // Safety rule 3.
@@ -238,15 +238,16 @@ auto ReaderHashMap<Reader>::walkChain(Key const& key, uint32_t bucket, uint32_t 
       throw Lomi::CorruptionDetectedException("slot:{} not marked as occupied key:{}", curr,
                                               keyHex(slotKey));
     }
-    // Past the key's place in table order, or on the key itself.
+    // On the key itself: one equality test where the order needed two.
+    if (read.rhash == target && Ops::keyEqual(slotKey, key)) {
+      if (linkMoved(prevVersion)) return Walk::restart;
+      return Walk::found;
+    }
+    // Past the key's place in table order.
     if (read.rhash > target || (read.rhash == target && Ops::keyLess(key, slotKey))) {
       if (linkMoved(prevVersion)) return Walk::restart;
       keyCheck(slotKey, bucket, KeyCheck::lookup);
       return Walk::absent;
-    }
-    if (read.rhash == target && !Ops::keyLess(slotKey, key)) {
-      if (linkMoved(prevVersion)) return Walk::restart;
-      return Walk::found;
     }
     // Safety rule 2 for the next step: this slot's link, as one pair, then
     // the link that led here once more.
@@ -266,11 +267,10 @@ template <typename Reader>
 auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) const
     -> Value const* {
   found = false;
-  Value const& absent = Ops::defaultValue();
   uint32_t const n = buckets_.numBuckets();
   if (n == 0) {
     FMTRACE(handler_, 5, "ReaderHashMap", "bucket table detached");
-    return &absent;
+    return &Ops::defaultValue();
   }
   Value& out = buffer ? *static_cast<Value*>(buffer) : reader_->valueBuffer();
   // Computed once: a restart after a resize keeps the old bucket, and the
@@ -288,7 +288,7 @@ auto ReaderHashMap<Reader>::lookup(Key const& key, bool& found, void* buffer) co
     }
     // Absence is never reported on a bucket count the header has left.
     buckets_.checkResize();
-    return &absent;
+    return &Ops::defaultValue();
   }
 }
 

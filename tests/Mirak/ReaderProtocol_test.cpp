@@ -380,6 +380,79 @@ TEST(ReaderProtocol, ATableReformattedUnderAnAttachedReaderReadsAsDetachedNeverA
   EXPECT_FALSE(fresh->reformatted());
 }
 
+// A lookup (single or bulk) stands on a row it has copied, its walk complete,
+// while the writer re-formats the slot file under it; the bucket file's own
+// re-format, which the writer's start does next, has not come yet. The copy
+// cannot prove that it was not torn: a re-format rewrites the lookaside before
+// the slots, and a slot whose overwrite was in flight still names the
+// lookaside until its own turn. Only the slot header's size version, which
+// the re-format moves before it formats anything, tells; so the lookup must
+// drop what it read, and it answers as a detached reader.
+TEST(ReaderProtocol, ALookupOverlappedByAReformatOfTheSlotFileDropsWhatItRead) {
+  for (bool const bulk : {false, true}) {
+    SCOPED_TRACE(bulk ? "lookupBulk" : "lookup");
+    TempRoot root;
+    auto writer = makeWriter();
+    for (uint32_t id = 1; id <= 64; id++) writer->write(row(id, 100 + id), true);
+    auto reader = attachReader();
+    reader->resize();  // maps the slots
+    // Rows that head their chains: after the slot file's re-format the walk
+    // still reaches them over an unchanged link, the bucket file's head.
+    auto& buckets = reader->hashMap().bucketReader();
+    auto const& slots = reader->slotTable().slots();
+    std::vector<TestKey> heads;
+    for (uint32_t b = 0; b < buckets.numBuckets() && heads.size() < 4; b++) {
+      uint32_t const first = buckets[b].next;
+      if (!Mirak::SlotLink::isEndOfChain(first)) heads.push_back(slots[first].value.fwkKey());
+    }
+    ASSERT_EQ(heads.size(), 4u);
+    // The pause: the last key's slot, copied and compared.
+    TestKey const paused = heads.back();
+
+    Baton readerRead, slotsFormatted;
+    bool hookRan = false;
+    uint32_t found = 0;
+    std::vector<TestValue> out(heads.size());
+    std::string error;
+    std::thread readerThread([&] {
+      testKeyCompareHook = [&](TestKey const& k) {
+        // Fields, not ==, which would call this hook again.
+        if (hookRan || k.id != paused.id || k.zone != paused.zone) return;
+        hookRan = true;
+        readerRead.post();
+        slotsFormatted.wait();
+      };
+      try {
+        if (bulk) {
+          bool hit[4] = {};
+          found = reader->lookupBulk(heads.data(), 4, out.data(), hit);
+        } else {
+          bool hit = false;
+          reader->lookup(paused, hit, &out.back());
+          found = hit;
+        }
+      } catch (std::exception const& e) {
+        error = e.what();
+      }
+      testKeyCompareHook = nullptr;
+    });
+    readerRead.wait();
+    uint64_t const followed = reader->readerCounters().resizesFollowed;
+    writer->slotTable().attach(writer->kestorId().reformatted());
+    slotsFormatted.post();
+    readerThread.join();
+
+    ASSERT_TRUE(hookRan);
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(found, 0u) << "a row read across the re-format was returned";
+    for (TestValue const& v : out) EXPECT_EQ(v.fwkKey(), TestKey{}) << "not the default value";
+    EXPECT_TRUE(reader->reformatted());
+    EXPECT_GT(reader->readerCounters().resizesFollowed, followed)
+        << "the check after the operation never saw the re-format";
+    EXPECT_EQ(reader->mountStatus(), Mem::mountStatusNotMounted);
+  }
+}
+
 TEST(ReaderProtocol, AWriterAnchorAfterAnOverwriteOrDetachIsNoLongerCurrent) {
   TempRoot root;
   auto writer = makeWriter();

@@ -22,6 +22,12 @@ struct TestKey;
 // the key of each slot it passes right after it loaded that slot's link, so
 // the protocol tests pause a reader there, on a slot of their choice.
 inline thread_local std::function<void(TestKey const&)> testKeyHashHook;
+// Runs at every comparison (equality or order) of two TestKeys on the thread
+// that set it, with the right-hand key. A lookup compares keys only on a slot
+// whose rhash equals its key's, after it copied that slot: a pause there
+// holds a lookup between its read of the row and the checks that end the
+// operation.
+inline thread_local std::function<void(TestKey const&)> testKeyCompareHook;
 
 // Two attributes hashed field by field, like the flow keys.
 struct TestKey {
@@ -37,9 +43,11 @@ struct TestKey {
     return h.result();
   }
   friend bool operator==(TestKey const& a, TestKey const& b) {
+    if (testKeyCompareHook) testKeyCompareHook(b);
     return a.id == b.id && a.zone == b.zone;
   }
   friend bool operator<(TestKey const& a, TestKey const& b) {
+    if (testKeyCompareHook) testKeyCompareHook(b);
     return a.id != b.id ? a.id < b.id : a.zone < b.zone;
   }
 };
