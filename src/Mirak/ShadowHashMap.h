@@ -158,6 +158,12 @@ class ShadowHashMap {
   // Starts the load of the bucket entry that `hash` falls in (a hint: a key
   // still to be entered, whose hash may be stale).
   void prefetchBucket(uint32_t hash) const { __builtin_prefetch(&buckets_[bucketOf(hash)], 1); }
+  // The same for the first slot of that bucket's chain, whose hash an entry
+  // compares with and whose `prev` it may rewrite. Reads the bucket entry:
+  // its line should have been prefetched a little earlier.
+  void prefetchChain(uint32_t hash) const {
+    if (Slot const* const head = buckets_[bucketOf(hash)]) __builtin_prefetch(head, 1);
+  }
 
   // Unlinks `slot`. False for a dead slot. Halves the buckets at a load of
   // a quarter.
