@@ -623,9 +623,10 @@ bool ShadowStore<SlotT>::grow(uint32_t slotIndex) {
                                         slotsMem_.lastError());
   }
   slots_ = grown;
-  // The new slots are written soon (a sweep fills them in order): fault
-  // their pages in one call rather than one trap per page (a hint; on
-  // failure the writes fault).
+  // The new slots are written soon (a sweep fills them in order): huge
+  // pages where the kernel has them, faulted in by one call rather than one
+  // trap per page (hints both; refused, the writes fault as they come).
+  slotsMem_.adviseHugePages();
   slotsMem_.prefault(uint64_t(numSlots_) * sizeof(Slot), uint64_t(capacity) * sizeof(Slot));
   // Grown memory is zero-filled: null links, dead slots (ShadowSlot.h). They
   // are not written here, which would be one more pass over the whole
