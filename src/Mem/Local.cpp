@@ -55,6 +55,11 @@ bool Local::prefault(uint64_t from, uint64_t to) {
   return ::madvise(static_cast<char*>(base_) + start, to - start, MADV_POPULATE_WRITE) == 0;
 }
 
+bool Local::adviseHugePages() {
+  if (!base_) return false;
+  return ::madvise(base_, size_, MADV_HUGEPAGE) == 0;
+}
+
 void Local::detach() {
   if (base_) ::munmap(base_, size_);
   base_ = nullptr;

@@ -31,6 +31,13 @@ class Local {
   // one fault per page on first touch). A speed hint only: false if the
   // kernel cannot, and the pages then come on first touch as before.
   bool prefault(uint64_t from, uint64_t to);
+  // Asks for the block, as it is now, to be backed by huge pages where the
+  // kernel has them: a block written whole soon after (a shadow's copy)
+  // takes one fault per 2 MiB instead of per page, and its random reads
+  // miss the TLB far less. A speed hint only: false if refused, and the
+  // block keeps ordinary pages. Where the kernel must compact memory first
+  // to find a huge page, a fault can take longer than the pages it saves.
+  bool adviseHugePages();
 
   void* base() const { return base_; }
   uint64_t size() const { return size_; }

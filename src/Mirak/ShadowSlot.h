@@ -10,9 +10,11 @@
 //          that slot's address, since `next` is the first field;
 //   hash   the key's hash under the table's seed, bits reversed.
 //
-// A slot is dead (in no chain) when next and prev are both null, and then
-// holds the default value (or key). A value slot keeps the whole row; a key
-// slot keeps the key only and reads the value from the table when asked.
+// A slot is dead (in no chain) when next and prev are both null; nothing else
+// of a dead slot is read, so zero-filled memory is an array of dead slots
+// (makeDead also resets the rest, to the default value or key). A value slot
+// keeps the whole row; a key slot keeps the key only and reads the value from
+// the table when asked.
 #pragma once
 
 #include <cstddef>

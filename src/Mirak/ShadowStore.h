@@ -297,19 +297,33 @@ class ShadowStore : public ShadowStoreBase<typename SlotT::Key, typename SlotT::
       __builtin_prefetch(last, 0);
     }
   }
-  // How far ahead of its slot a sweep prefetches the bucket of a slot.
-  static constexpr uint32_t kSweepAhead = 8;
+  // How far ahead of its slot a sweep prefetches the bucket entry of a
+  // slot, and the first slot of that bucket's chain.
+  static constexpr uint32_t kBucketAhead = 16;
+  static constexpr uint32_t kChainAhead = 8;
   // A sweep reads the slots in order (the hardware prefetches those) and
-  // enters each key at a random place of the bucket array. The rhash of
-  // table slot `ahead`, read without its version word, names that place
-  // early: a hint only, a wrong or stale one costs a useless prefetch; the
-  // entry itself is placed by the hash of the key that was read.
-  void prefetchBucketOf(uint32_t ahead) const {
+  // enters each key at a random place of the bucket array, in front of or
+  // behind the chain's first slot, a random slot of the copy. The rhash of
+  // a table slot further on, read without its version word, names both
+  // early: the bucket entry 16 slots ahead, then, once that entry is in,
+  // the chain's first slot 8 ahead. A hint only, a wrong or stale rhash
+  // costs a useless prefetch; the entry itself is placed by the hash of the
+  // key that was read.
+  void prefetchAhead(uint32_t slotIndex) const {
     auto const& table = reader_.slotTable().slots();
-    if (ahead >= table.count) return;
-    hashMap_.prefetchBucket(Mem::loadRelaxed(table.base[ahead].rhash));
+    uint32_t const bucketAt = slotIndex + kBucketAhead, chainAt = slotIndex + kChainAhead;
+    if (bucketAt < table.count) {
+      hashMap_.prefetchBucket(Mem::loadRelaxed(table.base[bucketAt].rhash));
+    }
+    if (chainAt < table.count) {
+      hashMap_.prefetchChain(Mem::loadRelaxed(table.base[chainAt].rhash));
+    }
   }
 
+  // doSlot for a dead local slot (nearly every slot of a sweep of a fresh
+  // copy): apply() with what it decides for a dead slot and nothing else
+  // (no key to compare, nothing to remove, no queue to ask).
+  bool enterDead(uint32_t slotIndex, Tessel::Sequence seq);
   // doSlot at relocation depth `depth`.
   bool apply(uint32_t slotIndex, Tessel::Sequence seq, bool compare, int depth);
   // Before the copy reports `key` gone from slot `from`: if the table has it
@@ -416,7 +430,39 @@ class KeyShadowStore : public ShadowStore<KeyShadowSlot<OpsT>> {
 
 template <typename SlotT>
 bool ShadowStore<SlotT>::doSlot(Tessel::BasicSlot slotIndex, Tessel::Sequence seq, bool compare) {
+  if (slotIndex < numSlots_ && slots_[slotIndex].dead()) return enterDead(slotIndex, seq);
   return apply(slotIndex, seq, compare, 0);
+}
+
+template <typename SlotT>
+bool ShadowStore<SlotT>::enterDead(uint32_t slotIndex, Tessel::Sequence seq) {
+  PendingReset const reset{*this};
+  bool const real = seq != Tessel::noSequence;
+  if (!real) prefetchAhead(slotIndex);
+  Slot& slot = slots_[slotIndex];
+  cacheAnchor_.reset();
+  Value* target;
+  if constexpr (Slot::keepsValue) {
+    target = &slot.value;
+  } else {
+    target = &valueBuffer_;
+    valueBufferSize_ = sizeof(Value);
+  }
+  // A read that finds nothing may leave what it copied in the dead slot:
+  // nothing reads a dead slot's value.
+  if (!fetch(slotIndex, *target)) return true;
+  if (real) counters_.sequence = seq;
+  cacheAnchor_ = *readerAnchor_;
+  if constexpr (!Slot::keepsValue) slot.slotKey = Ops::key(valueBuffer_);
+  pendingValue_ = target;
+  if (hashMap_.write(slotIndex, slot, true)) {
+    if constexpr (Slot::keepsValue) {
+      notify_.changeFn(slot.value);
+    } else {
+      notify_.keyFn(slot.slotKey);
+    }
+  }
+  return true;
 }
 
 template <typename SlotT>
@@ -439,7 +485,7 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool co
     }
   }
   bool const real = seq != Tessel::noSequence;
-  if (!real) prefetchBucketOf(slotIndex + kSweepAhead);
+  if (!real) prefetchAhead(slotIndex);
   Slot& slot = slots_[slotIndex];
   bool const wasDead = slot.dead();
   Key const oldKey = slot.key();
@@ -461,10 +507,7 @@ bool ShadowStore<SlotT>::apply(uint32_t slotIndex, Tessel::Sequence seq, bool co
   FMTRACE(handler_, 9, "ShadowStore", "compare: {} slotIndex:{}{} {}", compare, slotIndex,
           found ? " found" : " not found", found ? Ops::keyText(Ops::key(*target)) : "");
 
-  if (wasDead && !found) {
-    if constexpr (Slot::keepsValue) slot.value = Ops::defaultValue();
-    return true;  // the copy never had it
-  }
+  if (wasDead && !found) return true;  // the copy never had it
   Mem::VersionAnchor const anchor = *readerAnchor_;
   bool const sameKey = !wasDead && found && Ops::keyEqual(Ops::key(*target), oldKey);
   if (!wasDead && !sameKey) {
@@ -580,10 +623,14 @@ bool ShadowStore<SlotT>::grow(uint32_t slotIndex) {
                                         slotsMem_.lastError());
   }
   slots_ = grown;
-  // The new slots are written at once below: fault their pages in one call
-  // rather than one trap per page (a hint; on failure the writes fault).
+  // The new slots are written soon (a sweep fills them in order): huge
+  // pages where the kernel has them, faulted in by one call rather than one
+  // trap per page (hints both; refused, the writes fault as they come).
+  slotsMem_.adviseHugePages();
   slotsMem_.prefault(uint64_t(numSlots_) * sizeof(Slot), uint64_t(capacity) * sizeof(Slot));
-  for (uint32_t i = numSlots_; i < capacity; i++) slots_[i].makeDead();
+  // Grown memory is zero-filled: null links, dead slots (ShadowSlot.h). They
+  // are not written here, which would be one more pass over the whole
+  // array, through the cache, before the sweep's own.
   numSlots_ = capacity;
   if (old && grown != old) {
     hashMap_.patch(reinterpret_cast<char*>(grown) - reinterpret_cast<char*>(old));
