@@ -69,6 +69,7 @@
 
 #include "Lomi/Exception.h"
 #include "Lomi/Trace.h"
+#include "Lomi/Util.h"
 #include "Mem/Atomics.h"
 #include "Mem/Notify.h"
 #include "Mem/ParcelWrapper.h"
@@ -628,9 +629,17 @@ bool ShadowStore<SlotT>::grow(uint32_t slotIndex) {
   // trap per page (hints both; refused, the writes fault as they come).
   slotsMem_.adviseHugePages();
   slotsMem_.prefault(uint64_t(numSlots_) * sizeof(Slot), uint64_t(capacity) * sizeof(Slot));
-  // Grown memory is zero-filled: null links, dead slots (ShadowSlot.h). They
-  // are not written here, which would be one more pass over the whole
-  // array, through the cache, before the sweep's own.
+  // Pages the mapping gains are zero-filled: null links, dead slots
+  // (ShadowSlot.h). They are not written here, which would be one more pass
+  // over the whole array, through the cache, before the sweep's own. The
+  // one exception is the page the old end fell in: it stayed mapped through
+  // any earlier shrink, and slots cut off by that shrink may still lie in
+  // it with their links; those few are made dead.
+  uint64_t const page = Lomi::Util::pageSize();
+  uint64_t const pageEnd = (uint64_t(numSlots_) * sizeof(Slot) + page - 1) / page * page;
+  uint32_t const stale = static_cast<uint32_t>(
+      std::min<uint64_t>(capacity, (pageEnd + sizeof(Slot) - 1) / sizeof(Slot)));
+  for (uint32_t i = numSlots_; i < stale; i++) slots_[i].makeDead();
   numSlots_ = capacity;
   if (old && grown != old) {
     hashMap_.patch(reinterpret_cast<char*>(grown) - reinterpret_cast<char*>(old));
