@@ -193,7 +193,6 @@ class Follower : public Tessel::TesselReader<>::Client {
   std::optional<uint32_t> throwInCallback;
 
  private:
-
   Reader reader_;
   Tessel::TesselReader<> tessel_;
   Mem::Notify<TestKey, TestValue> notify_;
