@@ -633,8 +633,9 @@ bool ShadowStore<SlotT>::grow(uint32_t slotIndex) {
   // (ShadowSlot.h). They are not written here, which would be one more pass
   // over the whole array, through the cache, before the sweep's own. The
   // one exception is the page the old end fell in: it stayed mapped through
-  // any earlier shrink, and slots cut off by that shrink may still lie in
-  // it with their links; those few are made dead.
+  // any earlier shrink, with the slots that shrink cut off. A shrink cuts
+  // only dead slots (at largestOccupied), but a grow that trusted that
+  // would rest on another function's invariant: those few are made dead.
   uint64_t const page = Lomi::Util::pageSize();
   uint64_t const pageEnd = (uint64_t(numSlots_) * sizeof(Slot) + page - 1) / page * page;
   uint32_t const stale = static_cast<uint32_t>(
